@@ -1,0 +1,38 @@
+# SPDX-License-Identifier: Apache-2.0
+find_package(Threads REQUIRED)
+
+find_program(CCACHE ccache)
+if(CCACHE)
+    set(CMAKE_CXX_COMPILER_LAUNCHER ${CCACHE})
+endif()
+
+# Warnings are errors in all code of this tree; sanitizers apply to all of it or to none.
+add_library(corvane_options INTERFACE)
+target_compile_options(corvane_options INTERFACE -Wall -Wextra -Wconversion -Wshadow -Wformat=2 -Werror
+    -fno-strict-aliasing -fstack-protector-strong)
+target_compile_definitions(corvane_options INTERFACE $<$<CONFIG:Release>:_FORTIFY_SOURCE=2>)
+target_link_libraries(corvane_options INTERFACE Threads::Threads)
+if(CORVANE_SANITIZE)
+    target_compile_options(corvane_options INTERFACE -fsanitize=${CORVANE_SANITIZE} -fno-omit-frame-pointer
+        -fno-sanitize-recover=all)
+    target_link_options(corvane_options INTERFACE -fsanitize=${CORVANE_SANITIZE})
+endif()
+
+# corvane_layer(NAME SOURCES... LIBS...): one static library per platform layer.
+function(corvane_layer name)
+    cmake_parse_arguments(ARG "" "" "SOURCES;LIBS" ${ARGN})
+    add_library(${name} STATIC ${ARG_SOURCES})
+    target_include_directories(${name} PUBLIC ${CMAKE_CURRENT_SOURCE_DIR})
+    target_link_libraries(${name} PUBLIC oru_headers PRIVATE corvane_options ${ARG_LIBS})
+endfunction()
+
+# corvane_test(NAME SOURCES... LIBS... [TIMEOUT seconds]): a GoogleTest program whose cases ctest lists one by one.
+function(corvane_test name)
+    cmake_parse_arguments(ARG "" "TIMEOUT" "SOURCES;LIBS" ${ARGN})
+    if(NOT ARG_TIMEOUT)
+        set(ARG_TIMEOUT 60)
+    endif()
+    add_executable(${name} ${ARG_SOURCES})
+    target_link_libraries(${name} PRIVATE ${ARG_LIBS} corvane_options GTest::gtest_main)
+    gtest_discover_tests(${name} TEST_PREFIX "${name}." DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT ${ARG_TIMEOUT})
+endfunction()
