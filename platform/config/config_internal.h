@@ -1,0 +1,11 @@
+// SPDX-License-Identifier: Apache-2.0
+// Shared by the parser and start-up; not for other layers.
+#pragma once
+#include "oru_config.h"
+#include <string>
+
+// Puts the settings in force. Start-up only: no other thread may be reading them.
+void oruConfig_replace(const oruConfig_t &config);
+
+// One error line for the person who starts the daemon. Control characters are replaced (the text may quote the file).
+void oruConfig_reportError(std::string text);

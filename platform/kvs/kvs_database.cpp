@@ -1,0 +1,450 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "kvs_database.h"
+#include "kvs_crc32c.h"
+#include "oru_log.h"
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+constexpr int schema_version = 1;
+
+constexpr const char *schema_sql =
+    "BEGIN IMMEDIATE;"
+    "CREATE TABLE records(\"group\" TEXT NOT NULL, name TEXT NOT NULL, value BLOB NOT NULL, crc32c INTEGER NOT NULL,"
+    " PRIMARY KEY(\"group\", name)) WITHOUT ROWID;"
+    "CREATE TABLE quarantine(id INTEGER PRIMARY KEY, \"group\", name, value, crc32c, reason TEXT, time TEXT);"
+    "PRAGMA user_version=1;"
+    "COMMIT";
+static_assert(schema_version == 1, "schema_sql writes the number too");
+
+// Indexed by kvsStatementId_t.
+constexpr std::array<const char *, KVS_STATEMENT_COUNT> statement_sql = {
+    "SELECT \"group\", name, value, crc32c FROM records WHERE \"group\"=?1 AND name=?2",
+    "INSERT INTO records(\"group\", name, value, crc32c) VALUES(?1, ?2, ?3, ?4)"
+    " ON CONFLICT(\"group\", name) DO UPDATE SET value=excluded.value, crc32c=excluded.crc32c",
+    "DELETE FROM records WHERE \"group\"=?1 AND name=?2",
+    "DELETE FROM records WHERE \"group\"=?1",
+    "SELECT \"group\", name, value, crc32c FROM records",
+    "INSERT INTO quarantine(\"group\", name, value, crc32c, reason, time)"
+    " SELECT \"group\", name, value, crc32c, ?3, strftime('%Y-%m-%dT%H:%M:%SZ', 'now')"
+    " FROM records WHERE \"group\"=?1 AND name=?2",
+};
+
+struct valueCloser_t {
+    void operator()(sqlite3_value *value) const { sqlite3_value_free(value); }
+};
+using value_t = std::unique_ptr<sqlite3_value, valueCloser_t>;
+
+// A record to be moved: its key exactly as stored, whatever type that has.
+struct unsound_t {
+    value_t group;
+    value_t name;
+    std::string key;
+    const char *reason;
+};
+
+// Hands out a prepared statement and gives it back clean, so that no read transaction stays open.
+class statementUse_t {
+public:
+    statementUse_t(kvsDatabase_t &database, kvsStatementId_t id) : statement(database.statements[id].get()) {}
+    statementUse_t(const statementUse_t &) = delete;
+    statementUse_t &operator=(const statementUse_t &) = delete;
+    ~statementUse_t() {
+        (void)sqlite3_reset(statement); // repeats the error of the last step
+        (void)sqlite3_clear_bindings(statement);
+    }
+    // Binding fails only for wrong indices and when memory is short; the step then finds a null and matches or
+    // stores nothing (all columns are NOT NULL).
+    void bindText(int index, std::string_view text) {
+        (void)sqlite3_bind_text(statement, index, text.data(), static_cast<int>(text.size()), SQLITE_STATIC);
+    }
+    void bindKey(const kvsKey_t &key) {
+        bindText(1, key.group);
+        bindText(2, key.name);
+    }
+    int step() { return sqlite3_step(statement); }
+
+    sqlite3_stmt *const statement;
+};
+
+const char *adviceFor(int code) {
+    switch (code & 0xFF) {
+    case SQLITE_FULL:
+        return "; free some space";
+    case SQLITE_READONLY:
+    case SQLITE_PERM:
+    case SQLITE_CANTOPEN:
+        return "; check the owner of the folder and whether it is mounted read-only";
+    case SQLITE_BUSY:
+    case SQLITE_LOCKED:
+        return "; another program has the file locked, close it";
+    case SQLITE_IOERR:
+        return "; check the storage medium";
+    default:
+        return "";
+    }
+}
+
+bool isDamage(int code) {
+    const int primary = code < 0 ? code : code & 0xFF;
+    return primary == SQLITE_CORRUPT || primary == SQLITE_NOTADB || primary == KVS_FOREIGN_FILE;
+}
+
+kvsResult_t execute(sqlite3 *connection, const std::string &path, const char *sql) {
+    if (sqlite3_exec(connection, sql, nullptr, nullptr, nullptr) == SQLITE_OK) {
+        return {};
+    }
+    kvsResult_t failure = kvsConnection_failure(connection, "cannot prepare", path);
+    if (sqlite3_get_autocommit(connection) == 0) {
+        (void)sqlite3_exec(connection, "ROLLBACK", nullptr, nullptr, nullptr); // the failure is what counts
+    }
+    return failure;
+}
+
+// First column of the first row as text.
+kvsResult_t queryText(sqlite3 *connection, const std::string &path, const char *sql, std::string &text) {
+    sqlite3_stmt *raw = nullptr;
+    if (sqlite3_prepare_v2(connection, sql, -1, &raw, nullptr) != SQLITE_OK) {
+        return kvsConnection_failure(connection, "cannot read", path);
+    }
+    const kvsStatement_t statement(raw);
+    if (sqlite3_step(raw) != SQLITE_ROW) {
+        return kvsConnection_failure(connection, "cannot read", path);
+    }
+    const auto *bytes = sqlite3_column_text(raw, 0);
+    text = bytes != nullptr ? reinterpret_cast<const char *>(bytes) : "";
+    return {};
+}
+
+kvsResult_t foreign(const std::string &path, const std::string &what) {
+    return {KVS_FOREIGN_FILE, path + " is not a store of corvane: " + what};
+}
+
+kvsResult_t createOrCheckSchema(sqlite3 *connection, const std::string &path) {
+    std::string version;
+    std::string tables;
+    kvsResult_t result = queryText(connection, path, "PRAGMA user_version", version);
+    if (result.ok()) {
+        result = queryText(connection, path, "SELECT count(*) FROM sqlite_master", tables);
+    }
+    if (!result.ok()) {
+        return result;
+    }
+    const long number = strtol(version.c_str(), nullptr, 10);
+    if (number > schema_version) {
+        return {KVS_NEWER_SCHEMA, "cannot use " + path + ": it was written by a newer release (schema " + version +
+                                      ", this one knows up to " + std::to_string(schema_version) +
+                                      "); install that release again or set another store.directory"};
+    }
+    if (number == 0 && tables == "0") {
+        return kvsConnection_createSchema(connection, path);
+    }
+    return number == schema_version ? kvsResult_t{} : foreign(path, "schema version " + version);
+}
+
+// The full check, not the quick one: only it compares the order of keys, and a key out of order hides its neighbours.
+// It reads the whole file once, some hundred kilobytes.
+kvsResult_t checkIntegrity(sqlite3 *connection, const std::string &path) {
+    std::string verdict;
+    kvsResult_t result = queryText(connection, path, "PRAGMA integrity_check(1)", verdict);
+    if (result.ok() && verdict != "ok") {
+        return {SQLITE_CORRUPT, "cannot use " + path + ": " + verdict};
+    }
+    return result;
+}
+
+kvsResult_t prepareStatements(kvsDatabase_t &database) {
+    for (size_t id = 0; id < KVS_STATEMENT_COUNT; id++) {
+        sqlite3_stmt *raw = nullptr;
+        const int code = sqlite3_prepare_v3(database.connection.get(), statement_sql[id], -1, SQLITE_PREPARE_PERSISTENT,
+                                            &raw, nullptr);
+        database.statements[id].reset(raw);
+        if ((code & 0xFF) == SQLITE_ERROR) { // a table or column is missing
+            return foreign(database.path, sqlite3_errmsg(database.connection.get()));
+        }
+        if (code != SQLITE_OK) {
+            return kvsConnection_failure(database.connection.get(), "cannot read", database.path);
+        }
+    }
+    return {};
+}
+
+// SQLite takes an empty file for a new database and deletes its log; content that was cut off would vanish unseen.
+bool wasEmptied(const std::string &path) {
+    struct stat file = {};
+    struct stat log = {};
+    return stat(path.c_str(), &file) == 0 && file.st_size == 0 && stat((path + "-wal").c_str(), &log) == 0 &&
+           log.st_size > 0;
+}
+
+kvsResult_t openAndCheck(kvsDatabase_t &database, int busy_timeout_ms) {
+    const std::string &path = database.path;
+    kvsResult_t result = kvsFile_create(path);
+    if (result.ok() && wasEmptied(path)) {
+        return {SQLITE_CORRUPT, "cannot use " + path + ": it is empty although its log is not"};
+    }
+    if (result.ok()) {
+        result = kvsConnection_open(database.connection, path, SQLITE_OPEN_READWRITE);
+    }
+    if (!result.ok()) {
+        return result;
+    }
+    sqlite3 *const connection = database.connection.get();
+    (void)sqlite3_busy_timeout(connection, busy_timeout_ms);
+    result = createOrCheckSchema(connection, path);
+    if (result.ok()) {
+        result = checkIntegrity(connection, path);
+    }
+    if (result.ok()) {
+        // 100 pages keep the log below about half a megabyte on small flash.
+        result = execute(connection, path, "PRAGMA journal_mode=WAL; PRAGMA wal_autocheckpoint=100");
+    }
+    // What a crash left in the log is brought home early: one bad block in the log would hide all that follows it.
+    // When that fails (a full medium, a reader elsewhere) the log simply stays.
+    (void)sqlite3_wal_checkpoint_v2(connection, nullptr, SQLITE_CHECKPOINT_TRUNCATE, nullptr, nullptr);
+    return result.ok() ? prepareStatements(database) : result;
+}
+
+kvsResult_t statementFailure(const kvsDatabase_t &database, const char *action) {
+    return kvsConnection_failure(database.connection.get(), action, database.path);
+}
+
+uint32_t recordCrc(const kvsKey_t &key, std::span<const uint8_t> value) {
+    const auto bytes = [](std::string_view text) {
+        return std::span(reinterpret_cast<const uint8_t *>(text.data()), text.size());
+    };
+    uint32_t crc = kvsCrc32c(0, bytes(key.group));
+    crc = kvsCrc32c(crc, bytes("."));
+    crc = kvsCrc32c(crc, bytes(key.name));
+    crc = kvsCrc32c(crc, std::array<uint8_t, 1>{0});
+    return kvsCrc32c(crc, value);
+}
+
+// SQLite wants the pointer before the size, or the size may be that of another encoding.
+std::string_view columnText(sqlite3_stmt *row, int column) {
+    const auto *text = reinterpret_cast<const char *>(sqlite3_column_text(row, column));
+    return text == nullptr ? std::string_view() : std::string_view(text, size_t(sqlite3_column_bytes(row, column)));
+}
+
+std::span<const uint8_t> columnBlob(sqlite3_stmt *row, int column) {
+    const auto *bytes = static_cast<const uint8_t *>(sqlite3_column_blob(row, column));
+    return {bytes, bytes == nullptr ? 0 : size_t(sqlite3_column_bytes(row, column))};
+}
+
+unsound_t unsoundRow(sqlite3_stmt *row, const char *reason) {
+    return {value_t(sqlite3_value_dup(sqlite3_column_value(row, 0))),
+            value_t(sqlite3_value_dup(sqlite3_column_value(row, 1))), kvsRow_key(row), reason};
+}
+
+int moveRecord(kvsDatabase_t &database, const unsound_t &record) {
+    statementUse_t copy(database, KVS_STATEMENT_QUARANTINE);
+    (void)sqlite3_bind_value(copy.statement, 1, record.group.get());
+    (void)sqlite3_bind_value(copy.statement, 2, record.name.get());
+    copy.bindText(3, record.reason);
+    const int code = copy.step();
+    if (code != SQLITE_DONE) {
+        return code;
+    }
+    statementUse_t removal(database, KVS_STATEMENT_REMOVE);
+    (void)sqlite3_bind_value(removal.statement, 1, record.group.get());
+    (void)sqlite3_bind_value(removal.statement, 2, record.name.get());
+    return removal.step();
+}
+
+// Best effort: the caller leaves the record out whether or not the move succeeds.
+void quarantine(kvsDatabase_t &database, const std::vector<unsound_t> &records) {
+    sqlite3 *const connection = database.connection.get();
+    for (const unsound_t &record : records) {
+        int code = sqlite3_exec(connection, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr);
+        if (code == SQLITE_OK) {
+            code = moveRecord(database, record);
+        }
+        if (code == SQLITE_DONE) {
+            code = sqlite3_exec(connection, "COMMIT", nullptr, nullptr, nullptr);
+        }
+        if (sqlite3_get_autocommit(connection) == 0) {
+            (void)sqlite3_exec(connection, "ROLLBACK", nullptr, nullptr, nullptr); // nothing changed then
+        }
+        oruLog_log(ORU_LOG_ID_MAIN, ORU_LOG_ERROR, kvs_log_tag,
+                   "store: record \"%s\" is damaged (%s) and left out; %s table quarantine of %s", record.key.c_str(),
+                   record.reason, code == SQLITE_OK ? "it was moved to" : "it could not be moved to",
+                   database.path.c_str());
+    }
+}
+
+} // namespace
+
+kvsResult_t kvsSystemFailure(const char *action, const std::string &path, int error_number) {
+    const int code = error_number == ENOSPC || error_number == EDQUOT ? SQLITE_FULL : SQLITE_CANTOPEN;
+    return {code, std::string(action) + " " + path + ": " + strerror(error_number) + adviceFor(code)};
+}
+
+kvsResult_t kvsConnection_failure(sqlite3 *connection, const char *action, const std::string &path) {
+    int code = sqlite3_extended_errcode(connection);
+    if (code == SQLITE_OK || code == SQLITE_ROW || code == SQLITE_DONE) {
+        code = SQLITE_ERROR;
+    }
+    return {code, std::string(action) + " " + path + ": " + sqlite3_errmsg(connection) + adviceFor(code)};
+}
+
+kvsResult_t kvsFile_create(const std::string &path) {
+    const int descriptor = open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+    if (descriptor >= 0) {
+        (void)close(descriptor);
+        kvsFile_syncFolder(path);
+        return {};
+    }
+    return errno == EEXIST ? kvsResult_t{} : kvsSystemFailure("cannot create", path, errno);
+}
+
+void kvsFile_syncFolder(const std::string &path) {
+    const std::string folder = path.substr(0, path.rfind('/'));
+    const int descriptor = open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (descriptor >= 0) {
+        (void)fsync(descriptor); // some file systems refuse it for folders; there is nothing better to do then
+        (void)close(descriptor);
+    }
+}
+
+kvsResult_t kvsConnection_open(kvsConnection_t &connection, const std::string &path, int flags) {
+    sqlite3 *raw = nullptr;
+    // The mutex of the store already keeps threads apart.
+    const int code = sqlite3_open_v2(path.c_str(), &raw, flags | SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_EXRESCODE, nullptr);
+    connection.reset(raw);
+    if (raw == nullptr) {
+        return {SQLITE_NOMEM, "cannot open " + path + ": out of memory"};
+    }
+    if (code != SQLITE_OK) {
+        return kvsConnection_failure(raw, "cannot open", path);
+    }
+    // Whatever the file contains, it stays data: no functions run from its schema, sizes are checked before use.
+    // Closing leaves the log alone, so that a damaged file is set aside as it was found.
+    (void)sqlite3_db_config(raw, SQLITE_DBCONFIG_TRUSTED_SCHEMA, 0, nullptr);
+    (void)sqlite3_db_config(raw, SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
+    return execute(raw, path, "PRAGMA cell_size_check=ON; PRAGMA synchronous=FULL; PRAGMA temp_store=MEMORY");
+}
+
+kvsResult_t kvsConnection_createSchema(sqlite3 *connection, const std::string &path) {
+    return execute(connection, path, schema_sql);
+}
+
+const char *kvsRow_fault(sqlite3_stmt *row) {
+    if (sqlite3_column_type(row, 0) != SQLITE_TEXT || sqlite3_column_type(row, 1) != SQLITE_TEXT ||
+        sqlite3_column_type(row, 2) != SQLITE_BLOB || sqlite3_column_type(row, 3) != SQLITE_INTEGER) {
+        return "wrong column type";
+    }
+    if (sqlite3_column_bytes(row, 2) == 0) {
+        return "empty value";
+    }
+    const uint32_t crc = recordCrc({columnText(row, 0), columnText(row, 1)}, columnBlob(row, 2));
+    return sqlite3_column_int64(row, 3) == int64_t{crc} ? nullptr : "checksum mismatch";
+}
+
+std::string kvsRow_key(sqlite3_stmt *row) {
+    return std::string(columnText(row, 0)) + "." + std::string(columnText(row, 1));
+}
+
+kvsResult_t kvsDatabase_open(kvsDatabase_t &database, const std::string &directory, int busy_timeout_ms) {
+    database.path = directory + "/corvane.db";
+    kvsResult_t result = openAndCheck(database, busy_timeout_ms);
+    if (isDamage(result.code)) {
+        kvsDatabase_close(database);
+        result = kvsRebuild_run(database.path, result.text);
+        if (result.ok()) {
+            result = openAndCheck(database, busy_timeout_ms);
+        }
+    }
+    if (!result.ok()) {
+        kvsDatabase_close(database);
+    }
+    return result;
+}
+
+void kvsDatabase_close(kvsDatabase_t &database) {
+    for (kvsStatement_t &statement : database.statements) {
+        statement.reset();
+    }
+    database.connection.reset();
+}
+
+kvsResult_t kvsDatabase_put(kvsDatabase_t &database, const kvsKey_t &key, std::span<const uint8_t> value) {
+    int moved = 0;
+    if (sqlite3_file_control(database.connection.get(), "main", SQLITE_FCNTL_HAS_MOVED, &moved) == SQLITE_OK &&
+        moved != 0) {
+        return {KVS_MOVED, "cannot write " + database.path + ": it was moved or deleted while in use"};
+    }
+    {
+        statementUse_t stored(database, KVS_STATEMENT_GET);
+        stored.bindKey(key);
+        if (stored.step() == SQLITE_ROW && kvsRow_fault(stored.statement) == nullptr &&
+            std::ranges::equal(columnBlob(stored.statement, 2), value)) {
+            return {};
+        }
+    }
+    statementUse_t put(database, KVS_STATEMENT_PUT);
+    put.bindKey(key);
+    (void)sqlite3_bind_blob(put.statement, 3, value.data(), static_cast<int>(value.size()), SQLITE_STATIC);
+    (void)sqlite3_bind_int64(put.statement, 4, int64_t{recordCrc(key, value)});
+    return put.step() == SQLITE_DONE ? kvsResult_t{} : statementFailure(database, "cannot write");
+}
+
+kvsResult_t kvsDatabase_get(kvsDatabase_t &database, const kvsKey_t &key, std::span<uint8_t> buffer, size_t &copied) {
+    copied = 0;
+    std::vector<unsound_t> unsound;
+    {
+        statementUse_t get(database, KVS_STATEMENT_GET);
+        get.bindKey(key);
+        const int code = get.step();
+        if (code != SQLITE_ROW) {
+            return code == SQLITE_DONE ? kvsResult_t{} : statementFailure(database, "cannot read");
+        }
+        if (const char *fault = kvsRow_fault(get.statement)) {
+            unsound.push_back(unsoundRow(get.statement, fault));
+        } else {
+            const auto value = columnBlob(get.statement, 2);
+            copied = std::min(value.size(), buffer.size());
+            std::copy_n(value.begin(), copied, buffer.begin());
+        }
+    }
+    quarantine(database, unsound);
+    return {};
+}
+
+kvsResult_t kvsDatabase_remove(kvsDatabase_t &database, const kvsKey_t &key) {
+    statementUse_t removal(database, KVS_STATEMENT_REMOVE);
+    removal.bindKey(key);
+    return removal.step() == SQLITE_DONE ? kvsResult_t{} : statementFailure(database, "cannot write");
+}
+
+kvsResult_t kvsDatabase_eraseGroup(kvsDatabase_t &database, std::string_view group) {
+    statementUse_t erasure(database, KVS_STATEMENT_ERASE_GROUP);
+    erasure.bindText(1, group);
+    return erasure.step() == SQLITE_DONE ? kvsResult_t{} : statementFailure(database, "cannot write");
+}
+
+kvsResult_t kvsDatabase_listNames(kvsDatabase_t &database, std::string_view group, std::set<std::string> &names) {
+    std::vector<unsound_t> unsound;
+    {
+        statementUse_t scan(database, KVS_STATEMENT_SCAN);
+        int code = scan.step();
+        for (; code == SQLITE_ROW; code = scan.step()) {
+            if (const char *fault = kvsRow_fault(scan.statement)) {
+                unsound.push_back(unsoundRow(scan.statement, fault));
+            } else if (columnText(scan.statement, 0) == group) {
+                names.emplace(columnText(scan.statement, 1));
+            }
+        }
+        if (code != SQLITE_DONE) {
+            return statementFailure(database, "cannot read");
+        }
+    }
+    quarantine(database, unsound);
+    return {};
+}
