@@ -1,0 +1,225 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Delivery of notes to handlers, time-outs and the receive thread.
+#include "client_impl.h"
+#include <algorithm>
+#include <csignal>
+#include <poll.h>
+#include <sys/timerfd.h>
+#include <system_error>
+#include <unistd.h>
+
+namespace corvane {
+
+void Client::Impl::onEvent(EventHandler handler) {
+    const Lock lock(mutex_);
+    on_event_ = handler ? std::make_shared<const EventHandler>(std::move(handler)) : nullptr;
+}
+
+void Client::Impl::onConnection(ConnectionHandler handler) {
+    const Lock lock(mutex_);
+    on_connection_ = handler ? std::make_shared<const ConnectionHandler>(std::move(handler)) : nullptr;
+}
+
+uint64_t Client::Impl::droppedEvents() {
+    const Lock lock(mutex_);
+    return dropped_events_;
+}
+
+std::size_t Client::Impl::poll(Milliseconds timeout) {
+    return dispatch(after(timeout), Waiter::Poll);
+}
+
+bool Client::Impl::pollUntil(const std::function<bool()> &done, Milliseconds timeout) {
+    const auto deadline = after(timeout);
+    while (!done()) {
+        const bool called = dispatch(deadline, Waiter::PollUntil) != 0;
+        if (!called && Clock::now() >= deadline) {
+            return done();
+        }
+    }
+    return true;
+}
+
+// Waits until there is something to deliver or the time is up. One thread delivers at a time; a second one waits for
+// its turn, a handler that comes here gets nothing.
+std::size_t Client::Impl::dispatch(TimePoint deadline, Waiter waiter) {
+    Lock lock(mutex_);
+    if (delivering_ == std::this_thread::get_id()) {
+        return 0;
+    }
+    while (waiter != Waiter::ReceiveThread || !stop_requested_) {
+        expire();
+        reconnectIfDue(lock);
+        if (!reader_) {
+            receiveAvailable();
+        }
+        const bool my_turn = delivering_ == std::thread::id{};
+        if (!notes_.empty() && my_turn) {
+            return deliver(lock);
+        }
+        const bool pointless = waiter == Waiter::Poll && !link_ && !reconnect_wanted_;
+        if (pointless || Clock::now() >= deadline) {
+            return 0;
+        }
+        if (reader_ || !my_turn || connecting_) {
+            changed_.wait_until(lock, std::min(deadline, armed_));
+        } else {
+            waitForSocket(lock, epoll_.get(), deadline);
+        }
+    }
+    return 0;
+}
+
+// Those that wait now; what handlers add is for the next turn.
+std::size_t Client::Impl::deliver(Lock &lock) {
+    delivering_ = std::this_thread::get_id();
+    std::size_t called = 0;
+    for (std::size_t waiting = notes_.size(); waiting > 0 && !notes_.empty(); --waiting) {
+        deliverFirst(lock);
+        ++called;
+    }
+    delivering_ = {};
+    if (notes_.empty()) {
+        clearWake();
+    }
+    changed_.notify_all();
+    return called;
+}
+
+void Client::Impl::deliverFirst(Lock &lock) {
+    {
+        const Note note = std::move(notes_.front());
+        notes_.pop_front();
+        queued_events_ -= std::holds_alternative<EventNote>(note) ? 1U : 0U;
+        const auto on_event = on_event_;
+        const auto on_connection = on_connection_;
+        lock.unlock();
+        call(note, on_event.get(), on_connection.get());
+        // What the handlers hold is released here, outside the lock: it may use the Client.
+    }
+    lock.lock();
+}
+
+void Client::Impl::call(const Note &note, const EventHandler *on_event,
+                        const ConnectionHandler *on_connection) noexcept {
+    if (const auto *event = std::get_if<EventNote>(&note)) {
+        if (on_event != nullptr) {
+            (*on_event)(Event{event->id, event->payload});
+        }
+    } else if (const auto *completion = std::get_if<CompletionNote>(&note)) {
+        completion->done(completion->result);
+    } else if (const auto *connection = std::get_if<ConnectionNote>(&note)) {
+        if (on_connection != nullptr) {
+            (*on_connection)(connection->connected, connection->reason);
+        }
+    }
+}
+
+void Client::Impl::addNote(Note note) {
+    notes_.push_back(std::move(note));
+    setWake();
+    changed_.notify_all();
+}
+
+void Client::Impl::setWake() {
+    if (!wake_set_) {
+        const uint64_t one = 1;
+        (void)!::write(wake_.get(), &one, sizeof one);
+        wake_set_ = true;
+    }
+}
+
+void Client::Impl::clearWake() {
+    if (wake_set_) {
+        uint64_t ignored = 0;
+        (void)!::read(wake_.get(), &ignored, sizeof ignored);
+        wake_set_ = false;
+    }
+}
+
+// The timer may go off for a call that is over; then nothing is due and the next deadline is set.
+void Client::Impl::expire() {
+    const auto now = Clock::now();
+    if (now < armed_) {
+        return;
+    }
+    armed_ = NEVER;
+    uint64_t ignored = 0;
+    (void)!::read(timer_.get(), &ignored, sizeof ignored);
+    TimePoint next = !link_ && reconnect_wanted_ && next_attempt_ > now ? next_attempt_ : NEVER;
+    for (auto call = async_calls_.begin(); call != async_calls_.end();) {
+        const auto current = call++;
+        if (current->second.deadline <= now) {
+            completeAsync(current, {{Transport::TimedOut, ORU_STATUS_OK}, {}});
+        } else {
+            next = std::min(next, current->second.deadline);
+        }
+    }
+    arm(next);
+}
+
+void Client::Impl::arm(TimePoint deadline) {
+    if (deadline >= armed_) {
+        return;
+    }
+    armed_ = deadline;
+    const auto since = std::max(deadline.time_since_epoch(), Clock::duration(1)); // zero would disarm
+    const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(since);
+    const itimerspec setting{
+        {},
+        {static_cast<time_t>(seconds.count()), static_cast<long>(std::chrono::nanoseconds(since - seconds).count())}};
+    ::timerfd_settime(timer_.get(), TFD_TIMER_ABSTIME, &setting, nullptr);
+    changed_.notify_all();
+}
+
+// ---------------------------------------------------------------- receive thread
+
+bool Client::Impl::start() {
+    const Lock lock(mutex_);
+    if (thread_.joinable() || stop_requested_) {
+        return false;
+    }
+    // Signals are the program's, not this thread's.
+    sigset_t all;
+    sigset_t former;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &former);
+    try {
+        thread_ = std::thread([this] { receiveLoop(); });
+    } catch (const std::system_error &) {
+        // thread_ stays without a thread
+    }
+    pthread_sigmask(SIG_SETMASK, &former, nullptr);
+    return thread_.joinable();
+}
+
+void Client::Impl::stop() {
+    Lock lock(mutex_);
+    if (!thread_.joinable()) {
+        return;
+    }
+    auto thread = std::move(thread_);
+    stop_requested_ = true;
+    setWake();
+    changed_.notify_all();
+    lock.unlock();
+    thread.join();
+    lock.lock();
+    stop_requested_ = false;
+    if (notes_.empty()) {
+        clearWake();
+    }
+}
+
+void Client::Impl::receiveLoop() {
+    for (;;) {
+        dispatch(NEVER, Waiter::ReceiveThread);
+        const Lock lock(mutex_);
+        if (stop_requested_) {
+            return;
+        }
+    }
+}
+
+} // namespace corvane

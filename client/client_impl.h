@@ -1,0 +1,150 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The engine of a Client.
+//
+// Reading. There is no reader by profession: whoever waits (a synchronous caller, poll(), the receive thread) and finds
+// nobody reading takes the reader's role, waits for the socket without the lock, then takes all frames that are there
+// under the lock and wakes the others. So a synchronous call works with and without a receive thread, and inside a
+// handler.
+//
+// Delivery. Frames that end in a handler become notes in a queue; only poll() and the receive thread take notes out and
+// call handlers, one at a time, without the lock.
+//
+// Asynchronous calls. OPEN (sent, not yet taken over) -> TAKEN [acceptAsync] -> note [completeAsync: callback,
+// time-out, lost connection]. A callback may overtake the answer that takes the call over; it is kept until then. A
+// call that is not taken over is forgotten without a note, its caller has the result.
+#pragma once
+#include "client_link.h"
+#include <condition_variable>
+#include <deque>
+#include <map>
+#include <mutex>
+#include <thread>
+#include <variant>
+
+namespace corvane {
+
+class Client::Impl {
+public:
+    Impl();
+    ~Impl();
+
+    Outcome connect(const Options &options);
+    void disconnect();
+    bool connected();
+    uint16_t clientId();
+    void onEvent(EventHandler handler);
+    void onConnection(ConnectionHandler handler);
+
+    std::size_t poll(Milliseconds timeout);
+    bool pollUntil(const std::function<bool()> &done, Milliseconds timeout);
+    int fileDescriptor() const { return epoll_.get(); }
+    bool start();
+    void stop();
+    uint64_t droppedEvents();
+
+    Outcome callSync(uint16_t function_id, Bytes in, std::span<uint8_t> out);
+    Outcome callAsync(uint16_t function_id, Bytes payload, RawCompletion done, Milliseconds timeout);
+
+private:
+    using Lock = std::unique_lock<std::mutex>;
+
+    struct OpenCall { // lives in the frame of the waiting caller
+        uint32_t sequence = 0;
+        uint16_t callback_id = ORU_ZB_NO_CALLBACK; // asynchronous calls
+        std::span<uint8_t> out;
+        Outcome outcome;
+        bool done = false;
+    };
+    struct AsyncCall {
+        RawCompletion done;
+        Milliseconds timeout{};
+        TimePoint deadline = NEVER; // from being taken over on
+        bool taken = false;
+        std::optional<CallbackResult> early;
+    };
+    struct EventNote {
+        uint16_t id;
+        std::vector<uint8_t> payload;
+    };
+    struct CompletionNote {
+        RawCompletion done;
+        CallbackResult result;
+    };
+    struct ConnectionNote {
+        bool connected;
+        Outcome reason;
+    };
+    using Note = std::variant<EventNote, CompletionNote, ConnectionNote>;
+
+    // calls
+    Outcome transact(Lock &lock, oipc::FrameHeader header, Bytes payload, OpenCall &call);
+    uint16_t nextCallbackId();
+    Outcome notConnected() const;
+
+    // reading
+    void waitForSocket(Lock &lock, int fd, TimePoint deadline);
+    void receiveAvailable();
+    void handle(const Frame &frame);
+    void handleResult(const Frame &frame);
+    void handleEvent(const Frame &frame);
+    void handleCallback(const Frame &frame);
+    void acceptAsync(uint16_t callback_id);
+    void completeAsync(std::map<uint16_t, AsyncCall>::iterator call, CallbackResult result);
+
+    // connection
+    void install(std::shared_ptr<Link> link);
+    void drop(const Outcome &reason);
+    void scheduleReconnect();
+    void reconnectIfDue(Lock &lock);
+    Outcome attempt(Lock &lock);
+
+    // delivery
+    enum class Waiter : uint8_t { Poll, PollUntil, ReceiveThread };
+    std::size_t dispatch(TimePoint deadline, Waiter waiter);
+    std::size_t deliver(Lock &lock);
+    void deliverFirst(Lock &lock);
+    static void call(const Note &note, const EventHandler *on_event, const ConnectionHandler *on_connection) noexcept;
+    void expire();
+    void arm(TimePoint deadline);
+    void addNote(Note note);
+    void setWake();
+    void clearWake();
+    void receiveLoop();
+
+    Descriptor epoll_; // what fileDescriptor() shows: the link's socket, wake_ and timer_
+    Descriptor wake_;  // set while notes wait, and by stop()
+    Descriptor timer_; // the next deadline of dispatch()
+
+    std::mutex mutex_; // guards everything below
+    std::condition_variable changed_;
+    Options options_;
+    std::shared_ptr<Link> link_;
+    Outcome last_failure_{Transport::NoService, ORU_STATUS_OK};
+    bool connecting_ = false;
+    bool reader_ = false; // somebody waits for the socket
+    bool wake_set_ = false;
+    FrameBuffer buffer_{};
+
+    bool reconnect_wanted_ = false;
+    TimePoint next_attempt_ = NEVER;
+    Milliseconds pause_{};
+
+    uint32_t sequence_ = 0;
+    std::vector<OpenCall *> open_calls_;
+    uint16_t last_callback_id_ = LAST_CALLBACK_ID;
+    std::map<uint16_t, AsyncCall> async_calls_; // by callback id
+    TimePoint armed_ = NEVER;
+
+    std::deque<Note> notes_;
+    std::size_t queued_events_ = 0;
+    uint64_t dropped_events_ = 0;
+    std::shared_ptr<const EventHandler> on_event_;
+    std::shared_ptr<const ConnectionHandler> on_connection_;
+    std::thread::id delivering_; // thread that runs handlers now
+
+    std::thread thread_;
+    bool stop_requested_ = false; // until stop() has joined the thread
+};
+
+} // namespace corvane

@@ -1,0 +1,145 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "client_link.h"
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+namespace corvane {
+
+TimePoint after(Milliseconds timeout) {
+    const auto now = Clock::now();
+    const auto left = std::chrono::duration_cast<Milliseconds>(NEVER - now);
+    return timeout >= left ? NEVER : now + std::max(timeout, Milliseconds::zero());
+}
+
+Descriptor::~Descriptor() {
+    if (fd_ >= 0) {
+        ::close(fd_);
+    }
+}
+
+bool waitFor(int fd, short events, TimePoint deadline) {
+    pollfd entry{fd, events, 0};
+    for (;;) {
+        const auto left = std::max(deadline - Clock::now(), Clock::duration::zero());
+        const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(left);
+        const timespec limit{static_cast<time_t>(seconds.count()),
+                             static_cast<long>(std::chrono::nanoseconds(left - seconds).count())};
+        const int count = ::ppoll(&entry, 1, deadline == NEVER ? nullptr : &limit, nullptr);
+        if (count >= 0 || errno != EINTR) {
+            return count > 0;
+        }
+    }
+}
+
+namespace {
+
+bool setSendTimeout(int fd, Milliseconds timeout) {
+    const auto bounded = std::clamp(timeout, Milliseconds(1), Milliseconds(std::chrono::hours(24)));
+    const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(bounded);
+    const timeval limit{static_cast<time_t>(seconds.count()),
+                        static_cast<suseconds_t>(std::chrono::microseconds(bounded - seconds).count())};
+    return ::setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit) == 0;
+}
+
+bool connectTo(int fd, const sockaddr_un &address) {
+    while (::connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0) {
+        if (errno != EINTR) {
+            return false;
+        }
+    }
+    return true;
+}
+
+iovec part(Bytes bytes) {
+    return {const_cast<uint8_t *>(bytes.data()), bytes.size()};
+}
+
+} // namespace
+
+Outcome Link::open(const std::string &path, Milliseconds timeout, std::shared_ptr<Link> &link) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    if (path.empty() || path.size() >= sizeof address.sun_path) {
+        return {Transport::Invalid, ORU_STATUS_PARAM_OUT_OF_RANGE};
+    }
+    std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
+    const auto deadline = after(timeout);
+    auto candidate = std::make_shared<Link>(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+    // The time limit of sending is that of connecting, too: it waits while the service's backlog is full.
+    if (!setSendTimeout(candidate->fd(), timeout) || !connectTo(candidate->fd(), address)) {
+        return {errno == EAGAIN ? Transport::TimedOut : Transport::NoService, ORU_STATUS_OK};
+    }
+    const auto outcome = candidate->greet(deadline);
+    if (outcome.ok()) {
+        link = std::move(candidate);
+    }
+    return outcome;
+}
+
+Outcome Link::greet(TimePoint deadline) {
+    FrameBuffer buffer;
+    Frame frame;
+    if (!waitFor(fd(), POLLIN, deadline)) {
+        return {Transport::TimedOut, ORU_STATUS_OK};
+    }
+    if (receive(buffer, frame) != Received::Frame) {
+        return {Transport::ConnectionLost, ORU_STATUS_OK};
+    }
+    oipc::Hello hello;
+    if (frame.header.type == oipc::FrameType::Hello && oipc::decodeHello(frame.payload, hello)) {
+        client_id_ = hello.client_id;
+        return {};
+    }
+    const bool refused = frame.header.type == oipc::FrameType::Refusal;
+    return {refused ? Transport::Refused : Transport::ConnectionLost, refused ? frame.header.status : ORU_STATUS_OK};
+}
+
+Transport Link::send(const oipc::FrameHeader &header, Bytes payload, TimePoint deadline) const {
+    const auto encoded = oipc::encodeHeader(header);
+    std::array parts{part(encoded), part(payload)};
+    msghdr message{};
+    message.msg_iov = parts.data();
+    message.msg_iovlen = parts.size();
+    while (::sendmsg(fd(), &message, MSG_NOSIGNAL | MSG_DONTWAIT) < 0) {
+        if (errno == EAGAIN) {
+            if (!waitFor(fd(), POLLOUT, deadline)) {
+                return Transport::TimedOut;
+            }
+        } else if (errno != EINTR) {
+            return Transport::ConnectionLost;
+        }
+    }
+    return Transport::Ok;
+}
+
+Link::Received Link::receive(FrameBuffer &buffer, Frame &frame) const {
+    ssize_t count = 0;
+    do {
+        count = ::recv(fd(), buffer.data(), buffer.size(), MSG_DONTWAIT | MSG_TRUNC);
+    } while (count < 0 && errno == EINTR);
+    if (count < 0 && errno == EAGAIN) {
+        return Received::Nothing;
+    }
+    if (count <= 0) {
+        return Received::Closed;
+    }
+    const auto size = static_cast<std::size_t>(count);
+    const Bytes bytes = Bytes(buffer).first(std::min(size, buffer.size()));
+    if (oipc::decodeHeader(bytes, size, frame.header) != oipc::Reason::None) {
+        return Received::Closed;
+    }
+    frame.payload = bytes.subspan(oipc::HEADER_SIZE);
+    return Received::Frame;
+}
+
+void Link::shutdown() const {
+    ::shutdown(fd(), SHUT_RDWR);
+}
+
+} // namespace corvane

@@ -1,0 +1,66 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// One connection to the service: frames in and out of its socket, nothing remembered about calls.
+#pragma once
+#include "corvane_client.h"
+#include "oipc_wire.h"
+
+namespace corvane {
+
+using Clock = std::chrono::steady_clock;
+using TimePoint = Clock::time_point;
+
+// A time so far away that nothing waits for it; added to without overflow by nobody.
+constexpr TimePoint NEVER = TimePoint::max();
+
+TimePoint after(Milliseconds timeout); // saturates at NEVER; negative counts as zero
+
+// A file descriptor that closes itself.
+class Descriptor {
+public:
+    explicit Descriptor(int fd = -1) : fd_(fd) {}
+    ~Descriptor();
+    Descriptor(const Descriptor &) = delete;
+    Descriptor &operator=(const Descriptor &) = delete;
+    int get() const { return fd_; }
+
+private:
+    int fd_;
+};
+
+// Waits until `fd` has one of the poll events or hangs up. False when the time was up first.
+bool waitFor(int fd, short events, TimePoint deadline);
+
+struct Frame {
+    oipc::FrameHeader header;
+    Bytes payload;
+};
+using FrameBuffer = std::array<uint8_t, oipc::MAX_FRAME>;
+
+class Link {
+public:
+    // Connects and reads the greeting.
+    static Outcome open(const std::string &path, Milliseconds timeout, std::shared_ptr<Link> &link);
+
+    explicit Link(int fd) : fd_(fd) {}
+    int fd() const { return fd_.get(); }
+    uint16_t clientId() const { return client_id_; }
+
+    // One frame is one message, so threads may send at the same time. TimedOut when the socket stays full;
+    // ConnectionLost when the service has closed its end (what it said last can still be received).
+    Transport send(const oipc::FrameHeader &header, Bytes payload, TimePoint deadline) const;
+
+    enum class Received : uint8_t { Frame, Nothing, Closed };
+    // Never waits. The frame's payload lies in `buffer`. A malformed frame counts as closed.
+    Received receive(FrameBuffer &buffer, Frame &frame) const;
+
+    void shutdown() const; // wakes whoever waits for the socket
+
+private:
+    Outcome greet(TimePoint deadline);
+
+    Descriptor fd_;
+    uint16_t client_id_ = 0;
+};
+
+} // namespace corvane

@@ -1,0 +1,235 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// libcorvane-client: talk to the corvane Zigbee service from C++20. A whole program:
+//
+//     corvane::Client client;
+//     client.onEvent([](const corvane::Event &e) { std::puts(corvane::eventName(e.id)); });
+//     if (auto up = client.connect(); !up.ok()) { std::puts(up.describe().c_str()); return 1; }
+//     auto info = client.networkInfo();                     // synchronous: waits for the answer
+//     if (info.ok()) std::printf("channel %d\n", info.value.channel);
+//     client.formNetworkManual(15, [](const corvane::Outcome &o) { std::puts(o.describe().c_str()); });
+//     for (;;) client.poll(std::chrono::seconds(1));        // delivers callbacks and events
+//
+// Results. Every call returns an Outcome (or Result<T>, an Outcome with a value): `transport` tells whether the service
+// answered at all, `status` what it answered (an oru_status_t, 0 = good). Nothing here throws; running out of memory
+// ends the process. A handler of yours that throws ends it too.
+//
+// Threads. Every member may be called from any thread, except where noted. The service answers the calls of one
+// connection one after the other; use several Clients where a slow call must not hold up a quick one.
+//
+// Handlers (completions, onEvent, onConnection) run one at a time, only inside poll()/pollUntil(), or on the thread
+// that start() creates; never inside any other call. A handler may call every member except poll(), pollUntil(),
+// start(), stop() and the destructor. Do one or the other soon after connecting: the service disconnects a client
+// that leaves its messages unread.
+#pragma once
+#include "oru_status.h"
+#include "oru_zigbee_api.h"
+#include <array>
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace corvane {
+
+using Milliseconds = std::chrono::milliseconds;
+using Bytes = std::span<const uint8_t>;
+using Eui64 = std::array<uint8_t, 8>; // most significant byte first
+
+// How a call fared on its way to the service and back. Only with Ok does the status come from the service.
+enum class Transport : uint8_t {
+    Ok,             // the service answered
+    NoService,      // nobody listens on the socket, or the path is wrong or not accessible
+    Refused,        // the service turned the connection away: too many clients (-15), user not allowed (-11), bad frame
+    TimedOut,       // no answer in time; the service may still carry the call out
+    ConnectionLost, // the connection ended before the answer came; the service may have carried the call out
+    Invalid,        // refused by this library: an argument that cannot be sent (status says why)
+};
+
+struct Outcome {
+    Transport transport = Transport::Ok;
+    oru_status_t status = ORU_STATUS_OK;
+
+    bool ok() const { return transport == Transport::Ok && status == ORU_STATUS_OK; }
+    bool answered() const { return transport == Transport::Ok; }
+    std::string describe() const; // "ok", "busy (-15): ...", "no service: ..."
+};
+
+template <class T>
+struct Result : Outcome {
+    T value{}; // meaningful when ok(); partly filled values are described with the call
+};
+
+// An event of the service. The payload is valid during the handler only.
+struct Event {
+    uint16_t id = 0; // ORU_ZB_SVC_..., names through eventName()
+    Bytes payload;
+
+    // The payload as a record; nothing when the event carries another one.
+    std::optional<oruZb_device_t> device() const;             // joined, rejoined, left, discovered
+    std::optional<oruZb_clusterCmd_t> command() const;        // command outcomes and incoming messages
+    std::optional<oruZb_interpanResponse_t> interpan() const; // inter-PAN completion
+};
+
+// What a raw asynchronous call delivers: an answered outcome has status 0 and the callback's bytes.
+struct CallbackResult : Outcome {
+    std::vector<uint8_t> payload;
+};
+
+using EventHandler = std::function<void(const Event &)>;
+using ConnectionHandler = std::function<void(bool connected, const Outcome &reason)>;
+using Completion = std::function<void(const Outcome &)>;
+using PingCompletion = std::function<void(const Result<std::string> &)>;
+using RawCompletion = std::function<void(const CallbackResult &)>;
+
+struct NodePage {
+    std::vector<oruZb_nodeInfo_t> nodes; // `type` is not set by the service
+    uint32_t next = 0;                   // list position after the last node
+    bool more = false;                   // the service knows more nodes, from position `next` on
+};
+
+// The socket that a client uses when Options names none: $CORVANE_SOCKET, else $RUNTIME_DIRECTORY/corvane.sock, else
+// /run/corvane/corvane.sock.
+std::string defaultSocketPath();
+
+struct Options {
+    std::string socket_path;                // empty: defaultSocketPath()
+    Milliseconds connect_timeout{5000};     // until the service's greeting
+    Milliseconds call_timeout{30000};       // of synchronous calls, and until an asynchronous call is taken over
+    Milliseconds completion_timeout{60000}; // of asynchronous calls; some are never answered, see below
+    bool auto_reconnect = false;            // try again after a lost connection, in poll() or the receive thread
+    Milliseconds reconnect_min{250};        // first pause, doubled after each failure ...
+    Milliseconds reconnect_max{15000};      // ... up to this
+    std::size_t max_queued = 4096;          // undelivered events kept; the oldest are dropped, see droppedEvents()
+};
+
+class Client {
+public:
+    Client();
+    ~Client(); // stops the receive thread; open completions are dropped without being called
+    Client(const Client &) = delete;
+    Client &operator=(const Client &) = delete;
+
+    // ------------------------------------------------------------ connection
+    // Connects and waits for the greeting. With auto_reconnect a failure is returned as well, but tried again later.
+    // A second connect() replaces the first connection.
+    Outcome connect(const Options &options = {});
+    // Ends the connection: waiting calls and open completions end with ConnectionLost. No reconnection follows.
+    void disconnect();
+    bool connected() const;
+    uint16_t clientId() const; // given by the service for this connection; 0 when not connected
+
+    // Set handlers before connect(). They replace the former ones.
+    void onEvent(EventHandler handler);
+    void onConnection(ConnectionHandler handler); // each time a connection comes up or ends
+
+    // ------------------------------------------------------------ delivery, single-threaded
+    // Waits up to `timeout` for something to deliver and delivers all that is there. Returns the number of handlers
+    // called. Without auto_reconnect a lost connection makes it return at once: look at connected().
+    std::size_t poll(Milliseconds timeout);
+    // Polls until `done` returns true (true) or the time is up (false). `done` is asked on the calling thread.
+    bool pollUntil(const std::function<bool()> &done, Milliseconds timeout);
+    // A descriptor that is readable whenever poll(0) has work, for a main loop of your own; the same for the Client's
+    // whole life, owned by it.
+    int fileDescriptor() const;
+
+    // ------------------------------------------------------------ delivery, own thread
+    bool start(); // false when the thread runs already or cannot be created
+    void stop();  // returns when the last handler has returned
+
+    std::uint64_t droppedEvents() const; // events lost because max_queued was reached
+
+    // ------------------------------------------------------------ synchronous calls
+    Result<std::string> ping(); // answered by the service itself, without its main loop: "pong"
+    Result<std::string>
+    serverPing(); // through the main loop and the adapter: "spong", or "serror" if the adapter fails
+    Result<oruZb_adapterState_t> adapterState();
+    Result<oruZb_networkInfo_t> networkInfo(); // without a network: channel 255, all bits of panid set
+    Result<oruZb_adapterInfo_t> adapterInfo();
+    Result<oruZb_nodeInfo_t> localNode(); // the coordinator
+    Outcome permitJoin(bool open);
+
+    Result<uint32_t> deviceCount();
+    Result<oruZb_device_t> deviceByIndex(uint32_t index); // list position from 0; -8: none there
+    Result<oruZb_device_t> deviceByNodeId(uint16_t node_id);
+    Result<oruZb_device_t> deviceByEui64(const Eui64 &eui64);
+    // Known devices from list position `start`, at most `max`, in as many calls as needed. ok() also when fewer (or
+    // none) are left; on a failure the nodes read so far stay in the value.
+    Result<NodePage> connectedNodes(uint32_t start = 0, std::size_t max = SIZE_MAX);
+
+    // Sends a ZCL frame and returns when the adapter has taken it. The value is the command as the service completed
+    // it (confirmation_id, status). Whether it arrived is told by the events ORU_ZB_SVC_SENDCMD_SUCCESS and the like.
+    Result<oruZb_clusterCmd_t> sendCommand(const oruZb_clusterCmd_t &command);
+    // ZDO Bind_req: `body` is the request's body after the sequence number, at most 80 bytes.
+    Outcome bind(uint16_t node_id, Bytes body);
+
+    Outcome setRadioPower(int8_t dbm);
+    Outcome setRegion(std::string_view country_code); // ISO 3166 alpha-2, for example "DE"; "WW" world-wide
+    Outcome setBurstSize(uint32_t commands);          // commands under way at a time; adapter must not be on
+    Outcome setThrottleTimeout(Milliseconds timeout); // longest wait for a place in the burst
+    Outcome ztsAdd(std::span<const oruZb_ztsDeviceInfo_t> devices); // any number, in as many calls as needed
+    Outcome ztsClear();
+    Result<oruZb_counters_t> ptaCounters(bool clear); // packet traffic arbitration; clear: and set them to zero
+    Result<std::vector<oruZb_childTableEntry_t>> children();
+    Result<std::vector<oruZb_routeTableEntry_t>> routes();
+    Result<std::vector<oruZb_neighborTableEntry_t>> neighbors();
+
+    // Any synchronous function by its id. `in` (at most 4096 bytes) is sent, `out` receives the payload's bytes after
+    // the call: the service writes in place, so as many come back as were sent; the rest of `out` is left alone.
+    Outcome callSync(uint16_t function_id, Bytes in, std::span<uint8_t> out);
+
+    // ------------------------------------------------------------ asynchronous calls
+    // The return value tells whether the service took the call over. If it did (ok()), `done` is called exactly once:
+    // with the service's status, with TimedOut after Options::completion_timeout, or with ConnectionLost; if it did
+    // not, `done` is never called. An empty `done` asks for no callback.
+    // Never answered by the service, so `done` sees TimedOut: disableRadio while the adapter is off or turning off,
+    // nodeLeave for an unknown node, formNetworkManual with a channel outside 11 to 26.
+    Outcome asyncPing(PingCompletion done); // "apong"
+    Outcome formNetworkAuto(const std::optional<oruZb_coexParams_t> &coex, Completion done);
+    Outcome formNetworkManual(uint8_t channel, Completion done);
+    Outcome clearNetwork(Completion done); // all devices and the coordinator leave
+    Outcome enableRadio(Completion done);
+    Outcome disableRadio(Completion done);
+    Outcome resetAdapter(Completion done);
+    Outcome sendCommandAsync(const oruZb_clusterCmd_t &command, Completion done);
+    Outcome nodeLeave(const oruZb_nodeInfo_t &node, Completion done); // `id` and the EUI-64 name the node
+    Outcome sendInterpan(const oruZb_interpan_t &message, Completion done);
+    Outcome ztsEnable(Completion done);
+    Outcome ztsDisable(Completion done);
+    Outcome startScan(const oruZb_scan_t &scan, Completion done);
+
+    // Any asynchronous function by its id. `timeout` zero: Options::completion_timeout.
+    Outcome callAsync(uint16_t function_id, Bytes payload, RawCompletion done, Milliseconds timeout = {});
+
+private:
+    class Impl;
+    std::unique_ptr<Impl> impl_;
+};
+
+// Callback ids that this library hands out, in rotation; an id is not used again while its call is open. Outside every
+// range that the service or its clients name, and never ORU_ZB_NO_CALLBACK.
+constexpr uint16_t FIRST_CALLBACK_ID = 0x9000;
+constexpr uint16_t LAST_CALLBACK_ID = 0xEFFF;
+
+// ---------------------------------------------------------------- names for people
+// Static texts; "unknown" for a value that has no name.
+const char *statusName(oru_status_t status);    // "BUSY"; positive values are names of clusterCommandStatusName
+const char *statusMeaning(oru_status_t status); // a sentence: what it means and what to do
+const char *transportName(Transport transport);
+const char *functionName(uint16_t function_id); // "PERMITJOIN_START"
+const char *eventName(uint16_t event_id);       // "DEVICE_JOINED"
+const char *adapterStateName(oruZb_adapterState_t state);
+const char *clusterCommandStatusName(oruZb_clusterCommandStatus_t status); // "APS_NO_ACK"
+const char *nodeTypeName(oruZb_nodeType_t type);
+
+// The listings behind the names, for completion and help: every status and every function that can be asked for.
+std::span<const oru_status_t> allStatuses();
+std::span<const uint16_t> allFunctions();
+std::span<const uint16_t> allEvents();
+
+} // namespace corvane

@@ -1,0 +1,91 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// One client: its socket, the payload buffer of the call under way and the frames that wait for the client to read.
+// Shared by the client's handler thread, the writer thread and every thread that sends to the client; the last one to
+// let go closes the socket. All memory is taken when the client connects, none per frame.
+#pragma once
+#include "oipc_socket.h"
+#include "oipc_wire.h"
+#include <atomic>
+#include <memory>
+#include <mutex>
+#include <thread>
+
+namespace oipc {
+
+using Bytes = std::span<const uint8_t>;
+
+constexpr std::size_t QUEUE_FRAMES = 64;
+
+// Frames that the kernel did not take yet, first in, first out, in preallocated places.
+class OutgoingQueue {
+public:
+    OutgoingQueue() : frames_(std::make_unique<Frames>()) {}
+
+    bool empty() const { return count_ == 0; }
+    bool full() const { return count_ == QUEUE_FRAMES; }
+    void push(const FrameHeader &header, Bytes payload); // not when full
+    Bytes front() const;
+    void pop();
+    void clear() { count_ = 0; }
+
+private:
+    struct Frame {
+        std::size_t size;
+        std::array<uint8_t, MAX_FRAME> bytes;
+    };
+    using Frames = std::array<Frame, QUEUE_FRAMES>;
+
+    std::unique_ptr<Frames> frames_;
+    std::size_t first_ = 0;
+    std::size_t count_ = 0;
+};
+
+enum class SendResult : uint8_t {
+    Sent,
+    Queued,      // behind other frames; somebody already waits for room
+    QueuedFirst, // the first one that waits: the caller has the socket watched for room
+    Full,        // the client does not read; it has been disconnected
+    Closed,
+};
+
+class Connection {
+public:
+    Connection(Fd socket, uint16_t client_id, Peer credentials)
+        : id(client_id), peer(std::move(credentials)), fd_(std::move(socket)) {}
+
+    int fd() const { return fd_.get(); }
+
+    // Never waits. Frames leave in the order of the calls.
+    SendResult send(const FrameHeader &header, Bytes payload);
+    // Writes what the kernel takes now. True when frames are left.
+    bool flush();
+
+    enum class Received : uint8_t { Frame, Closed, Malformed };
+    // Waits for a call of the client; its payload is then in payload(), zero-filled behind its end. Handler thread
+    // only.
+    Received receive(FrameHeader &header, Reason &reason);
+    std::span<uint8_t> payload() { return payload_; }
+
+    // Makes the handler thread see the end of the connection; nothing is sent any more.
+    void disconnect();
+    // The same, but the result of the call under way is still sent.
+    void endCalls();
+    // The client has closed its end.
+    bool peerGone() const;
+
+    const uint16_t id;
+    const Peer peer;
+    std::thread thread;                // set and joined by the server
+    std::atomic<bool> finished{false}; // the handler thread is about to end
+    std::atomic<bool> overflowed{false};
+
+private:
+    Fd fd_;
+    std::mutex mutex_; // guards queue_ and closed_; nothing is called under it that takes another lock
+    OutgoingQueue queue_;
+    bool closed_ = false;
+    alignas(8) std::array<uint8_t, MAX_PAYLOAD> payload_{};
+};
+
+} // namespace oipc

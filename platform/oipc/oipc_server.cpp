@@ -1,0 +1,368 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "oipc_server.h"
+#include "oipc_log.h"
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+#include <system_error>
+#include <unistd.h>
+
+namespace oipc {
+
+namespace {
+
+// epoll keys beside the client ids, which are 1 to 0xFFFE
+constexpr uint64_t KEY_LISTENER = 0x10000;
+constexpr uint64_t KEY_WAKE = 0x10001;
+
+constexpr uint16_t LAST_CLIENT_ID = 0xFFFE;
+
+constexpr uint16_t clientIdAfter(uint16_t id) {
+    return id >= LAST_CLIENT_ID ? uint16_t{1} : static_cast<uint16_t>(id + 1);
+}
+static_assert(clientIdAfter(0) == 1 && clientIdAfter(0xFFFD) == 0xFFFE && clientIdAfter(0xFFFE) == 1,
+              "0 and 0xFFFF name no client");
+
+// Signals are for the main thread; a thread inherits the mask of its creator.
+class SignalsBlocked {
+public:
+    SignalsBlocked() {
+        sigset_t all;
+        sigfillset(&all);
+        pthread_sigmask(SIG_SETMASK, &all, &former_);
+    }
+    ~SignalsBlocked() { pthread_sigmask(SIG_SETMASK, &former_, nullptr); }
+    SignalsBlocked(const SignalsBlocked &) = delete;
+    SignalsBlocked &operator=(const SignalsBlocked &) = delete;
+
+private:
+    sigset_t former_{};
+};
+
+template <class Function>
+bool createThread(std::thread &thread, Function function) {
+    try {
+        thread = std::thread(std::move(function));
+        return true;
+    } catch (const std::system_error &error) {
+        OIPC_LOG(ORU_LOG_ERROR, "cannot create a thread: %s", error.what());
+        return false;
+    }
+}
+
+} // namespace
+
+Server::Server(ServerSettings settings) : settings_(std::move(settings)) {
+    // Clients that went away while their last call runs are counted apart, so there can be twice as many.
+    connections_.reserve(2 * std::size_t{settings_.max_clients});
+}
+
+Server::~Server() = default;
+
+oru_status_t Server::start() {
+    rules_ = resolveAccess(settings_.socket);
+    auto status = openDescriptors();
+    if (status == ORU_STATUS_OK) {
+        status = openListener(settings_.socket, rules_, listener_);
+    }
+    if (status == ORU_STATUS_OK) {
+        status = startThread();
+    }
+    if (status == ORU_STATUS_OK) {
+        OIPC_LOG(ORU_LOG_INFO, "listening on %s", settings_.socket.path.c_str());
+    }
+    return status;
+}
+
+oru_status_t Server::openDescriptors() {
+    epoll_ = Fd(::epoll_create1(EPOLL_CLOEXEC));
+    wake_ = Fd(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    spare_ = Fd(::open("/dev/null", O_RDONLY | O_CLOEXEC));
+    if (!epoll_ || !wake_ || !spare_) {
+        OIPC_LOG(ORU_LOG_ERROR, "cannot create descriptors: %s", std::strerror(errno));
+        return ORU_STATUS_GENERAL_ERROR;
+    }
+    return ORU_STATUS_OK;
+}
+
+oru_status_t Server::startThread() {
+    epoll_event accept_event{.events = EPOLLIN, .data = {.u64 = KEY_LISTENER}};
+    epoll_event wake_event{.events = EPOLLIN, .data = {.u64 = KEY_WAKE}};
+    const bool watched = ::epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, listener_.get(), &accept_event) == 0 &&
+                         ::epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, wake_.get(), &wake_event) == 0;
+    const SignalsBlocked blocked;
+    if (!watched || !createThread(io_thread_, [this] { run(); })) {
+        ::unlink(settings_.socket.path.c_str());
+        return ORU_STATUS_GENERAL_ERROR;
+    }
+    return ORU_STATUS_OK;
+}
+
+void Server::stop() {
+    stopping_ = true;
+    wake();
+    io_thread_.join();
+    ::unlink(settings_.socket.path.c_str());
+    listener_.reset();
+    for (const auto &connection : connections_) {
+        connection->endCalls();
+    }
+    for (const auto &connection : connections_) {
+        connection->thread.join();
+    }
+    const std::lock_guard lock(mutex_);
+    connections_.clear();
+}
+
+void Server::run() {
+    std::array<epoll_event, 16> events{};
+    while (!stopping_) {
+        const int count = ::epoll_wait(epoll_.get(), events.data(), static_cast<int>(events.size()), -1);
+        for (int i = 0; i < count && !stopping_; ++i) {
+            const uint64_t key = events[static_cast<std::size_t>(i)].data.u64;
+            if (key == KEY_LISTENER) {
+                accept();
+            } else if (key == KEY_WAKE) {
+                uint64_t ignored = 0;
+                (void)!::read(wake_.get(), &ignored, sizeof ignored);
+            } else {
+                flush(static_cast<uint16_t>(key));
+            }
+        }
+        reap();
+    }
+}
+
+void Server::wake() const {
+    const uint64_t one = 1;
+    (void)!::write(wake_.get(), &one, sizeof one);
+}
+
+void Server::accept() {
+    Fd fd(::accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC));
+    if (fd) {
+        reap(); // a client that went away just before makes room
+        admit(std::move(fd));
+    } else if (errno == EMFILE || errno == ENFILE) {
+        recoverFromDescriptorShortage();
+    }
+}
+
+// Without this the waiting connection would keep the listener readable and this thread busy.
+void Server::recoverFromDescriptorShortage() {
+    OIPC_LOG(ORU_LOG_ERROR, "no descriptor left for another client: %s", std::strerror(errno));
+    spare_.reset();
+    Fd(::accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC)).reset();
+    spare_ = Fd(::open("/dev/null", O_RDONLY | O_CLOEXEC));
+}
+
+Reason Server::admission(const Peer &peer, bool known) const {
+    if (!known || !isAllowed(peer, rules_)) {
+        return Reason::NotAllowed;
+    }
+    const auto gone =
+        static_cast<std::size_t>(std::ranges::count_if(connections_, [](const auto &c) { return c->peerGone(); }));
+    if (connections_.size() - gone >= settings_.max_clients ||
+        connections_.size() >= 2 * std::size_t{settings_.max_clients}) {
+        return Reason::TooManyClients;
+    }
+    return Reason::None;
+}
+
+void Server::admit(Fd fd) {
+    Peer peer;
+    const bool known = readPeer(fd.get(), peer);
+    const Reason reason = admission(peer, known);
+    const uint16_t id = reason == Reason::None ? nextClientId() : uint16_t{0};
+    const auto connection = std::make_shared<Connection>(std::move(fd), id, std::move(peer));
+    if (reason != Reason::None) {
+        refuse(*connection, reason);
+        return;
+    }
+    // Under the lock, so that the greeting is the first frame and no event between it and the entry is missed.
+    const std::lock_guard lock(mutex_);
+    greet(*connection);
+    connections_.push_back(connection);
+    // Watched without EPOLLOUT until a frame has to wait; one-shot, or a hang-up would be reported for ever. The thread
+    // inherits this thread's mask: all signals blocked.
+    if (!watch(*connection, EPOLL_CTL_ADD, 0) ||
+        !createThread(connection->thread, [this, connection] { serve(connection); })) {
+        connections_.pop_back();
+        refuse(*connection, Reason::OutOfResources);
+    }
+}
+
+void Server::greet(Connection &connection) const {
+    const Hello hello{connection.id, static_cast<uint16_t>(settings_.service_uuid), settings_.max_payload,
+                      settings_.max_clients};
+    connection.send({.type = FrameType::Hello, .payload_length = HELLO_SIZE}, encodeHello(hello));
+}
+
+uint16_t Server::nextClientId() {
+    const auto taken = [this](uint16_t id) {
+        return std::ranges::any_of(connections_, [id](const auto &c) { return c->id == id; });
+    };
+    do {
+        last_client_id_ = clientIdAfter(last_client_id_);
+    } while (taken(last_client_id_));
+    return last_client_id_;
+}
+
+void Server::flush(uint16_t client) {
+    const auto found = std::ranges::find_if(connections_, [client](const auto &c) { return c->id == client; });
+    if (found != connections_.end() && (*found)->flush()) {
+        watch(**found, EPOLL_CTL_MOD, EPOLLOUT);
+    }
+}
+
+void Server::reap() {
+    const std::lock_guard lock(mutex_);
+    std::erase_if(connections_, [](const auto &connection) {
+        if (!connection->finished) {
+            return false;
+        }
+        connection->thread.join(); // about to end, takes no lock any more
+        return true;
+    });
+}
+
+bool Server::watch(const Connection &connection, int operation, uint32_t events) const {
+    epoll_event event{.events = events | EPOLLONESHOT, .data = {.u64 = connection.id}};
+    return ::epoll_ctl(epoll_.get(), operation, connection.fd(), &event) == 0;
+}
+
+SendResult Server::send(Connection &connection, const FrameHeader &header, Bytes payload) {
+    const auto result = connection.send(header, payload);
+    if (result == SendResult::QueuedFirst) {
+        watch(connection, EPOLL_CTL_MOD, EPOLLOUT);
+    }
+    return result;
+}
+
+oru_status_t Server::callback(uint16_t client, uint16_t callback_id, Bytes payload) {
+    const std::lock_guard lock(mutex_);
+    const auto found = std::ranges::find_if(connections_, [client](const auto &c) { return c->id == client; });
+    if (found == connections_.end()) {
+        return ORU_STATUS_NOT_FOUND;
+    }
+    const FrameHeader header{
+        .type = FrameType::Callback, .id = callback_id, .payload_length = static_cast<uint32_t>(payload.size())};
+    switch (send(**found, header, payload)) {
+    case SendResult::Sent:
+    case SendResult::Queued:
+    case SendResult::QueuedFirst:
+        return ORU_STATUS_OK;
+    case SendResult::Full:
+        return ORU_STATUS_BUSY;
+    case SendResult::Closed:
+        return ORU_STATUS_NOT_FOUND;
+    }
+    return ORU_STATUS_NOT_FOUND;
+}
+
+oru_status_t Server::publish(uint16_t event_id, Bytes payload) {
+    const FrameHeader header{
+        .type = FrameType::Event, .id = event_id, .payload_length = static_cast<uint32_t>(payload.size())};
+    const std::lock_guard lock(mutex_);
+    for (const auto &connection : connections_) {
+        send(*connection, header, payload);
+    }
+    return ORU_STATUS_OK;
+}
+
+void Server::serve(const std::shared_ptr<Connection> &connection) {
+    report(*connection, ORU_OIPC_EVENT_CLIENT_CONNECTED);
+    FrameHeader call;
+    Reason reason = Reason::None;
+    bool serving = true;
+    while (serving) {
+        switch (connection->receive(call, reason)) {
+        case Connection::Received::Frame:
+            serving = serveCall(*connection, call);
+            break;
+        case Connection::Received::Malformed:
+            refuse(*connection, reason);
+            serving = false;
+            break;
+        case Connection::Received::Closed:
+            serving = false;
+            break;
+        }
+    }
+    connection->disconnect();
+    if (connection->overflowed) {
+        OIPC_LOG(ORU_LOG_WARN, "client %u (user %u, process %d) did not read its messages and was disconnected",
+                 connection->id, connection->peer.uid, connection->peer.pid);
+    }
+    report(*connection, ORU_OIPC_EVENT_CLIENT_DISCONNECTED);
+    connection->finished = true;
+    wake();
+}
+
+bool Server::serveCall(Connection &connection, const FrameHeader &call) {
+    if (stopping_) {
+        refuse(connection, Reason::Stopping);
+        return false;
+    }
+    if (call.payload_length > settings_.max_payload) {
+        refuse(connection, Reason::TooLong);
+        return false;
+    }
+    const bool synchronous = call.type == FrameType::SyncCall;
+    oruOipc_size_t length = call.payload_length;
+    uint32_t status = 0;
+    oruOipc_parameter_t task{};
+    task.client_id = connection.id;
+    task.type = synchronous ? ORU_OIPC_FUNCTION_SYNC : ORU_OIPC_FUNCTION_ASYNC;
+    task.function_id = call.id;
+    task.data_length = &length;
+    task.status = &status;
+    task.buffer = connection.payload().data();
+    task.callback_id = call.callback_id;
+    const oru_status_t returned = settings_.handler(&task);
+
+    const auto back = synchronous ? std::min<std::size_t>(length, settings_.max_payload) : 0;
+    const FrameHeader result{.type = synchronous ? FrameType::SyncResult : FrameType::AsyncResult,
+                             .id = call.id,
+                             .callback_id = call.callback_id,
+                             .sequence = call.sequence,
+                             .status = returned != ORU_STATUS_OK ? returned : static_cast<int32_t>(status),
+                             .payload_length = static_cast<uint32_t>(back)};
+    send(connection, result, connection.payload().first(back));
+    return true;
+}
+
+void Server::refuse(Connection &connection, Reason reason) {
+    const auto &info = reasonInfo(reason);
+    const Bytes text(reinterpret_cast<const uint8_t *>(info.text), std::strlen(info.text));
+    OIPC_LOG(ORU_LOG_WARN, "client %u (user %u, process %d) refused: %s", connection.id, connection.peer.uid,
+             connection.peer.pid, info.text);
+    connection.send({.type = FrameType::Refusal,
+                     .id = static_cast<uint16_t>(reason),
+                     .status = info.status,
+                     .payload_length = static_cast<uint32_t>(text.size())},
+                    text);
+    connection.disconnect();
+}
+
+void Server::report(const Connection &connection, oruOipc_eventId_t event) const {
+    oruOipc_size_t length = 0;
+    uint32_t status = 0;
+    alignas(8) std::array<uint8_t, 8> nothing{};
+    oruOipc_parameter_t task{};
+    task.client_id = connection.id;
+    task.type = ORU_OIPC_EVENT_UNICAST;
+    task.event_id = event;
+    task.data_length = &length;
+    task.status = &status;
+    task.buffer = nothing.data();
+    settings_.handler(&task); // the result of a connection event means nothing
+}
+
+} // namespace oipc

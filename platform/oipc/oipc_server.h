@@ -1,0 +1,80 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The server behind oru_oipc.h.
+//
+//   io thread        epoll: accepts clients, writes queued frames when a client's socket has room again, joins the
+//                    handler threads that have ended
+//   handler thread   one per client: reads a call, runs the handler, sends the result
+//   any thread       callback(), publish(): written to the socket at once, or queued when it is full
+//
+// Life of a connection: admitted and greeted by the io thread [accept] -> CONNECTED, calls, DISCONNECTED on its handler
+// thread [serve] -> finished -> joined and forgotten by the io thread [reap] or by stop().
+#pragma once
+#include "oipc_connection.h"
+#include "oru_oipc.h"
+#include <optional>
+#include <vector>
+
+namespace oipc {
+
+struct ServerSettings {
+    SocketSettings socket;
+    oruOipc_serviceHandler_t handler = nullptr;
+    uint32_t service_uuid = 0;
+    uint32_t max_payload = MAX_PAYLOAD;
+    uint32_t max_clients = 10;
+};
+
+class Server {
+public:
+    explicit Server(ServerSettings settings);
+    ~Server();
+    Server(const Server &) = delete;
+    Server &operator=(const Server &) = delete;
+
+    oru_status_t start();
+    // Once. Waits until the last handler call has come back.
+    void stop();
+
+    oru_status_t callback(uint16_t client, uint16_t callback_id, Bytes payload);
+    oru_status_t publish(uint16_t event_id, Bytes payload);
+    uint32_t maxPayload() const { return settings_.max_payload; }
+
+private:
+    void run();
+    void accept();
+    void admit(Fd fd);
+    void greet(Connection &connection) const;
+    void flush(uint16_t client);
+    void reap();
+    void recoverFromDescriptorShortage();
+    Reason admission(const Peer &peer, bool known) const;
+    uint16_t nextClientId();
+    oru_status_t openDescriptors();
+    oru_status_t startThread();
+
+    void serve(const std::shared_ptr<Connection> &connection);
+    bool serveCall(Connection &connection, const FrameHeader &call);
+    void refuse(Connection &connection, Reason reason);
+    void report(const Connection &connection, oruOipc_eventId_t event) const;
+    SendResult send(Connection &connection, const FrameHeader &header, Bytes payload);
+    bool watch(const Connection &connection, int operation, uint32_t events) const;
+    void wake() const;
+
+    const ServerSettings settings_;
+    AccessRules rules_;
+    Fd listener_;
+    Fd epoll_;
+    Fd wake_;
+    Fd spare_; // given up to accept and close a connection when the process has no descriptor left
+    std::thread io_thread_;
+    std::atomic<bool> stopping_{false};
+    uint16_t last_client_id_ = 0; // io thread
+
+    // Guards connections_; sends happen under it (they never wait), so that all clients see events in one order.
+    // Before Connection's own mutex. Changed by the io thread only, and by stop() after that has ended.
+    std::mutex mutex_;
+    std::vector<std::shared_ptr<Connection>> connections_;
+};
+
+} // namespace oipc
