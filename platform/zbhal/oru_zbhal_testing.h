@@ -1,0 +1,71 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Test interface of the Zigbee HAL layer: choose the mode, drive the virtual mesh, inject what a radio could report,
+// refuse operations. Not part of the seam; the service never includes it. Any thread unless stated.
+//
+// Typical use:
+//   testing::reset({.mode = testing::Mode::descriptor, .scenario = &scenario});
+//   oruZbHal_init(&callbacks, &descriptor);
+//   oruZbHal_setAdapterName(name);          // "virtual:<anything>" when a scenario is given in the options
+//   oruZbHal_enable();
+#pragma once
+#include "oru_zbhal.h"
+#include "virtual/control.h"
+#include "virtual/scenario.h"
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
+
+namespace corvane::zbhal::testing {
+
+enum class Mode : uint8_t {
+    configured, // as the configuration says
+    descriptor,
+    thread,
+};
+
+struct Options {
+    bool in_force = false; // false: the configuration decides everything; reset() sets it
+    Mode mode = Mode::configured;
+    const mesh::Scenario *scenario = nullptr; // used instead of the file of the adapter name; must outlive the adapter
+    std::string state_directory;              // empty: nothing is remembered
+    std::string runtime_directory;            // empty: no control socket
+    std::optional<uint64_t> seed;
+    uint32_t watchdog_seconds = 0;
+};
+
+// Ends the layer's threads, drops adapter, queue, refusals and callbacks, and takes new options. Afterwards
+// oruZbHal_init may be called again. No other thread may be inside the layer.
+void reset(Options options);
+
+// Reports as if they came from the radio. The state of the mesh does not change. EUI-64s least significant byte first.
+void injectStackStatus(oruZbHal_stackStatus_t status);
+void injectTrustCenter(oruZbHal_nodeId_t node_id, const oruZbHal_eui64_t &eui64, oruZbHal_nodeId_t parent,
+                       oruZbHal_deviceUpdate_t update, oruZbHal_joinDecision_t decision);
+void injectAnnounce(oruZbHal_nodeId_t node_id, const oruZbHal_eui64_t &eui64, uint8_t capabilities);
+// False: longer than the layer hands up, or no room.
+bool injectFrame(oruZbHal_nodeId_t source, const oruZbHal_apsFrame_t &aps_frame, std::span<const uint8_t> payload);
+
+// The next count calls of an operation ("sendZclUnicast") are refused with status. "confirmation" gives the next
+// count confirmations that status instead of their own; "interpanCompletion" loses the next count inter-PAN
+// completions until the adapter is reset. Empty text on success.
+std::string refuseNext(const std::string &operation, uint32_t count, int32_t status);
+
+// Keeps confirmations back; releasing delivers the ones kept.
+void holdConfirmations(bool hold);
+
+// Time of the next event of the mesh in microseconds of the monotonic clock, UINT64_MAX when there is none.
+uint64_t nextEventUs();
+
+// The clock has been moved: look again what is due. Needed in thread mode with a virtual clock only.
+void poke();
+
+// Runs the mesh by hand; null when there is no virtual adapter.
+mesh::SimTarget *simTarget();
+
+// Indications whose callback has not returned yet, and indications lost because the queue was full.
+size_t pendingIndications();
+uint32_t droppedIndications();
+
+} // namespace corvane::zbhal::testing

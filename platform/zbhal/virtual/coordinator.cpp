@@ -1,0 +1,292 @@
+// SPDX-License-Identifier: Apache-2.0
+// States of the stack, the network, radio power and region.
+#include "coordinator.h"
+#include "oru_log.h"
+#include <algorithm>
+
+namespace corvane::mesh {
+
+namespace {
+
+constexpr char kTag[] = "zbhal";
+constexpr uint64_t kMs = 1000;
+constexpr uint64_t kDisableUs = 20 * kMs;
+constexpr uint64_t kLeaveUs = 60 * kMs;
+constexpr uint64_t kRecoverUs = 1000 * kMs; // a crashed stack until it is back
+constexpr int8_t kLowestPowerDbm = -20;
+constexpr int8_t kDefaultPowerDbm = 8;
+constexpr uint8_t kCoordinatorCapabilities = 0x8F; // alternate PAN coordinator, full function, mains, receiver always
+                                                   // on, allocates addresses
+
+// Highest transmit power in dBm by region, in the order of oruZbHal_region_t. 20 dBm is what a module with a power
+// amplifier delivers where the power density leaves room; regions with a density limit of 10 mW per MHz end at 10 dBm.
+constexpr std::array<int8_t, ORU_ZB_HAL_REGION_MAX> kHighestPowerDbm = {20, 10, 10, 20, 10, 10, 20, 20, 20, 20};
+
+constexpr uint16_t kInputClusters[] = {0x0000, 0x0003, 0x0006, 0x0008, 0x0019, 0x000A};
+constexpr uint16_t kOutputClusters[] = {0x0000, 0x0003, 0x0006, 0x0008, 0x0300, 0x0004, 0x0101, 0x0020, 0x0500,
+                                        0x0001, 0x0B05, 0x0201, 0x0406, 0x0400, 0x0402, 0x0102, 0xFC57};
+
+} // namespace
+
+CoordinatorRadio::CoordinatorRadio(const Scenario &scenario, const AdapterSettings &settings, AdapterHost &host)
+    : scenario_(scenario), settings_(settings), host_(host), random_(settings.seed.value_or(scenario.seed)),
+      air_(scenario.air, random_), mesh_(scenario_, timeline_, random_, air_, *this), power_dbm_(kDefaultPowerDbm) {
+    if (settings_.remember && scenario_.coordinator.remembers_network) {
+        memory_path_ = settings_.state_directory + "/virtual-radio.state";
+    }
+    std::reverse_copy(scenario_.coordinator.eui64.begin(), scenario_.coordinator.eui64.end(), info_.eui64);
+    info_.capabilities = kCoordinatorCapabilities;
+    addEndpoint({1, 0x0104, 7, 1, kInputClusters, kOutputClusters});
+}
+
+// ---------------------------------------------------------------- states
+
+void CoordinatorRadio::transition(Stack stack, uint64_t delay_us, Timeline::Action then) {
+    stack_ = stack;
+    timeline_.after(delay_us, [this, step = ++step_, then = std::move(then)] {
+        if (step == step_) {
+            then();
+        }
+    });
+}
+
+void CoordinatorRadio::report(oruZbHal_stackStatus_t status) {
+    scratch_ = {};
+    scratch_.kind = IndicationKind::stack_status;
+    scratch_.status = status;
+    host_.indicate(scratch_);
+}
+
+oru_status_t CoordinatorRadio::enable() {
+    if (stack_ != Stack::off) {
+        return ORU_STATUS_ALREADY_EXISTS;
+    }
+    report(ORU_ZB_HAL_STACK_ENABLING);
+    transition(Stack::enabling, scenario_.coordinator.startup_ms * kMs, [this] { resume(); });
+    return ORU_STATUS_OK;
+}
+
+// The stack is ready: with the network it remembers, or without one.
+void CoordinatorRadio::resume() {
+    std::vector<Member> members;
+    if (!recalled_) {
+        recalled_ = true;
+        const std::optional<Memory> memory = memory_path_.empty() ? std::nullopt : loadMemory(memory_path_);
+        if (memory) {
+            network_ = memory->network;
+            power_dbm_ =
+                std::clamp(memory->network.power_dbm, kLowestPowerDbm, kHighestPowerDbm[static_cast<size_t>(region_)]);
+            members = memory->members;
+        }
+    }
+    stack_ = network_ ? Stack::network_up : Stack::no_network;
+    if (network_) {
+        mesh_.networkStarted(members);
+    }
+    report(network_ ? ORU_ZB_HAL_STACK_ENABLED_NETWORK_UP : ORU_ZB_HAL_STACK_ENABLED_NO_NETWORK);
+    if (network_ && (join_open_ || join_zts_)) {
+        mesh_.joiningOpened();
+    }
+}
+
+oru_status_t CoordinatorRadio::disable() {
+    abandonTraffic();
+    transition(Stack::disabling, kDisableUs, [this] {
+        stack_ = Stack::off;
+        report(ORU_ZB_HAL_STACK_DISABLED);
+    });
+    return ORU_STATUS_OK;
+}
+
+void CoordinatorRadio::restartStack(Stack stack, oruZbHal_stackStatus_t announced, uint64_t delay_us) {
+    abandonTraffic();
+    report(announced);
+    transition(stack, delay_us, [this] { resume(); });
+}
+
+oru_status_t CoordinatorRadio::reset() {
+    if (stack_ == Stack::off || stack_ == Stack::disabling) {
+        return ORU_STATUS_DEVICE_STATE_INVALID;
+    }
+    restartStack(Stack::resetting, ORU_ZB_HAL_STACK_BUSY_RESETTING, scenario_.coordinator.startup_ms * kMs);
+    return ORU_STATUS_OK;
+}
+
+oru_status_t CoordinatorRadio::factoryReset() {
+    if (stack_ == Stack::off || stack_ == Stack::disabling) {
+        return ORU_STATUS_DEVICE_STATE_INVALID;
+    }
+    dropNetwork();
+    transient_keys_.clear();
+    power_dbm_ = std::min(kDefaultPowerDbm, kHighestPowerDbm[static_cast<size_t>(region_)]);
+    restartStack(Stack::resetting, ORU_ZB_HAL_STACK_BUSY_RESETTING, scenario_.coordinator.startup_ms * kMs);
+    return ORU_STATUS_OK;
+}
+
+void CoordinatorRadio::fatalError() {
+    if (stack_ != Stack::off) {
+        restartStack(Stack::failed, ORU_ZB_HAL_STACK_FATAL_ERROR, kRecoverUs);
+    }
+}
+
+oru_status_t CoordinatorRadio::echo(uint32_t count) {
+    const bool answers = stack_ != Stack::off && stack_ != Stack::failed && stack_ != Stack::resetting;
+    return answers && count > 0 ? ORU_STATUS_OK : ORU_STATUS_DEVICE_STATE_INVALID;
+}
+
+// ---------------------------------------------------------------- network
+
+oru_status_t CoordinatorRadio::formNetwork(uint32_t primary_mask, uint32_t secondary_mask, uint8_t final_channel,
+                                           oruZbHal_region_t region) {
+    if (stack_ == Stack::network_up) {
+        return ORU_STATUS_ALREADY_EXISTS;
+    }
+    if (stack_ != Stack::no_network) {
+        return ORU_STATUS_DEVICE_STATE_INVALID;
+    }
+    setRegion(region);
+    transition(Stack::forming, scenario_.coordinator.form_ms * kMs,
+               [this, network = makeNetwork(primary_mask, secondary_mask, final_channel)] { networkFormed(network); });
+    return ORU_STATUS_OK;
+}
+
+void CoordinatorRadio::networkFormed(const Network &network) {
+    network_ = network;
+    recalled_ = true; // whatever the file holds belongs to an earlier network
+    stack_ = Stack::network_up;
+    rememberSoon();
+    oruLog_log(ORU_LOG_ID_MAIN, ORU_LOG_INFO, kTag, "virtual network up: channel %u, PAN id 0x%04x", network.channel,
+               network.pan_id);
+    report(ORU_ZB_HAL_STACK_ENABLED_NETWORK_UP);
+}
+
+// The final channel when the masks allow it, else the quietest of the primary mask.
+Network CoordinatorRadio::makeNetwork(uint32_t primary_mask, uint32_t secondary_mask, uint8_t final_channel) {
+    Network network;
+    network.channel_mask = primary_mask | secondary_mask;
+    const bool allowed = (network.channel_mask & (1U << final_channel)) != 0;
+    network.channel = allowed ? final_channel : quietestChannel(primary_mask);
+    network.pan_id = static_cast<uint16_t>(1 + random_.below(0xFFFD)); // 0xFFFF means all, 0xFFFE none
+    std::generate(network.extended_pan_id.begin(), network.extended_pan_id.end(), [this] { return random_.byte(); });
+    std::generate(network.key.begin(), network.key.end(), [this] { return random_.byte(); });
+    return network;
+}
+
+uint8_t CoordinatorRadio::quietestChannel(uint32_t mask) {
+    uint8_t quietest = 0;
+    int8_t lowest = INT8_MAX;
+    for (uint8_t channel = 11; channel <= 26; ++channel) {
+        const int8_t energy = energyOf(channel);
+        if ((mask & (1U << channel)) != 0 && (quietest == 0 || energy < lowest)) {
+            quietest = channel;
+            lowest = energy;
+        }
+    }
+    return quietest;
+}
+
+oru_status_t CoordinatorRadio::leaveNetwork() {
+    if (stack_ != Stack::network_up) {
+        return ORU_STATUS_DEVICE_STATE_INVALID;
+    }
+    abandonTraffic();
+    dropNetwork();
+    transition(Stack::leaving, kLeaveUs, [this] {
+        stack_ = Stack::no_network;
+        report(ORU_ZB_HAL_STACK_ENABLED_NO_NETWORK);
+    });
+    return ORU_STATUS_OK;
+}
+
+void CoordinatorRadio::dropNetwork() {
+    network_.reset();
+    recalled_ = true;
+    join_open_ = join_zts_ = false;
+    mesh_.networkGone();
+    rememberSoon();
+}
+
+oru_status_t CoordinatorRadio::networkInfo(oruZbHal_networkParameters_t &parameters) {
+    if (stack_ != Stack::network_up) {
+        return ORU_STATUS_DEVICE_STATE_INVALID;
+    }
+    parameters = {};
+    std::copy(network_->extended_pan_id.begin(), network_->extended_pan_id.end(), parameters.extended_pan_id);
+    parameters.pan_id = network_->pan_id;
+    parameters.radio_tx_power = power_dbm_;
+    parameters.radio_channel = network_->channel;
+    parameters.channel_mask = network_->channel_mask;
+    return ORU_STATUS_OK;
+}
+
+oru_status_t CoordinatorRadio::setRadioPower(int8_t power_dbm) {
+    if (stack_ == Stack::off) {
+        return ORU_STATUS_DEVICE_STATE_INVALID;
+    }
+    if (power_dbm < kLowestPowerDbm || power_dbm > kHighestPowerDbm[static_cast<size_t>(region_)]) {
+        return ORU_STATUS_PARAM_OUT_OF_RANGE;
+    }
+    power_dbm_ = power_dbm;
+    rememberSoon();
+    return ORU_STATUS_OK;
+}
+
+oru_status_t CoordinatorRadio::setRegion(oruZbHal_region_t region) {
+    region_ = region;
+    const int8_t highest = kHighestPowerDbm[static_cast<size_t>(region)];
+    if (power_dbm_ > highest) {
+        oruLog_log(ORU_LOG_ID_MAIN, ORU_LOG_INFO, kTag, "transmit power lowered from %d to %d dBm by the region",
+                   power_dbm_, highest);
+        power_dbm_ = highest;
+        rememberSoon();
+    }
+    return ORU_STATUS_OK;
+}
+
+oru_status_t CoordinatorRadio::addEndpoint(const zbhal::EndpointRequest &request) {
+    auto *const end = info_.endpoints + info_.endpoint_count;
+    auto *entry = std::find_if(info_.endpoints, end, [&](const oruZbHal_adapterEndpointInfo_t &known) {
+        return known.endpoint == request.endpoint;
+    });
+    if (entry == end) {
+        if (info_.endpoint_count == ORU_ZB_HAL_MAX_ADAPTER_ENDPOINTS) {
+            return ORU_STATUS_OUT_OF_MEMORY;
+        }
+        ++info_.endpoint_count;
+    }
+    *entry = {};
+    entry->profile_id = request.profile_id;
+    entry->device_id = request.device_id;
+    entry->endpoint = request.endpoint;
+    for (const uint16_t cluster_id : request.input_clusters) {
+        entry->clusters[entry->cluster_count++] = {cluster_id, 1, 0};
+    }
+    for (const uint16_t cluster_id : request.output_clusters) {
+        entry->clusters[entry->cluster_count++] = {cluster_id, 0, 0};
+    }
+    return ORU_STATUS_OK;
+}
+
+// ---------------------------------------------------------------- memory
+
+// At the end of the running event, and before anything of it is delivered: what the service has been told about is in
+// the file.
+void CoordinatorRadio::rememberSoon() {
+    if (memory_path_.empty() || remember_due_) {
+        return;
+    }
+    remember_due_ = true;
+    timeline_.after(0, [this] { remember(); });
+}
+
+void CoordinatorRadio::remember() {
+    remember_due_ = false;
+    std::optional<Memory> memory;
+    if (network_) {
+        memory = Memory{*network_, mesh_.members()};
+        memory->network.power_dbm = power_dbm_;
+    }
+    saveMemory(memory_path_, memory);
+}
+
+} // namespace corvane::mesh

@@ -1,0 +1,203 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The devices of a scenario on the air: who is in the network, under which parent, and how frames travel.
+//
+//   out of the network --join--> in the network --leave/orphaned--> out of the network
+//   in the network, powered    : takes and sends frames as long as every router on its path does
+//   in the network, power off  : silent; its neighbours notice after a while (kSettleUs, kAgeingUs)
+//
+// Invariants: a device in the network has a node id of its own; a parent is the coordinator or a router in the
+// network; epoch rises whenever a device joins, leaves or loses power, so that events of an earlier life do nothing.
+//
+// The mesh knows the coordinator only through Coordinator below, so that it can sit behind another process later. All
+// calls are made with the layer's lock held.
+#pragma once
+#include "air.h"
+#include "device.h"
+#include "timeline.h"
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace corvane::mesh {
+
+inline constexpr uint16_t kNoNode = 0xFFFF;
+inline constexpr uint16_t kCoordinatorNode = 0x0000;
+inline constexpr uint16_t kFirstBroadcast = 0xFFF8;
+
+// A frame as the coordinator's radio receives it.
+struct ReceivedFrame {
+    uint16_t source = kNoNode;
+    uint8_t aps_counter = 0;
+    bool broadcast = false;
+    uint8_t link_quality = 0; // of the last hop
+    const ApsMessage *message = nullptr;
+};
+
+struct JoinRequest {
+    const DeviceSpec &spec;
+    uint16_t parent = kCoordinatorNode;
+    bool end_device_of_coordinator = false; // takes a place in the child table
+};
+
+struct DeviceReport { // what the trust centre learns about a device
+    uint16_t node_id = kNoNode;
+    const Eui64 &eui64;
+    uint16_t parent = kCoordinatorNode;
+    oruZbHal_deviceUpdate_t update = ORU_ZB_HAL_DEVICE_LEFT;
+    oruZbHal_joinDecision_t decision = ORU_ZB_HAL_NO_ACTION;
+};
+
+enum class Verdict : uint8_t {
+    accepted,
+    refused,       // the trust centre says no; it has reported the attempt if it saw one
+    not_listening, // no network, joining closed: the device finds nothing to join
+};
+struct Admission {
+    Verdict verdict = Verdict::not_listening;
+    oruZbHal_joinDecision_t decision = ORU_ZB_HAL_DENY_JOIN;
+    std::string reason; // one sentence when not accepted
+};
+
+// The coordinator as the mesh sees it.
+class Coordinator {
+public:
+    virtual ~Coordinator() = default;
+    virtual bool networkUp() const = 0;
+    virtual Admission admit(const JoinRequest &request) = 0;
+    virtual void deviceReport(const DeviceReport &report) = 0;
+    virtual void frameReceived(const ReceivedFrame &frame) = 0;
+    // withheld: the outcome is known, but the adapter keeps it back until it is reset.
+    virtual void sendDone(uint64_t handle, oruZbHal_clusterCommandStatus_t status, bool withheld) = 0;
+    virtual void membershipChanged() = 0; // who is in the network, or under which node id
+};
+
+// A frame that the coordinator sends. Shared by the events of its journey.
+struct Flight {
+    uint64_t handle = 0;
+    uint16_t destination = kNoNode;
+    bool acknowledged = false; // APS acknowledgement and repetition
+    int retries_left = 0;
+    bool received = false; // the device drops further copies
+    ApsMessage message;
+};
+
+struct Member { // what the coordinator remembers of a device
+    Eui64 eui64{};
+    uint16_t node_id = kNoNode;
+};
+
+struct MeshNode {
+    explicit MeshNode(const DeviceSpec &spec) : device(spec) {}
+
+    Device device;
+    bool joined = false;
+    bool powered = true;
+    uint16_t node_id = kNoNode;
+    uint16_t last_node_id = kNoNode; // the one before
+    int parent = -1;                 // index of the router, kCoordinator or kUnreachable
+    uint8_t link_quality = 0;        // of the link to that parent
+    uint32_t epoch = 0;
+    uint32_t join_round = 0;    // number of the opening in which it wants to join; 0: it does not
+    uint32_t join_attempts = 0; // refused in this opening
+    uint8_t aps_counter = 0;
+    uint32_t report_round = 0; // rises when the reports are scheduled anew
+    uint64_t joined_at_us = 0;
+    uint64_t silent_since_us = 0;   // power went off
+    uint64_t uplink_free_at_us = 0; // its frames arrive in the order in which they were sent
+};
+
+class Mesh {
+public:
+    static constexpr int kCoordinator = -1;
+    static constexpr int kUnreachable = -2;
+
+    Mesh(const Scenario &scenario, Timeline &timeline, Random &random, Air &air, Coordinator &coordinator);
+
+    // -------- called by the coordinator
+    void networkStarted(const std::vector<Member> &members); // up with these devices in it
+    void networkGone();                                      // everybody is orphaned without a report
+    void joiningOpened();                                    // schedules the joins that the scenario asks for
+    void joiningClosed() { join_round_open_ = false; }
+    void send(std::shared_ptr<Flight> flight);
+    std::vector<Member> members() const;
+    uint16_t freeNodeId();
+
+    // Write at most as many entries as there is room for and return how many.
+    size_t children(std::span<oruZbHal_childTableEntry_t> entries) const;
+    size_t routes(std::span<oruZbHal_routeTableEntry_t> entries) const;
+    size_t neighbors(std::span<oruZbHal_neighborTableEntry_t> entries) const;
+    size_t coordinatorChildren() const;
+
+    // -------- called by hand; empty text on success, else one sentence
+    std::string join(size_t index);
+    std::string rejoin(size_t index, bool secured, bool new_address = false);
+    std::string leave(size_t index, bool rejoin);
+    std::string announce(size_t index);
+    std::string changeAddress(size_t index);
+    std::string report(size_t index);
+    std::string setPower(size_t index, bool on);
+    void sendPending(size_t index); // what Device::setAttribute has made the device want to send
+
+    std::vector<MeshNode> &nodes() { return nodes_; }
+    int indexOf(const std::string &name) const; // -1: none
+    std::string parentName(const MeshNode &node) const;
+
+private:
+    struct Link {
+        int parent = kUnreachable;
+        uint8_t link_quality = 0;
+    };
+
+    // membership (mesh.cpp)
+    Admission attemptJoin(size_t index);
+    void scheduledJoin(size_t index, uint32_t round);
+    void enter(MeshNode &node, uint16_t node_id);
+    void depart(size_t index, bool rejoin);
+    void announceSoon(size_t index, uint64_t delay_us);
+    void startReports(size_t index);
+    void runReport(size_t index, size_t number, uint32_t round);
+    uint64_t scaled(uint64_t milliseconds) const; // mesh milliseconds to microseconds of the clock
+
+    // topology (mesh_tables.cpp)
+    Link bestLink(size_t index) const;
+    bool onPath(int router) const; // the router is up and reaches the coordinator
+    bool reachable(const MeshNode &node) const;
+    bool heard(const MeshNode &node) const; // up, or silent for so short that the tables still show it
+    uint8_t linkToCoordinator(size_t index) const;
+    std::vector<int> pathTo(int index) const; // from the coordinator's neighbour to the node; empty: no path
+    void settleLater();
+    void settle();
+
+    // traffic (mesh_traffic.cpp)
+    struct Journey {
+        oruZbHal_clusterCommandStatus_t status = ORU_ZB_HAL_SUCCESS;
+        bool first_hop_ok = false;
+        uint64_t delay_us = 0;
+    };
+    int indexOfNode(uint16_t node_id) const;
+    void attempt(const std::shared_ptr<Flight> &flight);
+    void attemptTo(const std::shared_ptr<Flight> &flight, size_t index);
+    Journey travel(const std::vector<int> &path);
+    void arrive(const std::shared_ptr<Flight> &flight, size_t index, uint32_t epoch);
+    void acknowledge(const std::shared_ptr<Flight> &flight, size_t index);
+    void failed(const std::shared_ptr<Flight> &flight, oruZbHal_clusterCommandStatus_t status);
+    void finish(const Flight &flight, oruZbHal_clusterCommandStatus_t status, uint64_t delay_us);
+    void broadcast(const std::shared_ptr<Flight> &flight);
+    void handle(size_t index, const ApsMessage &message, bool broadcast);
+    bool uplink(size_t index, const ApsMessage &message, bool broadcast, uint64_t extra_us);
+    uint64_t nextPoll(const MeshNode &node, uint64_t from_us) const;
+
+    Timeline &timeline_;
+    Random &random_;
+    Air &air_;
+    Coordinator &coordinator_;
+    std::vector<MeshNode> nodes_;
+    std::vector<int> spec_parents_; // index of the router named by the scenario, or kCoordinator
+    double speed_;
+    uint32_t join_round_ = 0;
+    bool join_round_open_ = false;
+    bool settling_ = false;
+};
+
+} // namespace corvane::mesh

@@ -1,0 +1,124 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The layer behind the entry points: one adapter, one lock, one queue of indications.
+//
+//   descriptor mode   processAction/runEvents on the caller's thread advance the adapter and deliver
+//   thread mode       a clock thread advances the adapter, a dispatcher thread delivers
+//
+// Invariants: the adapter is touched only with mutex_ held; callbacks run with no lock held; in descriptor mode only
+// one thread delivers, and a processAction or runEvents from inside a callback delivers nothing.
+// Lock order: mutex_, then the queue's own lock.
+#pragma once
+#include "oru_zbhal_testing.h"
+#include "zbhal_adapter.h"
+#include "zbhal_watchdog.h"
+#include <atomic>
+#include <chrono>
+#include <thread>
+
+namespace corvane::zbhal {
+
+class Hal final : public AdapterHost {
+public:
+    oru_status_t init(const oruZbHal_callbacks_t *callbacks, int32_t *event_descriptor);
+    oru_status_t setAdapterName(const char *name);
+    oru_status_t enable();
+    oru_status_t processAction();
+    oru_status_t runEvents(uint32_t max_wait_ms);
+
+    // Runs one operation on the adapter: refusals first, then with mesh time up to date.
+    template <typename Work>
+    oru_status_t run(Operation operation, Work work);
+
+    void stop(); // ends the threads; at exit and before a test starts over
+    void restart(const testing::Options &options);
+
+    // For the test interface.
+    void poke() { wake(); }
+    uint64_t nextEventUs() { return pump(); }
+    bool inject(const Indication &indication);
+    void withAdapter(const std::function<void(Adapter &)> &work); // nothing when there is none
+    size_t pendingIndications() const { return queue_.undelivered(); }
+    uint32_t droppedIndications() const { return queue_.dropped(); }
+
+    void indicate(const Indication &indication) override;
+    bool reserve() override { return queue_.reserve(); }
+    void confirm(const Indication &indication) override { queue_.pushReserved(indication); }
+    std::optional<int32_t> takeRefusal(Operation operation) override;
+    void locked(const std::function<void()> &work) override;
+    std::string refuseNext(const std::string &operation, uint32_t count, int32_t status) override;
+    void hang(uint32_t milliseconds) override;
+
+private:
+    struct Refusal {
+        uint32_t count = 0;
+        int32_t status = 0;
+    };
+
+    oru_status_t createAdapter(); // mutex_ held
+    oru_status_t startThreads();
+    void clockLoop();
+    void dispatchLoop();
+    uint64_t pump();
+    void deliverSome();
+    void wake();
+    void waitWhileHung();
+    AdapterSettings adapterSettings() const;
+    void reportDrops();
+
+    std::mutex mutex_; // guards adapter_, name_, adapter_name_, refusals_
+    std::unique_ptr<Adapter> adapter_;
+    std::string name_;
+    std::string adapter_name_; // the name that adapter_ was made for
+    std::array<Refusal, static_cast<size_t>(Operation::count)> refusals_{};
+    testing::Options options_;
+
+    const oruZbHal_callbacks_t *callbacks_ = nullptr; // set once by init
+    std::atomic<bool> initialized_{false};
+    bool descriptor_mode_ = true;
+    EventQueue queue_;
+    uint32_t reported_drops_ = 0;
+    WakePipe pipe_;
+    std::atomic<bool> waiting_{false};    // the loop thread sleeps or is about to
+    std::atomic<bool> delivering_{false}; // descriptor mode: inside a callback
+    Indication current_;                  // the one being delivered; by the delivering thread only
+
+    std::condition_variable clock_changed_; // with mutex_
+    std::atomic<bool> stopping_{false};
+    std::thread clock_thread_;
+    std::thread dispatch_thread_;
+    std::atomic<int> running_threads_{0};
+
+    std::mutex hang_mutex_; // guards hang_until_; a leaf
+    std::condition_variable hang_changed_;
+    std::chrono::steady_clock::time_point hang_until_{};
+
+    Watchdog watchdog_;
+};
+
+// The one instance; never destroyed, because exit() runs while threads of the process may still be inside.
+Hal &hal();
+
+// Monotonic time in microseconds.
+uint64_t nowUs();
+
+template <typename Work>
+oru_status_t Hal::run(Operation operation, Work work) {
+    waitWhileHung();
+    oru_status_t status = ORU_STATUS_UNINITIALIZED;
+    {
+        const std::lock_guard lock(mutex_);
+        if (const auto refusal = takeRefusal(operation)) {
+            return *refusal;
+        }
+        if (adapter_ == nullptr) {
+            return ORU_STATUS_UNINITIALIZED;
+        }
+        adapter_->advance(nowUs());
+        status = work(*adapter_);
+    }
+    wake();
+    return status;
+}
+
+} // namespace corvane::zbhal

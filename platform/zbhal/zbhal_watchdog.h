@@ -1,0 +1,36 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Watches that the main loop keeps calling the HAL. A loop that stands still (a HAL call that never returns, a lock
+// that is never released) cannot be mended from inside: the watchdog names it in one log line and aborts, and the
+// supervisor starts the daemon again. Under a supervisor that asks for it the watchdog also reports readiness and
+// liveness.
+#pragma once
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <mutex>
+#include <thread>
+
+namespace corvane::zbhal {
+
+class Watchdog {
+public:
+    // limit_seconds 0: no abort. The supervisor's notifications work in any case. Starts a thread only when there is
+    // something to watch.
+    void start(uint32_t limit_seconds);
+    void stop();
+    // The main loop is alive. The first one reports readiness to the supervisor.
+    void beat();
+
+private:
+    void watch(uint64_t limit_us, uint64_t notify_us);
+
+    std::atomic<int64_t> last_beat_us_{0}; // 0: none yet
+    std::atomic<bool> ready_reported_{false};
+    std::mutex mutex_; // guards stopping_
+    std::condition_variable changed_;
+    bool stopping_ = false;
+    std::thread thread_;
+};
+
+} // namespace corvane::zbhal
