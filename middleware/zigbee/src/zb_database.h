@@ -1,0 +1,80 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Device database: the list in memory and its image in the key-value store. Lookups hand out copies, never pointers
+// into the list.
+//
+// Every operation that walks the list takes device_list_mutex for the whole walk. When the mutex cannot be taken the
+// operation logs it, does nothing and returns the status of the mutex; a failed release is logged and ignored.
+// Unless stated otherwise a null argument gives ORU_STATUS_NULL_POINTER.
+#pragma once
+#include "zb_types.h"
+
+extern deviceList device_list_head;        // newest item first; guarded by device_list_mutex
+extern std::atomic<uint32_t> device_count; // written under device_list_mutex, read without
+extern oruMutex_t device_list_mutex;       // taken after txn_list_mutex; nothing of the service is taken inside it
+
+enum { // answers of oruZb_kvsListKeysCallback to the store
+    ORU_ZB_KVS_LIST_KEYS_CONTINUE = 0,
+    ORU_ZB_KVS_LIST_KEYS_STOP = -1,
+};
+
+// ---------------------------------------------------------------------------------------------------- life, main
+// thread
+
+// Creates the mutex and loads every stored device; once, before any other thread can reach the list. Returns the
+// status of the mutex or of the store's listing. Devices loaded before a failure stay in the list.
+oru_status_t oruZb_databaseInit();
+// Frees every item and leaves the store and the mutex alone: the list may be filled again without a new init.
+oru_status_t oruZb_databaseDeInit();
+
+// ------------------------------------------------------------------------------------------------ changes, main thread
+
+// Puts a copy of the record in front of the list, then writes it to the store. There is no check for a device that is
+// listed already. ORU_STATUS_NULL_POINTER also when the allocator is exhausted; a store status when only the write
+// failed (the item stays listed).
+oru_status_t oruZb_databaseAddDevice(oruZb_device_t *device);
+// The list half of an add.
+oru_status_t oruZb_databaseAddDeviceHelper(oruZb_device_t *device);
+// Changes the node id of the first item with this EUI-64 (8 bytes, most significant first) and rewrites its record.
+// ORU_STATUS_NOT_FOUND, or the status of the store; memory holds the new node id even when the store refused it.
+oru_status_t oruZb_databaseUpdateNodeId(uint8_t *eui64, oruZbHal_nodeId_t node_id);
+// Removes the first item with this node id, from the store first: when the store refuses, the item stays and the
+// store's status is returned. ORU_STATUS_NOT_FOUND when no item has the node id.
+oru_status_t oruZb_databaseRemoveDevice(oruZbHal_nodeId_t node_id);
+// Erases the store only; callers follow with oruZb_databaseDeInit.
+oru_status_t oruZb_databaseRemoveAll();
+
+// ----------------------------------------------------------------------------------------------- lookups, any thread
+
+// Copy the first match, counted from the newest item, to *p. ORU_STATUS_NOT_FOUND leaves *p as it was.
+oru_status_t oruZb_databaseGetDevice(oruZbHal_nodeId_t node_id, oruZb_device_t *p);
+oru_status_t oruZb_databaseGetDeviceByEui64(const uint8_t *eui64, oruZb_device_t *p); // 8 bytes, most significant first
+oru_status_t oruZb_databaseGetDeviceByIndex(uint32_t index, oruZb_device_t *p);       // 0 is the newest item
+uint32_t oruZb_databaseGetDeviceCount();                                              // takes no lock
+oru_status_t oruZb_databasePrintDevices();                                            // one log line per device
+
+// ------------------------------------------------------------------------------------------------------------ metrics
+
+// Adds one latency sample in milliseconds to the first item with this node id; ORU_STATUS_NOT_FOUND without one. HAL
+// context, inside txn_list_mutex.
+oru_status_t oruZb_databaseUpdateItemLatency(oruZbHal_nodeId_t node_id, uint32_t latency);
+// Logs the metrics of every device and starts all latency statistics afresh. Timer thread; samples that arrive
+// meanwhile wait and count for the new day.
+oru_status_t oruZb_databaseUploadMetrics();
+
+// -------------------------------------------------------------------------------------------------------------- store
+// One record of 744 bytes per device under the key "zigbee.01:23:45:67:89:ab:cd:ef". None of these takes the mutex,
+// except oruZb_kvsListKeysCallback by way of the add.
+
+constexpr size_t ORU_ZB_KVS_KEY_SIZE = 65; // longest key the store takes, and the terminator
+
+// Write "group.name" to kvs_key. ORU_STATUS_BAD_PARAM for a size of 0 or above ORU_ZB_KVS_KEY_SIZE,
+// ORU_STATUS_GENERAL_ERROR when the key does not fit in kvs_key_size bytes.
+oru_status_t oruZb_kvsConvertNameToKey(char *kvs_key, size_t kvs_key_size, const char *group, const char *name);
+oru_status_t oruZb_kvsConvertEUI64ToKey(char *kvs_key, size_t kvs_key_size, const uint8_t *eui64);
+// Both return the status of the store, or ORU_STATUS_GENERAL_ERROR when the key could not be formed.
+oru_status_t oruZb_kvsAddOrUpdateDeviceInfo(oruZb_device_t *device);
+oru_status_t oruZb_kvsDeleteDeviceInfo(oruZb_device_t *device);
+oru_status_t oruZb_kvsLoadAllDeviceInfo();
+// Called by the store, which holds no lock then, with the part of a key after "zigbee.".
+int oruZb_kvsListKeysCallback(const char *key_name);

@@ -1,0 +1,510 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Interrogation of new devices, one at a time, on the main thread.
+//
+//                                    +-----+  10 s passed, or   +-------+
+//            join, rejoin  --------> | NEW | ------------------> | READY | <- others wait here for their turn
+//                                    +-----+     announce       +-------+
+//                                                                   |  no device is current
+//                 . . . . . . . . . the current device  . . . . . . | . . . . . . . . . . . . . .
+//                 .                                                 v                           .
+//                 .   +-----------+        +-------------+     +-----------+                    .
+//   FINISHED <------- | NODE_DESC | <----- | SIMPLE_DESC | <-- | ACTIVE_EP |                    .
+//   (stored,      .   +-----------+  last  +-------------+     +-----------+                    .
+//    announced,   .         |      endpoint  |    |  ^               |                          .
+//    removed)     .         |                |    +--+ next endpoint |                          .
+//                 .         +----------------+-----------------------+--> four requests without a response:
+//                 . . . . . . . . . . . . . . . . . . . . . . . . . . .   moved to the failed-discovery list
+//
+// FROM -> TO [function]; the REQUEST_ of the long names is left out
+//   -           -> NEW          [oruZb_handleTrustCenterCallback]        join, or secured rejoin of a failed device
+//   NEW         -> READY        [oruZb_handleDeviceAnnounce]             announce
+//   NEW         -> READY        [oruZb_markExpiredNodesReady]            expiry_time passed
+//   READY       -> ACTIVE_EP    [oruZb_handleBeginDiscovery]             becomes current
+//   ACTIVE_EP   -> SIMPLE_DESC  [oruZb_handleActiveEndpointsResponse]    endpoints known
+//   SIMPLE_DESC -> SIMPLE_DESC  [oruZb_handleSimpleDescriptorResponse]   clusters of one endpoint known, more to ask
+//   SIMPLE_DESC -> NODE_DESC    [oruZb_handleSimpleDescriptorResponse]   clusters of the last endpoint known
+//   NODE_DESC   -> FINISHED     [oruZb_handleNodeDescriptorResponse]     stored, announced to clients, removed
+//   any REQUEST -> same         [oruZb_handleServiceDiscovery]           no response for 10 s, at most three times
+//   any REQUEST -> (failed)     [oruZb_handleServiceDiscovery]           no response for the fourth time
+//
+// Invariants
+//   NEW, READY   not current; no request outstanding; num_retries is 0.
+//   REQUEST_*    is current_discovery_item, the only node in any REQUEST state; its request was posted to the queue and
+//                the response timer runs. The timer is stopped only by a response that belongs to the request, and
+//                started again before that handler returns, except after the last response.
+//   SIMPLE_DESC  endpoints are known; the one in slot endpoint_query_index is asked. With no endpoints at all nothing
+//                is sent, and the device fails after four time-outs.
+//   FINISHED     only inside oruZb_handleNodeDescriptorResponse.
+// Every change of state but the one to FINISHED goes through oruZb_prepareForDiscoveryState, which restarts the count
+// of retries. Handlers work on a copy of the current node: joins change addresses in the list from another thread.
+#include "oru_time.h"
+#include "zb_database.h"
+#include "zb_discovery_internal.h"
+#include "zb_frame.h"
+#include "zb_server.h"
+#include "zb_timer.h"
+#include "zb_util.h"
+#include "zb_zdo.h"
+#include <array>
+#include <cstdio>
+
+static constexpr uint8_t MAX_REQUEST_RETRIES = 3;
+static constexpr uint8_t MAX_PARSED_CLUSTERS = 37;  // ids per list of a simple descriptor
+static constexpr uint8_t ZIGBEE_3_0_REVISION = 21;  // stack compliance revisions above this are Zigbee 3.0
+static constexpr unsigned SERVER_MASK_REVISION = 9; // the revision is in bits 9 to 15 of the server mask
+
+// The message that makes the main loop send the request of a state; ORU_ZB_SVC_INVALID_MSG: the state has none.
+static oruZb_msgType_t requestMessage(oruZb_device_discovery_state state) {
+    switch (state) {
+    case ORU_ZB_DEVICE_DISCOVERY_REQUEST_ACTIVE_ENDPOINTS:
+        return ORU_ZB_SVC_INTERNAL_REQUEST_ACTIVE_ENDPOINTS;
+    case ORU_ZB_DEVICE_DISCOVERY_REQUEST_SIMPLE_DESC:
+        return ORU_ZB_SVC_INTERNAL_REQUEST_SIMPLE_DESCRIPTOR;
+    case ORU_ZB_DEVICE_DISCOVERY_REQUEST_NODE_DESC:
+        return ORU_ZB_SVC_INTERNAL_REQUEST_NODE_DESCRIPTOR;
+    case ORU_ZB_DEVICE_DISCOVERY_NONE:
+    case ORU_ZB_DEVICE_DISCOVERY_NEW:
+    case ORU_ZB_DEVICE_DISCOVERY_READY:
+    case ORU_ZB_DEVICE_DISCOVERY_FINISHED:
+    case ORU_ZB_DEVICE_DISCOVERY_FAILED:
+        break;
+    }
+    return ORU_ZB_SVC_INVALID_MSG;
+}
+
+// ------------------------------------------------------------------------------------------------- steps of the
+// machine The current node keeps existing between scopes: only this thread frees it. Null when no device is current.
+static oruZb_node_t *currentItem() {
+    const std::lock_guard<std::mutex> lock(discovery_mutex);
+    return current_discovery_item;
+}
+
+// Returns the new count.
+static uint8_t countRetry(oruZb_node_t *item) {
+    const std::lock_guard<std::mutex> lock(discovery_mutex);
+    return ++item->action.num_retries;
+}
+
+static void requestAndAwait() {
+    oruZb_performDiscoveryAction();
+    oruZb_scheduleServiceDiscovery(DISCOVERY_WAIT_MS);
+}
+
+static void stopResponseTimer(const char *operation) {
+    const oru_status_t status = oruTime_timerStop(&service_discovery_timer);
+    if (status != ORU_STATUS_OK) {
+        ZB_LOG_ERROR("%s: %s: service_discovery timer stop failed, status: %d", ZB_DISCOVERY, operation, status);
+    }
+}
+
+static void deleteDiscoveredOrFailed(const char *operation, uint8_t *eui64) {
+    if (oruZb_deleteFromDiscoveryList(eui64) == ORU_STATUS_NOT_FOUND) {
+        ZB_LOG_ERROR("%s: %s(): Failed to delete from discovery list, entry not found", ZB_DISCOVERY, operation);
+    }
+}
+
+oru_status_t oruZb_handleBeginDiscovery() {
+    if (oruZb_discoveryListIsEmpty()) {
+        return ORU_STATUS_OK;
+    }
+    ZB_LOG_INFO("%s: %s", ZB_DISCOVERY, __func__);
+    oruZb_markExpiredNodesReady();
+    oruZb_node_t *next = currentItem() == nullptr ? oruZb_getNextItemForDiscovery() : nullptr;
+    if (next == nullptr) {
+        oruZb_scheduleBeginDiscovery(DISCOVERY_WAIT_MS);
+        return ORU_STATUS_OK;
+    }
+    oruZb_prepareForDiscoveryState(next, ORU_ZB_DEVICE_DISCOVERY_REQUEST_ACTIVE_ENDPOINTS);
+    requestAndAwait();
+    return ORU_STATUS_OK;
+}
+
+void oruZb_performDiscoveryAction() {
+    oruZb_node_t current;
+    if (!oruZb_copyCurrentItem(&current)) {
+        return;
+    }
+    const oruZb_device_discovery_state state = current.action.discovery_state;
+    ZB_LOG_INFO("%s: %s(): Discovery state=%d", ZB_DISCOVERY, __func__, static_cast<int>(state));
+    const oruZb_msgType_t message = requestMessage(state);
+    if (message == ORU_ZB_SVC_INVALID_MSG) {
+        ZB_LOG_WARN("%s: %s(): Discovery state unsupported", ZB_DISCOVERY, __func__);
+    }
+    if (message == ORU_ZB_SVC_INVALID_MSG || oruZb_discoveryPostServerMsg(message) != ORU_STATUS_OK) {
+        ZB_LOG_ERROR("%s: Error: %s handling async function for %d", ZB_DISCOVERY, __func__, static_cast<int>(state));
+    }
+}
+
+static void abandonCurrentItem() {
+    oruZb_node_t failed;
+    if (!oruZb_copyCurrentItem(&failed)) {
+        return;
+    }
+    oruZbHal_deviceInfoCore_t &info = failed.device.device_info;
+    oruZb_printDeviceError("Discovery failed", info.eui64);
+    if (oruZb_addOrUpdateToFailedDiscoveryList(info.eui64, failed.device.node_id, info.capabilities) == nullptr) {
+        oruZb_printDeviceError("oruZb_addOrUpdateToFailedDiscoveryList failed", info.eui64);
+    }
+    deleteDiscoveredOrFailed("oruZb_handleServiceDiscovery", info.eui64);
+    oruZb_scheduleBeginDiscovery(0);
+}
+
+oru_status_t oruZb_handleServiceDiscovery() {
+    oruZb_node_t *current = currentItem();
+    if (current == nullptr || oruZb_discoveryListIsEmpty()) {
+        if (!oruZb_failedDiscoveryListIsEmpty()) {
+            oruZb_handleDeviceRecovery();
+        }
+        return ORU_STATUS_OK;
+    }
+    ZB_LOG_INFO("%s: %s", ZB_DISCOVERY, __func__);
+    if (countRetry(current) > MAX_REQUEST_RETRIES) {
+        abandonCurrentItem();
+    }
+    // Also after giving up: a device that has just become current is asked a second time, and with no device at all the
+    // timer's next expiry starts recovery.
+    requestAndAwait();
+    return ORU_STATUS_OK;
+}
+
+// -------------------------------------------------------------------------------------------------------------
+// requests
+oru_status_t oruZb_handleRequestActiveEndpoints() {
+    oruZb_node_t current;
+    if (!oruZb_copyCurrentItem(&current)) {
+        ZB_LOG_ERROR("%s: %s Cannot send active endpoints request, current_discovery_item is NULL", ZB_DISCOVERY,
+                     __func__);
+        return ORU_STATUS_NULL_POINTER;
+    }
+    ZB_LOG_INFO("%s: %s 0x%x", ZB_DISCOVERY, __func__, current.device.node_id);
+    const oru_status_t status = oruZb_sendActiveEndpointsRequest(current.device.node_id);
+    if (status != ORU_STATUS_OK) {
+        oruZb_printDeviceError("Failed to send active endpoint request", current.device.device_info.eui64);
+    }
+    return status;
+}
+
+oru_status_t oruZb_handleRequestSimpleDescriptor() {
+    oruZb_node_t current;
+    if (!oruZb_copyCurrentItem(&current)) {
+        ZB_LOG_ERROR("%s: %s Cannot send simple descriptor request, current_discovery_item is NULL", ZB_DISCOVERY,
+                     __func__);
+        return ORU_STATUS_NULL_POINTER;
+    }
+    const oruZbHal_deviceInfoCore_t &info = current.device.device_info;
+    if (current.action.endpoint_query_index >= info.endpoint_count) {
+        ZB_LOG_WARN("%s: <WARNING> cannot send simple descriptor request. All endpoints are accounted for!",
+                    ZB_DISCOVERY);
+        return ORU_STATUS_GENERAL_ERROR;
+    }
+    const uint8_t endpoint = info.endpoints[current.action.endpoint_query_index].endpoint;
+    ZB_LOG_INFO("%s: %s 0x%x, %d", ZB_DISCOVERY, __func__, current.device.node_id, endpoint);
+    const oru_status_t status = oruZb_sendSimpleDescriptorRequest(current.device.node_id, endpoint);
+    if (status != ORU_STATUS_OK) {
+        oruZb_printDeviceError("Failed to send simple descriptor request", info.eui64);
+    }
+    return status;
+}
+
+oru_status_t oruZb_handleRequestNodeDescriptor() {
+    oruZb_node_t current;
+    if (!oruZb_copyCurrentItem(&current)) {
+        ZB_LOG_ERROR("%s: %s Cannot send node descriptor request, current_discovery_item is NULL", ZB_DISCOVERY,
+                     __func__);
+        return ORU_STATUS_NULL_POINTER;
+    }
+    ZB_LOG_INFO("%s: %s 0x%x", ZB_DISCOVERY, __func__, current.device.node_id);
+    const oru_status_t status = oruZb_sendNodeDescriptorRequest(current.device.node_id);
+    if (status != ORU_STATUS_OK) {
+        oruZb_printDeviceError("Failed to send node descriptor request", current.device.device_info.eui64);
+    }
+    return status;
+}
+
+// ------------------------------------------------------------------------------------------------------------
+// responses
+oru_status_t oruZb_handleIncomingZdoMsg(uint16_t cluster_id, uint8_t *message, uint16_t msg_len) {
+    if (message == nullptr) {
+        return ORU_STATUS_NULL_POINTER;
+    }
+    switch (cluster_id) {
+    case ZDO_ACTIVE_EP_RSP:
+        return oruZb_handleActiveEndpointsResponse(message, msg_len);
+    case ZDO_SIMPLE_DESC_RSP:
+        return oruZb_handleSimpleDescriptorResponse(message, msg_len);
+    case ZDO_NODE_DESC_RSP:
+        return oruZb_handleNodeDescriptorResponse(message, msg_len);
+    case ZDO_DEVICE_ANNCE:
+        oruZb_handleDeviceAnnounce(message, msg_len);
+        return ORU_STATUS_OK;
+    case ZDO_MGMT_LEAVE_RSP:
+        return ORU_STATUS_NOT_SUPPORTED;
+    default:
+        ZB_LOG_WARN("%s: Unhandled ZDO message %d", ZB_DISCOVERY, cluster_id);
+        return ORU_STATUS_NOT_SUPPORTED;
+    }
+}
+
+oru_status_t oruZb_handleActiveEndpointsResponse(uint8_t *message, uint16_t length) {
+    if (message == nullptr) {
+        return ORU_STATUS_NULL_POINTER;
+    }
+    oruZb_node_t current;
+    if (!oruZb_copyCurrentItem(&current)) {
+        ZB_LOG_WARN("%s: Ignore ActiveEndpointsResponse: No device currently being discovered", ZB_DISCOVERY);
+        return ORU_STATUS_CANCELED;
+    }
+    if (current.action.discovery_state != ORU_ZB_DEVICE_DISCOVERY_REQUEST_ACTIVE_ENDPOINTS) {
+        ZB_LOG_WARN("%s: Ignore ActiveEndpointsResponse: Not in REQUEST_ACTIVE_ENDPOINTS state", ZB_DISCOVERY);
+        return ORU_STATUS_DEVICE_STATE_INVALID;
+    }
+    oruZb_frameReader frame({message, length});
+    frame.skip(2); // sequence number and status
+    const uint16_t node_id = frame.u16();
+    const uint8_t count = frame.u8();
+    const std::span<const uint8_t> endpoints = frame.bytes(count);
+    if (!frame.ok() || frame.left() != 0) {
+        ZB_LOG_ERROR("%s: <ERROR> invalid length (%d != %d) for Active Endpoint response", ZB_DISCOVERY, count + 5,
+                     length);
+        return ORU_STATUS_DATA_LEN_INVALID;
+    }
+    if (node_id != current.device.node_id) {
+        ZB_LOG_WARN("%s: Ignore ActiveEndpointsResponse: 0x%x not currently undergoing discovery. Active node:0x%04x",
+                    ZB_DISCOVERY, node_id, current.device.node_id);
+        return ORU_STATUS_CANCELED;
+    }
+    stopResponseTimer(__func__);
+    ZB_LOG_INFO("%s: %s for node_id 0x%x", ZB_DISCOVERY, __func__, node_id);
+    ZB_LOG_INFO("%s: Found %d active endpoints", ZB_DISCOVERY, count);
+    oruZb_node_t *item = currentItem();
+    if (oruZb_deviceSetEndpoints(item, endpoints.data(), count) != ORU_STATUS_OK) {
+        oruZb_printDeviceError("Failed to set endpoints in device database", current.device.device_info.eui64);
+        countRetry(item);
+    } else {
+        oruZb_prepareForDiscoveryState(item, ORU_ZB_DEVICE_DISCOVERY_REQUEST_SIMPLE_DESC);
+    }
+    requestAndAwait();
+    return ORU_STATUS_OK;
+}
+
+struct simpleDescriptor {
+    uint16_t node_id;
+    uint16_t profile_id;
+    uint16_t device_id;
+    uint8_t endpoint;
+    uint8_t in_count;
+    uint8_t out_count;
+    std::array<uint16_t, MAX_PARSED_CLUSTERS> in;
+    std::array<uint16_t, MAX_PARSED_CLUSTERS> out;
+};
+
+// 0; ORU_STATUS_GENERAL_ERROR for a list that is too long; ORU_STATUS_DATA_LEN_INVALID for a frame that does not hold
+// what it announces, or whose length is even (with two-byte ids it never is).
+static oru_status_t parseSimpleDescriptor(std::span<const uint8_t> bytes, simpleDescriptor &descriptor) {
+    oruZb_frameReader frame(bytes);
+    frame.skip(2); // sequence number and status
+    descriptor.node_id = frame.u16();
+    frame.skip(1); // descriptor length
+    descriptor.endpoint = frame.u8();
+    descriptor.profile_id = frame.u16();
+    descriptor.device_id = frame.u16();
+    frame.skip(1); // device version
+    descriptor.in_count = frame.u8();
+    if (!frame.ok()) {
+        return ORU_STATUS_DATA_LEN_INVALID;
+    }
+    if (descriptor.in_count > descriptor.in.size()) {
+        return ORU_STATUS_GENERAL_ERROR;
+    }
+    for (uint8_t i = 0; i < descriptor.in_count; i++) {
+        descriptor.in[i] = frame.u16();
+    }
+    descriptor.out_count = frame.u8();
+    if (!frame.ok()) {
+        return ORU_STATUS_DATA_LEN_INVALID;
+    }
+    if (descriptor.out_count > descriptor.out.size()) {
+        return ORU_STATUS_GENERAL_ERROR;
+    }
+    for (uint8_t i = 0; i < descriptor.out_count; i++) {
+        descriptor.out[i] = frame.u16();
+    }
+    return frame.ok() && bytes.size() % 2 != 0 ? ORU_STATUS_OK : ORU_STATUS_DATA_LEN_INVALID;
+}
+
+// Stores what one endpoint answered and moves on to the next one, or to the node descriptor after the last. A late or
+// repeated response of another endpoint is stored where it belongs and counts as the answer all the same.
+static void storeSimpleDescriptor(oruZb_node_t *item, simpleDescriptor &descriptor) {
+    const oruZbHal_clusterList_t clusters = {
+        .in_cluster_count = descriptor.in_count,
+        .in_cluster_list = descriptor.in.data(),
+        .out_cluster_count = descriptor.out_count,
+        .out_cluster_list = descriptor.out.data(),
+        .profile_id = descriptor.profile_id,
+        .device_id = descriptor.device_id,
+        .endpoint = descriptor.endpoint,
+    };
+    if (oruZb_setClustersForEndpoint(item, &clusters) != ORU_STATUS_OK) {
+        oruZb_printDeviceError("failed to set clusters in device database", item->device.device_info.eui64);
+        countRetry(item);
+        return;
+    }
+    const std::lock_guard<std::mutex> lock(discovery_mutex);
+    const bool more = ++item->action.endpoint_query_index < item->device.device_info.endpoint_count;
+    oruZb_prepareForDiscoveryStateLocked(item, more ? ORU_ZB_DEVICE_DISCOVERY_REQUEST_SIMPLE_DESC
+                                                    : ORU_ZB_DEVICE_DISCOVERY_REQUEST_NODE_DESC);
+}
+
+oru_status_t oruZb_handleSimpleDescriptorResponse(uint8_t *message, uint16_t length) {
+    if (message == nullptr) {
+        return ORU_STATUS_NULL_POINTER;
+    }
+    oruZb_node_t current;
+    if (!oruZb_copyCurrentItem(&current)) {
+        ZB_LOG_WARN("%s: Ignore SimpleDescriptorResponse: No device currently being discovered", ZB_DISCOVERY);
+        return ORU_STATUS_CANCELED;
+    }
+    if (current.action.discovery_state != ORU_ZB_DEVICE_DISCOVERY_REQUEST_SIMPLE_DESC) {
+        ZB_LOG_WARN("%s: Ignore SimpleDescriptorResponse: Not in REQUEST_SIMPLE_DESC state", ZB_DISCOVERY);
+        return ORU_STATUS_DEVICE_STATE_INVALID;
+    }
+    simpleDescriptor descriptor;
+    const oru_status_t parsed = parseSimpleDescriptor({message, length}, descriptor);
+    if (parsed == ORU_STATUS_GENERAL_ERROR) {
+        ZB_LOG_ERROR("%s: <ERROR> invalid count of cluster", ZB_DISCOVERY);
+        return parsed;
+    }
+    if (parsed != ORU_STATUS_OK) {
+        ZB_LOG_ERROR("%s: <ERROR> invalid length for Simple Descriptor response", ZB_DISCOVERY);
+        return parsed;
+    }
+    if (descriptor.node_id != current.device.node_id) {
+        ZB_LOG_WARN("%s: Ignore SimpleDescriptorResponse: 0x%x not currently undergoing discovery", ZB_DISCOVERY,
+                    descriptor.node_id);
+        return ORU_STATUS_CANCELED;
+    }
+    stopResponseTimer(__func__);
+    ZB_LOG_INFO("%s: %s for node_id 0x%x", ZB_DISCOVERY, __func__, descriptor.node_id);
+    ZB_LOG_INFO("%s: Found %d server clusters and %d client clusters on EP %d", ZB_DISCOVERY, descriptor.in_count,
+                descriptor.out_count, descriptor.endpoint);
+    storeSimpleDescriptor(currentItem(), descriptor);
+    requestAndAwait();
+    return ORU_STATUS_OK;
+}
+
+struct nodeDescriptor {
+    uint16_t node_id;
+    uint16_t manufacturer_code;
+    uint16_t server_mask;
+    uint8_t capabilities;
+};
+
+// False: too short for the fields used.
+static bool parseNodeDescriptor(std::span<const uint8_t> bytes, nodeDescriptor &descriptor) {
+    oruZb_frameReader frame(bytes);
+    frame.skip(2); // sequence number and status
+    descriptor.node_id = frame.u16();
+    frame.skip(2); // logical type, frequency band
+    descriptor.capabilities = frame.u8();
+    descriptor.manufacturer_code = frame.u16();
+    frame.skip(3); // maximum buffer and incoming transfer sizes
+    descriptor.server_mask = frame.u16();
+    return frame.ok();
+}
+
+static void finishDevice(oruZb_node_t *item) {
+    oruZb_node_t finished;
+    {
+        const std::lock_guard<std::mutex> lock(discovery_mutex);
+        item->action.discovery_state = ORU_ZB_DEVICE_DISCOVERY_FINISHED;
+        finished = *item;
+    }
+    oruZb_notifyDeviceDiscovered(&finished.device);
+    deleteDiscoveredOrFailed("oruZb_handleNodeDescriptorResponse", finished.device.device_info.eui64);
+}
+
+static void logNodeDescriptor(const char *operation, const nodeDescriptor &descriptor) {
+    const unsigned revision = static_cast<unsigned>(descriptor.server_mask) >> SERVER_MASK_REVISION;
+    if (revision > ZIGBEE_3_0_REVISION) {
+        ZB_LOG_INFO("%s: %s for node_id 0x%x. This is a Zigbee 3.0 device, stack compliance revision: R%d",
+                    ZB_DISCOVERY, operation, descriptor.node_id, static_cast<int>(revision));
+    } else {
+        ZB_LOG_INFO("%s: %s for node_id 0x%x", ZB_DISCOVERY, operation, descriptor.node_id);
+    }
+}
+
+oru_status_t oruZb_handleNodeDescriptorResponse(uint8_t *message, uint16_t length) {
+    if (message == nullptr) {
+        return ORU_STATUS_NULL_POINTER;
+    }
+    oruZb_node_t current;
+    if (!oruZb_copyCurrentItem(&current)) {
+        ZB_LOG_WARN("%s: Ignore NodeDescriptorResponse: No device currently being discovered", ZB_DISCOVERY);
+        return ORU_STATUS_CANCELED;
+    }
+    if (current.action.discovery_state != ORU_ZB_DEVICE_DISCOVERY_REQUEST_NODE_DESC) {
+        ZB_LOG_WARN("%s: Ignore NodeDescriptorResponse: Not in REQUEST_NODE_DESC state", ZB_DISCOVERY);
+        return ORU_STATUS_DEVICE_STATE_INVALID;
+    }
+    nodeDescriptor descriptor;
+    if (!parseNodeDescriptor({message, length}, descriptor)) {
+        ZB_LOG_ERROR("%s: <ERROR> invalid length for Node Descriptor response", ZB_DISCOVERY);
+        return ORU_STATUS_DATA_LEN_INVALID;
+    }
+    if (descriptor.node_id != current.device.node_id) {
+        ZB_LOG_INFO("%s: Ignore NodeDescriptorResponse: 0x%x not currently undergoing discovery. Active node:0x%04x",
+                    ZB_DISCOVERY, descriptor.node_id, current.device.node_id);
+        return ORU_STATUS_CANCELED;
+    }
+    stopResponseTimer(__func__);
+    logNodeDescriptor(__func__, descriptor);
+    oruZb_node_t *item = currentItem();
+    if (oruZb_setManufacturerCodeAndCapability(item, descriptor.manufacturer_code, descriptor.capabilities) !=
+        ORU_STATUS_OK) {
+        oruZb_printDeviceError("Failed to set manufacturer code and capability for device",
+                               current.device.device_info.eui64);
+        countRetry(item);
+    } else {
+        finishDevice(item);
+    }
+    if (!oruZb_discoveryListIsEmpty()) {
+        oruZb_scheduleBeginDiscovery(0);
+    }
+    return ORU_STATUS_OK;
+}
+
+// -------------------------------------------------------------------------------------------------------------- result
+static uint32_t countDiscovered() {
+    uint32_t joining = device_fail_to_join_counter.load();
+    while (joining > 0 && !device_fail_to_join_counter.compare_exchange_weak(joining, joining - 1)) {
+    }
+    return joining > 0 ? joining - 1 : 0;
+}
+
+oru_status_t oruZb_notifyDeviceDiscovered(oruZbHal_deviceInfo_t *device) {
+    if (device == nullptr) {
+        return ORU_STATUS_NULL_POINTER;
+    }
+    ZB_LOG_INFO("%s: %s node_id: 0x%x", ZB_DISCOVERY, __func__, device->node_id);
+    oruZb_device_t record = {
+        .node_id = device->node_id,
+        .manufacturer_code = device->manufacturer_code,
+        .device_info = device->device_info,
+    };
+    const oru_status_t status = oruZb_databaseAddDevice(&record);
+    if (status != ORU_STATUS_OK) {
+        ZB_LOG_ERROR("%s: %s: oruZb_databaseAddDevice failed for node_id: 0x%x, status:%d", ZB_DISCOVERY, __func__,
+                     record.node_id, status);
+    }
+    oruZb_publishEvent(ORU_ZB_SVC_DEVICE_DISCOVERED, &record, sizeof(record));
+    oruZb_databasePrintDevices();
+    const uint32_t joining = countDiscovered();
+    const uint8_t *eui64 = record.device_info.eui64;
+    char oui[7];
+    (void)snprintf(oui, sizeof(oui), "%2.2x%2.2x%2.2x", eui64[0], eui64[1], eui64[2]);
+    ZB_LOG_INFO("%s: zb_db_add, EUI:%s", ZB_METRICS, oui);
+    ZB_LOG_INFO("%s: %s(): Device discovered notification, join failure count : %d", ZB_DISCOVERY, __func__,
+                static_cast<int>(joining));
+    return status;
+}

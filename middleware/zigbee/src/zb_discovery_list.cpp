@@ -1,0 +1,431 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The two lists of discovery and what can be done to a node in them.
+//
+//   discovery list         devices waiting for or under interrogation (NEW to FINISHED); one of them may be current
+//   failed-discovery list  devices that did not answer, waiting to be told to leave
+//
+// Both insert at the head, so the device that came last is served first. A device has at most one node in each list;
+// the lists own their nodes. They become initialised with the first insertion.
+#include "oru_time.h"
+#include "zb_alloc.h"
+#include "zb_database.h"
+#include "zb_discovery_internal.h"
+#include "zb_timer.h"
+#include "zb_util.h"
+#include "zb_zdo.h"
+#include <algorithm>
+#include <cstring>
+
+static constexpr uint8_t CAPABILITY_RX_ON_WHEN_IDLE = 0x08; // MAC capability flags of the Zigbee specification
+static constexpr uint32_t SLEEPY_EXPIRY_S = 10;
+static constexpr uint32_t EXPIRY_S = 3;
+static constexpr uint8_t NO_ENDPOINT_INDEX = 255;
+
+constinit std::mutex discovery_mutex;
+oruZb_nodeList discovery_list_head;
+int discovery_list_init;
+oruZb_nodeList failed_discovery_list_head;
+int failed_discovery_list_init;
+oruZb_node_t *current_discovery_item;
+std::atomic<uint32_t> device_fail_to_join_counter{0};
+
+using discoveryLock = std::lock_guard<std::mutex>;
+
+// ---------------------------------------------------------------------------------------------------- states and time
+bool oruZb_isSleepyEndDevice(uint8_t capabilities) {
+    return (capabilities & CAPABILITY_RX_ON_WHEN_IDLE) == 0;
+}
+
+uint32_t oruZb_getCurrentTimeSec() {
+    oruTime_timespec_t now{};
+    if (oruTime_time(&now) != ORU_STATUS_OK) {
+        ZB_LOG_ERROR("%s: Error: Failed to get oru time", ZB_DISCOVERY);
+        return 0;
+    }
+    return static_cast<uint32_t>(now.seconds);
+}
+
+static uint32_t expiryTime(uint8_t capabilities) {
+    return oruZb_getCurrentTimeSec() + (oruZb_isSleepyEndDevice(capabilities) ? SLEEPY_EXPIRY_S : EXPIRY_S);
+}
+
+uint32_t oruZb_determineExpiryTime(oruZb_node_t *item) {
+    if (item == nullptr) {
+        return 0;
+    }
+    const discoveryLock lock(discovery_mutex);
+    return expiryTime(item->device.device_info.capabilities);
+}
+
+void oruZb_prepareForDiscoveryStateLocked(oruZb_node_t *item, oruZb_device_discovery_state state) {
+    item->action.discovery_state = state;
+    item->action.expiry_time = expiryTime(item->device.device_info.capabilities);
+    item->action.num_retries = 0;
+}
+
+void oruZb_prepareForDiscoveryState(oruZb_node_t *item, oruZb_device_discovery_state state) {
+    if (item == nullptr) {
+        return;
+    }
+    const discoveryLock lock(discovery_mutex);
+    oruZb_prepareForDiscoveryStateLocked(item, state);
+}
+
+// ----------------------------------------------------------------------------------------------------- list mechanics
+oruZb_node_t *oruZb_findNodeLocked(const oruZb_nodeList &list, const uint8_t *eui64) {
+    oruZb_node_t *item = list.slh_first;
+    while (item != nullptr && memcmp(item->device.device_info.eui64, eui64, sizeof(oruZbHal_eui64_t)) != 0) {
+        item = item->entries.sle_next;
+    }
+    return item;
+}
+
+static void unlinkNode(oruZb_nodeList &list, const oruZb_node_t *item) {
+    oruZb_node_t **link = &list.slh_first;
+    while (*link != item) {
+        link = &(*link)->entries.sle_next;
+    }
+    *link = item->entries.sle_next;
+}
+
+static void describeNode(oruZb_node_t *item, const uint8_t *eui64, uint16_t node_id, uint8_t capabilities) {
+    std::copy_n(eui64, sizeof(oruZbHal_eui64_t), item->device.device_info.eui64);
+    item->device.device_info.capabilities = capabilities;
+    item->device.device_info.endpoint_count = 0;
+    item->device.node_id = node_id;
+    item->action.endpoint_query_index = 0;
+}
+
+// A cleared node; null when out of memory.
+static oruZb_node_t *newNode() {
+    auto *item = static_cast<oruZb_node_t *>(oruZb_allocMemory(sizeof(oruZb_node_t)));
+    if (item != nullptr) {
+        *item = oruZb_node_t{};
+    }
+    return item;
+}
+
+static void insertNode(oruZb_nodeList &list, oruZb_node_t *item) {
+    item->entries.sle_next = list.slh_first;
+    list.slh_first = item;
+}
+
+bool oruZb_discoveryListIsEmpty() {
+    const discoveryLock lock(discovery_mutex);
+    return discovery_list_head.slh_first == nullptr;
+}
+
+bool oruZb_failedDiscoveryListIsEmpty() {
+    const discoveryLock lock(discovery_mutex);
+    return failed_discovery_list_head.slh_first == nullptr;
+}
+
+bool oruZb_copyCurrentItem(oruZb_node_t *copy) {
+    const discoveryLock lock(discovery_mutex);
+    if (current_discovery_item == nullptr) {
+        return false;
+    }
+    *copy = *current_discovery_item;
+    return true;
+}
+
+// ----------------------------------------------------------------------------------------------------- discovery list
+oruZb_node_t *oruZb_findNodeDiscoveryList(const uint8_t *eui64) {
+    const discoveryLock lock(discovery_mutex);
+    return eui64 != nullptr && discovery_list_init != 0 ? oruZb_findNodeLocked(discovery_list_head, eui64) : nullptr;
+}
+
+oruZb_node_t *oruZb_addToDiscoveryListLocked(const uint8_t *eui64, uint16_t node_id, uint8_t capabilities) {
+    if (discovery_list_init == 0) {
+        discovery_list_head.slh_first = nullptr;
+        discovery_list_init = 1;
+    }
+    if (oruZb_node_t *listed = oruZb_findNodeLocked(discovery_list_head, eui64)) {
+        ZB_LOG_ERROR("%s: Device already exists!", ZB_DISCOVERY);
+        if (listed->device.node_id != node_id) {
+            ZB_LOG_ERROR("%s: Device 0x%4.4x trying to rejoin with a new node ID 0x%4.4x", ZB_DISCOVERY,
+                         listed->device.node_id, node_id);
+            listed->device.node_id = node_id;
+        }
+        return nullptr;
+    }
+    oruZb_node_t *item = newNode();
+    if (item == nullptr) {
+        ZB_LOG_ERROR("%s: Failed to allocate memory for device", ZB_DISCOVERY);
+        return nullptr;
+    }
+    describeNode(item, eui64, node_id, capabilities);
+    insertNode(discovery_list_head, item);
+    return item;
+}
+
+oruZb_node_t *oruZb_addToDiscoveryList(uint8_t *eui64, uint16_t node_id, uint8_t capabilities) {
+    if (eui64 == nullptr) {
+        return nullptr;
+    }
+    const discoveryLock lock(discovery_mutex);
+    return oruZb_addToDiscoveryListLocked(eui64, node_id, capabilities);
+}
+
+static void sendAway(uint8_t *eui64, uint16_t node_id) {
+    constexpr char operation[] = "oruZb_updateDiscoveryList";
+    ZB_LOG_INFO("%s: %s(): Device NOT found in DB. Sending leave request to device, Last 2 bytes of mac_id: %2.2x%2.2x",
+                ZB_DISCOVERY, operation, eui64[6], eui64[7]);
+    const oru_status_t status = oruZb_sendNodeLeaveNetworkRequest(node_id, eui64, ZDO_LEAVE);
+    if (status == ORU_STATUS_OK) {
+        ZB_LOG_INFO("%s: %s(): Leave request sent successfully", ZB_DISCOVERY, operation);
+    } else {
+        ZB_LOG_ERROR("%s: %s(): Failed to send leave request: %d", ZB_DISCOVERY, operation, status);
+    }
+}
+
+static void updateStoredNodeId(uint8_t *eui64, uint16_t node_id, uint16_t stored_node_id) {
+    const oru_status_t status = oruZb_databaseUpdateNodeId(eui64, node_id);
+    if (status == ORU_STATUS_OK) {
+        ZB_LOG_INFO("%s: Device node ID updated from 0x%4.4x to 0x%4.4x in DB", ZB_DISCOVERY, stored_node_id, node_id);
+    } else {
+        ZB_LOG_ERROR("%s: Unable to update device node ID in DB, status:%d", ZB_DISCOVERY, status);
+    }
+}
+
+static oruZb_node_t *refreshListedNode(const uint8_t *eui64, uint16_t node_id, uint8_t capabilities) {
+    const discoveryLock lock(discovery_mutex);
+    oruZb_node_t *item = discovery_list_init != 0 ? oruZb_findNodeLocked(discovery_list_head, eui64) : nullptr;
+    if (item != nullptr) {
+        item->device.node_id = node_id;
+        item->device.device_info.capabilities = capabilities;
+    }
+    return item;
+}
+
+oruZb_node_t *oruZb_updateDiscoveryList(uint8_t *eui64, uint16_t node_id, uint8_t capabilities) {
+    if (eui64 == nullptr) {
+        return nullptr;
+    }
+    if (oruZb_node_t *item = refreshListedNode(eui64, node_id, capabilities)) {
+        return item;
+    }
+    oruZb_device_t stored{};
+    if (oruZb_databaseGetDeviceByEui64(eui64, &stored) != ORU_STATUS_OK) {
+        sendAway(eui64, node_id);
+    } else if (stored.node_id != node_id) {
+        updateStoredNodeId(eui64, node_id, stored.node_id);
+    }
+    return nullptr;
+}
+
+static oru_status_t deleteNodeLocked(oruZb_nodeList &list, int list_init, const uint8_t *eui64) {
+    if (list_init == 0) {
+        return ORU_STATUS_UNINITIALIZED;
+    }
+    oruZb_node_t *item = oruZb_findNodeLocked(list, eui64);
+    if (item == nullptr) {
+        return ORU_STATUS_NOT_FOUND;
+    }
+    unlinkNode(list, item);
+    oruZb_freeMemory(item);
+    return ORU_STATUS_OK;
+}
+
+oru_status_t oruZb_deleteFromDiscoveryList(uint8_t *eui64) {
+    if (eui64 == nullptr) {
+        return ORU_STATUS_NULL_POINTER;
+    }
+    const discoveryLock lock(discovery_mutex);
+    const oru_status_t status = deleteNodeLocked(discovery_list_head, discovery_list_init, eui64);
+    if (status == ORU_STATUS_OK) {
+        current_discovery_item = nullptr; // only the current node is ever deleted
+    }
+    return status;
+}
+
+void oruZb_markExpiredNodesReady() {
+    const discoveryLock lock(discovery_mutex);
+    const uint32_t now = oruZb_getCurrentTimeSec();
+    for (oruZb_node_t *item = discovery_list_head.slh_first; item != nullptr; item = item->entries.sle_next) {
+        if (item->action.expiry_time < now && item->action.discovery_state == ORU_ZB_DEVICE_DISCOVERY_NEW) {
+            ZB_LOG_INFO("%s: %s for NodeID: 0x%x", ZB_DISCOVERY, __func__, item->device.node_id);
+            oruZb_prepareForDiscoveryStateLocked(item, ORU_ZB_DEVICE_DISCOVERY_READY);
+        }
+    }
+}
+
+oruZb_node_t *oruZb_getNextItemForDiscovery() {
+    const discoveryLock lock(discovery_mutex);
+    oruZb_node_t *item = discovery_list_head.slh_first;
+    while (item != nullptr && item->action.discovery_state != ORU_ZB_DEVICE_DISCOVERY_READY) {
+        item = item->entries.sle_next;
+    }
+    if (item != nullptr) {
+        current_discovery_item = item;
+    }
+    return item;
+}
+
+// ---------------------------------------------------------------------------------------------- failed-discovery list
+oruZb_node_t *oruZb_findNodeFailedDiscoveryList(const uint8_t *eui64) {
+    const discoveryLock lock(discovery_mutex);
+    return eui64 != nullptr && failed_discovery_list_init != 0 ? oruZb_findNodeLocked(failed_discovery_list_head, eui64)
+                                                               : nullptr;
+}
+
+oruZb_node_t *oruZb_addOrUpdateToFailedDiscoveryList(uint8_t *eui64, uint16_t node_id, uint8_t capabilities) {
+    if (eui64 == nullptr) {
+        return nullptr;
+    }
+    const discoveryLock lock(discovery_mutex);
+    if (failed_discovery_list_init == 0) {
+        failed_discovery_list_head.slh_first = nullptr;
+        failed_discovery_list_init = 1;
+    }
+    oruZb_node_t *item = oruZb_findNodeLocked(failed_discovery_list_head, eui64);
+    const bool is_new = item == nullptr;
+    if (is_new) {
+        item = newNode();
+        if (item == nullptr) {
+            ZB_LOG_ERROR("%s: %s: Failed to allocate memory for device", ZB_DISCOVERY, __func__);
+            return nullptr;
+        }
+    }
+    describeNode(item, eui64, node_id, capabilities);
+    item->action.num_retries = 0;
+    if (is_new) {
+        insertNode(failed_discovery_list_head, item);
+    }
+    return item;
+}
+
+oru_status_t oruZb_deleteFromFailedDiscoveryList(uint8_t *eui64) {
+    if (eui64 == nullptr) {
+        return ORU_STATUS_NULL_POINTER;
+    }
+    const discoveryLock lock(discovery_mutex);
+    return deleteNodeLocked(failed_discovery_list_head, failed_discovery_list_init, eui64);
+}
+
+void oruZb_cleanupFailedDiscoveryList() {
+    {
+        const discoveryLock lock(discovery_mutex);
+        while (oruZb_node_t *item = failed_discovery_list_head.slh_first) {
+            failed_discovery_list_head.slh_first = item->entries.sle_next;
+            oruZb_freeMemory(item);
+        }
+    }
+    ZB_LOG_INFO("%s: %s:Removed all devices from failed discovery list", ZB_DISCOVERY, __func__);
+}
+
+// ---------------------------------------------------------------------------------------------- contents of a node
+static uint8_t endpointIndex(const oruZb_node_t *item, uint8_t endpoint) {
+    const oruZbHal_endpointInfo_t *slots = item->device.device_info.endpoints;
+    const oruZbHal_endpointInfo_t *found =
+        std::find_if(slots, slots + ORU_ZB_HAL_MAX_ENDPOINTS,
+                     [endpoint](const oruZbHal_endpointInfo_t &slot) { return slot.endpoint == endpoint; });
+    return found == slots + ORU_ZB_HAL_MAX_ENDPOINTS ? NO_ENDPOINT_INDEX : static_cast<uint8_t>(found - slots);
+}
+
+uint8_t oruZb_getIndexFromEndpoint(oruZb_node_t *item, uint8_t endpoint) {
+    if (item == nullptr) {
+        return NO_ENDPOINT_INDEX;
+    }
+    const discoveryLock lock(discovery_mutex);
+    return endpointIndex(item, endpoint);
+}
+
+oru_status_t oruZb_deviceSetEndpoints(oruZb_node_t *item, const uint8_t *endpoint_list, uint8_t endpoint_count) {
+    if (item == nullptr || endpoint_list == nullptr) {
+        return ORU_STATUS_NULL_POINTER;
+    }
+    const discoveryLock lock(discovery_mutex);
+    oruZbHal_deviceInfoCore_t &info = item->device.device_info;
+    memset(info.endpoints, 0xFF, sizeof(info.endpoints));
+    info.endpoint_count = std::min<uint8_t>(endpoint_count, ORU_ZB_HAL_MAX_ENDPOINTS);
+    for (uint8_t i = 0; i < info.endpoint_count; i++) {
+        info.endpoints[i].endpoint = endpoint_list[i];
+        info.endpoints[i].cluster_count = 0;
+    }
+    return ORU_STATUS_OK;
+}
+
+// Member by member: the filler byte of each entry keeps its 0xFF, it is stored and published with the record. The
+// client (output) clusters come first, so a device with too many of them loses server (input) clusters.
+static void fillClusters(oruZbHal_endpointInfo_t &slot, const oruZbHal_clusterList_t &list) {
+    const uint8_t clients = std::min(list.out_cluster_count, slot.cluster_count);
+    for (uint8_t i = 0; i < slot.cluster_count; i++) {
+        const bool server = i >= clients;
+        slot.clusters[i].cluster_id = server ? list.in_cluster_list[i - clients] : list.out_cluster_list[i];
+        slot.clusters[i].server = server ? 1 : 0;
+    }
+}
+
+oru_status_t oruZb_setClustersForEndpoint(oruZb_node_t *item, const oruZbHal_clusterList_t *cluster_list) {
+    if (item == nullptr || cluster_list == nullptr) {
+        return ORU_STATUS_NULL_POINTER;
+    }
+    const discoveryLock lock(discovery_mutex);
+    const uint8_t index = endpointIndex(item, cluster_list->endpoint);
+    if (index == NO_ENDPOINT_INDEX) {
+        ZB_LOG_ERROR("%s: endpoint %d does not exist for device", ZB_DISCOVERY, cluster_list->endpoint);
+        return ORU_STATUS_NOT_FOUND;
+    }
+    oruZbHal_endpointInfo_t &slot = item->device.device_info.endpoints[index];
+    slot.profile_id = cluster_list->profile_id;
+    slot.device_id = cluster_list->device_id;
+    slot.cluster_count = static_cast<uint8_t>(cluster_list->in_cluster_count + cluster_list->out_cluster_count);
+    if (slot.cluster_count > ORU_ZB_HAL_MAX_CLUSTERS) {
+        ZB_LOG_INFO("%s: Too many clusters (%d) for endpoint in the node=0x%4.4x. Limiting to %d", ZB_DISCOVERY,
+                    slot.cluster_count, slot.device_id, ORU_ZB_HAL_MAX_CLUSTERS);
+        slot.cluster_count = ORU_ZB_HAL_MAX_CLUSTERS;
+    }
+    fillClusters(slot, *cluster_list);
+    return ORU_STATUS_OK;
+}
+
+oru_status_t oruZb_setManufacturerCodeAndCapability(oruZb_node_t *item, uint16_t manufacturer_code,
+                                                    uint8_t capability) {
+    if (item == nullptr) {
+        return ORU_STATUS_NULL_POINTER;
+    }
+    const discoveryLock lock(discovery_mutex);
+    item->device.manufacturer_code = manufacturer_code;
+    item->device.device_info.capabilities = capability;
+    return ORU_STATUS_OK;
+}
+
+// --------------------------------------------------------------------------------------------- messages and scheduling
+oru_status_t oruZb_discoveryPostServerMsg(oruZb_msgType_t function_id) {
+    oruZb_msgListItem_t *item = oruZb_takeMsgItem(function_id);
+    if (item == nullptr) {
+        ZB_LOG_ERROR("%s: item oruMP_alloc/(mp_zb_msgl_handle/) failed.", ZB_DISCOVERY);
+        return ORU_STATUS_OUT_OF_MEMORY;
+    }
+    const oru_status_t status = oruZb_postThreadMsg(item);
+    if (status != ORU_STATUS_OK) {
+        oruMp_free(mp_zb_msgl_handle, item);
+        ZB_LOG_ERROR("%s: Error: %s cannot post msg to mainthread %d", ZB_DISCOVERY, __func__, status);
+    }
+    return status;
+}
+
+void oruZb_scheduleBeginDiscovery(int timeout_ms) {
+    ZB_LOG_INFO("%s: oruZb_scheduleBeginDiscovery after %d ms", ZB_DISCOVERY, timeout_ms);
+    if (timeout_ms != 0) {
+        const oru_status_t status = oruTime_timerStart(&device_announce_timer, static_cast<uint32_t>(timeout_ms));
+        if (status != ORU_STATUS_OK) {
+            ZB_LOG_ERROR("%s: %s: deviceAnnounce timer start failed, status: %d", ZB_DISCOVERY, __func__, status);
+        }
+        return;
+    }
+    const oru_status_t status = oruTime_timerStop(&device_announce_timer);
+    if (status != ORU_STATUS_OK) {
+        ZB_LOG_ERROR("%s: %s: deviceAnnounce timer stop failed, status: %d", ZB_DISCOVERY, __func__, status);
+    }
+    oruZb_handleBeginDiscovery();
+}
+
+void oruZb_scheduleServiceDiscovery(int timeout_ms) {
+    ZB_LOG_INFO("%s: oruZb_scheduleServiceDiscovery after %d ms", ZB_DISCOVERY, timeout_ms);
+    if (oruTime_timerStart(&service_discovery_timer, static_cast<uint32_t>(timeout_ms)) != ORU_STATUS_OK) {
+        ZB_LOG_ERROR("%s: Error: %s serviceDiscovery timer start failed.", ZB_DISCOVERY, __func__);
+    }
+}
