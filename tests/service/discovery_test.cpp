@@ -1,0 +1,411 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "service_fixture.h"
+
+using testplat::hal::sent;
+namespace ipc = testplat::ipc;
+namespace hal = testplat::hal;
+
+namespace {
+
+const FakeDevice LAMP{{0x02, 0x11, 0x22, 0, 0, 0, 0xAA, 0x01}, 0x1001};
+const FakeDevice PLUG{{0x02, 0x11, 0x22, 0, 0, 0, 0xAA, 0x02}, 0x1002};
+const FakeDevice SENSOR{{0x02, 0x11, 0x22, 0, 0, 0, 0xAA, 0x03}, 0x1003};
+
+class DiscoveryTest : public ServiceTest {
+protected:
+    void SetUp() override {
+        ServiceTest::SetUp();
+        bootReady();
+    }
+    // Answers every question the service has put to the device so far, with endpoints 1..count.
+    static void interview(const FakeDevice &device, uint8_t count) {
+        Bytes endpoints;
+        for (uint8_t e = 1; e <= count; ++e) {
+            endpoints.push_back(e);
+        }
+        device.activeEndpoints(endpoints);
+        pump();
+        for (uint8_t e = 1; e <= std::min<uint8_t>(count, 5); ++e) {
+            device.simpleDescriptor(e, {0x0000, 0x0006}, {0x0019});
+            pump();
+        }
+        device.nodeDescriptor();
+        pump();
+    }
+    static std::vector<uint16_t> zdoTo(uint16_t node_id) {
+        std::vector<uint16_t> clusters;
+        for (const testplat::Sent &s : sent()) {
+            if (s.kind == testplat::Sent::zdo && s.destination == node_id) {
+                clusters.push_back(s.aps.cluster_id);
+            }
+        }
+        return clusters;
+    }
+    static size_t eventCount(uint16_t id) {
+        const auto ids = ipc::eventIds();
+        return static_cast<size_t>(std::count(ids.begin(), ids.end(), id));
+    }
+    static void failDiscovery(const FakeDevice &device) { // to the failed list, unanswered
+        device.join();
+        device.announce();
+        pump();
+        while (oruZb_findNodeFailedDiscoveryList(device.eui64.data()) == nullptr) {
+            advance(10'000);
+        }
+    }
+    static std::vector<std::pair<uint16_t, uint8_t>> leaveRequests() { // destination and flags
+        std::vector<std::pair<uint16_t, uint8_t>> out;
+        for (const testplat::Sent &s : sent()) {
+            if (s.aps.cluster_id == ZDO_MGMT_LEAVE_REQ) {
+                out.emplace_back(s.destination, s.frame.at(9));
+            }
+        }
+        return out;
+    }
+};
+
+TEST_F(DiscoveryTest, NewDevicesAreInterrogatedStoredAndAnnounced) {
+    for (const uint8_t endpoints : Bytes{1, 2, 7}) {
+        const FakeDevice device{{0x02, 1, 1, 1, 1, 1, 1, endpoints}, static_cast<uint16_t>(0x2000 + endpoints)};
+        forget();
+        device.join();
+        pump();
+        EXPECT_EQ(device_fail_to_join_counter, 1U);
+        device.announce();
+        pump();
+        interview(device, endpoints);
+        EXPECT_EQ(ipc::eventIds(), (std::vector<uint16_t>{ORU_ZB_SVC_DEVICE_JOINED, ORU_ZB_SVC_DEVICE_DISCOVERED}));
+        const auto record = recordOf<oruZb_device_t>(ipc::events().back().payload);
+        EXPECT_EQ(ipc::events().back().payload.size(), 744U);
+        EXPECT_EQ(record.device_info.endpoint_count, std::min<uint8_t>(endpoints, 5));
+        EXPECT_EQ(record.manufacturer_code, 0x1234);
+        EXPECT_EQ(record.device_info.endpoints[0].clusters[0].cluster_id, 0x0019); // client clusters come first
+        EXPECT_EQ(record.device_info.endpoints[0].clusters[1].server, 1);
+        EXPECT_EQ(record.device_info.endpoints[0].clusters[0].reserved, 0xFF);
+        EXPECT_EQ(testplat::kvs::content().size(), endpoints == 1 ? 1U : endpoints == 2 ? 2U : 3U);
+        EXPECT_EQ(device_fail_to_join_counter, 0U);
+        EXPECT_EQ(discovery_list_head.slh_first, nullptr);
+    }
+    expectAtRest();
+    EXPECT_TRUE(testplat::log::has("This is a Zigbee 3.0 device, stack compliance revision: R22"));
+}
+
+TEST_F(DiscoveryTest, OneDeviceAtATimeLastReadyFirst) {
+    LAMP.join();
+    PLUG.join();
+    advance(20'000); // neither announced: the second check finds both past their expiry second
+    EXPECT_EQ(zdoTo(PLUG.node_id), (std::vector<uint16_t>{ZDO_ACTIVE_EP_REQ}));
+    EXPECT_TRUE(zdoTo(LAMP.node_id).empty());
+    interview(PLUG, 1);
+    EXPECT_EQ(zdoTo(LAMP.node_id), (std::vector<uint16_t>{ZDO_ACTIVE_EP_REQ}));
+    interview(LAMP, 1);
+    EXPECT_EQ(oruZb_databaseGetDeviceCount(), 2U);
+}
+
+TEST_F(DiscoveryTest, FourTimeOutsEndInTheFailedList) {
+    LAMP.join();
+    LAMP.announce();
+    pump();
+    for (int request = 1; request <= 4; ++request) {
+        EXPECT_EQ(zdoTo(LAMP.node_id).size(), static_cast<size_t>(request));
+        EXPECT_EQ(oruZb_findNodeFailedDiscoveryList(LAMP.eui64.data()), nullptr);
+        advance(10'000);
+    }
+    const oruZb_node_t *failed = oruZb_findNodeFailedDiscoveryList(LAMP.eui64.data());
+    ASSERT_NE(failed, nullptr);
+    EXPECT_EQ(failed->action.num_retries, 0);
+    EXPECT_EQ(current_discovery_item, nullptr);
+    EXPECT_EQ(oruZb_findNodeDiscoveryList(LAMP.eui64.data()), nullptr);
+    EXPECT_TRUE(leaveRequests().empty());
+    advance(10'000); // the response timer finds no current device: recovery begins
+    EXPECT_EQ(leaveRequests().size(), 1U);
+}
+
+TEST_F(DiscoveryTest, ResponsesOfEveryWrongLengthAreRefusedAndTheRequestIsRepeated) {
+    struct Step {
+        uint16_t cluster;
+        Bytes good;
+    };
+    const Bytes address = le16(LAMP.node_id);
+    const std::vector<Step> steps = {
+        {ZDO_ACTIVE_EP_RSP, Bytes{1, 0} + address + Bytes{2, 1, 2}},
+        {ZDO_SIMPLE_DESC_RSP, Bytes{1, 0} + address + Bytes{12, 1, 4, 1, 0, 1, 1, 1, 0, 0, 1, 6, 0}},
+        {ZDO_SIMPLE_DESC_RSP, Bytes{1, 0} + address + Bytes{12, 2, 4, 1, 0, 1, 1, 1, 0, 0, 1, 6, 0}},
+        {ZDO_NODE_DESC_RSP, Bytes{1, 0} + address + Bytes{1, 0x40, 0x8E, 0x34, 0x12, 82, 82, 0, 0, 0x2C, 82, 0, 0}},
+    };
+    LAMP.join();
+    LAMP.announce();
+    pump();
+    for (const Step &step : steps) {
+        const size_t shortest = step.cluster == ZDO_NODE_DESC_RSP ? 14 : step.good.size();
+        for (size_t length = 0; length < shortest; ++length) {
+            const auto *before = current_discovery_item;
+            const auto state = current_discovery_item->action.discovery_state;
+            hal::incoming(LAMP.node_id, 0, step.cluster, Bytes(step.good.begin(), step.good.begin() + length));
+            pump();
+            ASSERT_EQ(current_discovery_item, before) << length;
+            ASSERT_EQ(current_discovery_item->action.discovery_state, state) << step.cluster << " " << length;
+        }
+        const size_t requests = zdoTo(LAMP.node_id).size();
+        advance(10'000); // nothing stopped the response timer
+        ASSERT_EQ(zdoTo(LAMP.node_id).size(), requests + 1);
+        hal::incoming(0x7777, 0, step.cluster, Bytes{1, 0, 0x77, 0x77} + Bytes(step.good.begin() + 4, step.good.end()));
+        pump();
+        hal::incoming(LAMP.node_id, 0, step.cluster, step.good);
+        pump();
+    }
+    EXPECT_EQ(eventCount(ORU_ZB_SVC_DEVICE_DISCOVERED), 1U);
+    expectAtRest();
+}
+
+TEST_F(DiscoveryTest, ParserResults) {
+    const auto handle = [](uint16_t cluster, Bytes frame) {
+        return oruZb_handleIncomingZdoMsg(cluster, frame.data(), static_cast<uint16_t>(frame.size()));
+    };
+    const Bytes simple_38 = Bytes{1, 0, 1, 0x10, 0, 1, 4, 1, 0, 1, 1, 38} + Bytes(2 * 38 + 1, 0);
+    EXPECT_EQ(oruZb_handleIncomingZdoMsg(ZDO_ACTIVE_EP_RSP, nullptr, 9), ORU_STATUS_NULL_POINTER);
+    EXPECT_EQ(handle(0x8034, Bytes(4)), ORU_STATUS_NOT_SUPPORTED);
+    EXPECT_EQ(handle(0x1234, Bytes(4)), ORU_STATUS_NOT_SUPPORTED);
+    for (const uint16_t cluster : {ZDO_ACTIVE_EP_RSP, ZDO_SIMPLE_DESC_RSP, ZDO_NODE_DESC_RSP}) {
+        EXPECT_EQ(handle(cluster, Bytes(20)), ORU_STATUS_CANCELED); // nobody is being asked
+    }
+    LAMP.join();
+    LAMP.announce();
+    pump();
+    EXPECT_EQ(handle(ZDO_SIMPLE_DESC_RSP, simple_38), ORU_STATUS_DEVICE_STATE_INVALID);
+    EXPECT_EQ(handle(ZDO_ACTIVE_EP_RSP, Bytes{1, 0, 1, 0x10, 1, 1, 0}), ORU_STATUS_DATA_LEN_INVALID);
+    EXPECT_EQ(handle(ZDO_ACTIVE_EP_RSP, Bytes{1, 0, 9, 0x10, 1, 1}), ORU_STATUS_CANCELED);
+    EXPECT_EQ(handle(ZDO_ACTIVE_EP_RSP, Bytes{1, 0, 1, 0x10, 1, 1}), ORU_STATUS_OK);
+    EXPECT_EQ(handle(ZDO_SIMPLE_DESC_RSP, simple_38), ORU_STATUS_GENERAL_ERROR);
+    Bytes simple_37 = Bytes{1, 0, 1, 0x10, 0, 1, 4, 1, 0, 1, 1, 37} + Bytes(74, 1) + Bytes{37} + Bytes(74, 2);
+    EXPECT_EQ(handle(ZDO_SIMPLE_DESC_RSP, Bytes(simple_37.begin(), simple_37.end() - 1)), ORU_STATUS_DATA_LEN_INVALID);
+    EXPECT_EQ(handle(ZDO_SIMPLE_DESC_RSP, simple_37), ORU_STATUS_OK);
+    EXPECT_TRUE(testplat::log::has("Too many clusters (74)"));
+    EXPECT_EQ(current_discovery_item->device.device_info.endpoints[0].cluster_count, 35);
+    pump();
+}
+
+TEST_F(DiscoveryTest, ClusterLimitKeepsClientClustersFirst) {
+    std::vector<uint16_t> inputs, outputs;
+    for (uint16_t i = 0; i < 20; ++i) {
+        inputs.push_back(static_cast<uint16_t>(0x100 + i));
+        outputs.push_back(static_cast<uint16_t>(0x200 + i));
+    }
+    LAMP.join();
+    LAMP.announce();
+    pump();
+    LAMP.activeEndpoints({3});
+    pump();
+    LAMP.simpleDescriptor(3, inputs, outputs);
+    pump();
+    const auto &endpoint = current_discovery_item->device.device_info.endpoints[0];
+    EXPECT_EQ(endpoint.cluster_count, 35);
+    EXPECT_EQ(endpoint.clusters[19].cluster_id, 0x200 + 19);
+    EXPECT_EQ(endpoint.clusters[20].cluster_id, 0x100);
+    EXPECT_EQ(endpoint.clusters[34].cluster_id, 0x100 + 14);
+}
+
+TEST_F(DiscoveryTest, NoEndpointsFailsAfterFourTimeOuts) {
+    LAMP.join();
+    LAMP.announce();
+    pump();
+    LAMP.activeEndpoints({});
+    pump();
+    EXPECT_TRUE(testplat::log::has("All endpoints are accounted for!"));
+    advance(40'000);
+    EXPECT_NE(oruZb_findNodeFailedDiscoveryList(LAMP.eui64.data()), nullptr);
+}
+
+TEST_F(DiscoveryTest, JoinReportsByKind) {
+    struct Row {
+        const char *what;
+        bool known, failed;
+        int32_t update;
+        std::vector<uint16_t> events;
+        size_t leaves;
+    };
+    const std::vector<Row> rows = {
+        {"unsecured rejoin",
+         false,
+         false,
+         ORU_ZB_HAL_STANDARD_SECURITY_UNSECURED_REJOIN,
+         {ORU_ZB_SVC_DEVICE_UNSECURED_REJOIN},
+         0},
+        {"secured rejoin of a stranger", false, false, ORU_ZB_HAL_STANDARD_SECURITY_SECURED_REJOIN, {}, 1},
+        {"secured rejoin of a known device",
+         true,
+         false,
+         ORU_ZB_HAL_STANDARD_SECURITY_SECURED_REJOIN,
+         {ORU_ZB_SVC_DEVICE_SECURED_REJOIN},
+         0},
+        {"secured rejoin after a failure",
+         false,
+         true,
+         ORU_ZB_HAL_STANDARD_SECURITY_SECURED_REJOIN,
+         {ORU_ZB_SVC_DEVICE_SECURED_REJOIN},
+         0},
+        {"left", true, false, ORU_ZB_HAL_DEVICE_LEFT, {}, 0},
+        {"left after a failure", false, true, ORU_ZB_HAL_DEVICE_LEFT, {}, 0},
+        {"unknown kind", true, false, 9, {}, 0},
+        // the stored record is removed after the join has been announced
+        {"fresh join of a known device",
+         true,
+         false,
+         ORU_ZB_HAL_STANDARD_SECURITY_UNSECURED_JOIN,
+         {ORU_ZB_SVC_DEVICE_JOINED, ORU_ZB_SVC_DEVICE_LEFT},
+         0},
+        {"fresh join after a failure",
+         false,
+         true,
+         ORU_ZB_HAL_STANDARD_SECURITY_UNSECURED_JOIN,
+         {ORU_ZB_SVC_DEVICE_JOINED},
+         0},
+    };
+    for (const Row &row : rows) {
+        SCOPED_TRACE(row.what);
+        if (row.known) {
+            oruZb_device_t device{};
+            device.node_id = 0x0999;
+            memcpy(device.device_info.eui64, LAMP.eui64.data(), 8);
+            ASSERT_EQ(oruZb_databaseAddDevice(&device), ORU_STATUS_OK);
+        }
+        if (row.failed) {
+            Eui64Bytes eui64 = LAMP.eui64;
+            ASSERT_NE(oruZb_addOrUpdateToFailedDiscoveryList(eui64.data(), 0x1001, 0), nullptr);
+        }
+        forget();
+        sent().clear();
+        LAMP.update(row.update);
+        pump();
+        EXPECT_EQ(ipc::eventIds(), row.events);
+        EXPECT_EQ(leaveRequests().size(), row.leaves);
+        if (row.failed) {
+            EXPECT_EQ(oruZb_findNodeFailedDiscoveryList(LAMP.eui64.data()), nullptr);
+        }
+        Eui64Bytes eui64 = LAMP.eui64;
+        (void)oruZb_deleteFromDiscoveryList(eui64.data());
+        (void)oruZb_databaseRemoveAll();
+        (void)oruZb_databaseDeInit();
+        expectAtRest();
+    }
+}
+
+TEST_F(DiscoveryTest, SecondJoinOfAListedDeviceOnlyUpdatesItsAddress) {
+    LAMP.join();
+    forget();
+    FakeDevice again = LAMP;
+    again.node_id = 0x3333;
+    again.join();
+    pump();
+    EXPECT_TRUE(ipc::events().empty());
+    EXPECT_EQ(oruZb_findNodeDiscoveryList(LAMP.eui64.data())->device.node_id, 0x3333);
+    EXPECT_TRUE(testplat::log::has("trying to rejoin with a new node ID 0x3333"));
+}
+
+TEST_F(DiscoveryTest, InstallCodeModeIgnoresStrangersCompletely) {
+    oruZb_ztsDeviceInfo_t allowed{};
+    memcpy(allowed.mac_address, LAMP.eui64.data(), 8);
+    EXPECT_EQ(callSync(ORU_ZB_SVC_ZTS_ADD_DEVICES, bytesOf(allowed)).returned, 0);
+    EXPECT_EQ(callAsync(ORU_ZB_SVC_ZTS_ENABLE), 0);
+    forget();
+    PLUG.join();
+    pump();
+    EXPECT_TRUE(ipc::events().empty());
+    EXPECT_EQ(hal::count("send"), 0U);
+    EXPECT_EQ(oruZb_findNodeDiscoveryList(PLUG.eui64.data()), nullptr);
+    LAMP.join();
+    EXPECT_EQ(ipc::eventIds(), (std::vector<uint16_t>{ORU_ZB_SVC_DEVICE_JOINED}));
+}
+
+TEST_F(DiscoveryTest, AnnounceOfKnownUnknownAndShort) {
+    oruZb_device_t device{};
+    device.node_id = 0x0999;
+    memcpy(device.device_info.eui64, LAMP.eui64.data(), 8);
+    ASSERT_EQ(oruZb_databaseAddDevice(&device), ORU_STATUS_OK);
+    LAMP.announce(); // known, new address
+    pump();
+    EXPECT_EQ(oruZb_databaseGetDevice(LAMP.node_id, &device), ORU_STATUS_OK);
+    EXPECT_EQ(recordOf<oruZb_device_t>(testplat::kvs::content().begin()->second).node_id, LAMP.node_id);
+    PLUG.announce(); // a stranger is told to leave
+    pump();
+    ASSERT_EQ(leaveRequests().size(), 1U);
+    EXPECT_EQ(sent().back().frame, Bytes{1} + PLUG.lsb() + Bytes{0});
+    for (size_t length = 0; length < 12; ++length) {
+        hal::incoming(SENSOR.node_id, 0, ZDO_DEVICE_ANNCE, Bytes(length, 0x5A));
+    }
+    pump();
+    EXPECT_EQ(leaveRequests().size(), 1U);
+}
+
+TEST_F(DiscoveryTest, RecoveryOrderSpacingFlagsAndEnd) {
+    for (const FakeDevice *device : {&LAMP, &PLUG, &SENSOR}) {
+        Eui64Bytes eui64 = device->eui64;
+        ASSERT_NE(oruZb_addOrUpdateToFailedDiscoveryList(eui64.data(), device->node_id, 0), nullptr);
+    }
+    oruZb_handleDeviceRecovery();
+    using Requests = std::vector<std::pair<uint16_t, uint8_t>>;
+    EXPECT_EQ(leaveRequests(), (Requests{{0x1003, 0}}));
+    advance(199);
+    EXPECT_EQ(leaveRequests().size(), 1U);
+    EXPECT_EQ(callSync(ORU_ZB_SVC_PERMITJOIN_START).returned, 0); // the flag is decided per request
+    advance(1);
+    EXPECT_EQ(leaveRequests().back(), (std::pair<uint16_t, uint8_t>{0x1002, 0x80}));
+    EXPECT_EQ(callSync(ORU_ZB_SVC_PERMITJOIN_STOP).returned, 0);
+    advance(200);
+    EXPECT_EQ(leaveRequests(), (Requests{{0x1003, 0}, {0x1002, 0x80}, {0x1001, 0}}));
+    advance(9'999);
+    EXPECT_EQ(leaveRequests().size(), 3U);
+    advance(1);
+    EXPECT_EQ(leaveRequests().size(), 4U);
+    PLUG.update(ORU_ZB_HAL_DEVICE_LEFT); // the cursor's device vanishes: the pass restarts at the head
+    advance(200);
+    EXPECT_EQ(leaveRequests().back().first, 0x1003);
+    advance(120'000);
+    EXPECT_EQ(failed_discovery_list_head.slh_first, nullptr);
+    size_t lamp = 0, sensor = 0;
+    for (const auto &[node_id, flags] : leaveRequests()) {
+        lamp += node_id == 0x1001 ? 1U : 0U;
+        sensor += node_id == 0x1003 ? 1U : 0U;
+    }
+    EXPECT_EQ(lamp, 6U);
+    EXPECT_EQ(sensor, 6U);
+    EXPECT_EQ(testplat::log::count("Failed to Recover"), 2U);
+    EXPECT_EQ(testplat::time::untilNext() > 10'000, true); // recovery does not wake any more
+}
+
+TEST_F(DiscoveryTest, LoneFailedDeviceGetsSixRequestsTenSecondsApart) {
+    failDiscovery(LAMP);
+    const uint64_t begin = testplat::time::nowMs();
+    std::vector<uint64_t> times;
+    size_t seen = 0;
+    for (int s = 0; s < 90; ++s) {
+        advance(1'000);
+        if (leaveRequests().size() > seen) {
+            seen = leaveRequests().size();
+            times.push_back((testplat::time::nowMs() - begin) / 1000);
+        }
+    }
+    EXPECT_EQ(times, (std::vector<uint64_t>{10, 20, 30, 40, 50, 60}));
+}
+
+TEST_F(DiscoveryTest, ZdoFramesAndSequence) {
+    Bytes body(82, 7);
+    EXPECT_EQ(oruZb_sendBindingRequest(0x1001, body.data(), 81), ORU_STATUS_OK);
+    EXPECT_EQ(sent().back().frame.size(), 82U);
+    EXPECT_EQ(oruZb_sendBindingRequest(0x1001, body.data(), 82), ORU_STATUS_PARAM_OUT_OF_RANGE);
+    EXPECT_EQ(oruZb_sendBindingRequest(0x1001, nullptr, 1), ORU_STATUS_NULL_POINTER);
+    uint8_t eui64[8] = {0x00, 0x11, 0x22, 0x33, 0x44, 0x55, 0x66, 0x77};
+    EXPECT_EQ(oruZb_sendNodeLeaveNetworkRequest(0x1001, eui64, 0x80), ORU_STATUS_OK);
+    EXPECT_EQ(sent().back().frame, (Bytes{2, 0x77, 0x66, 0x55, 0x44, 0x33, 0x22, 0x11, 0x00, 0x80}));
+    EXPECT_EQ(sent().back().aps.options, 0x1140);
+    for (int i = 3; i <= 129; ++i) {
+        EXPECT_EQ(oruZdo_getSeqNum(), i % 128);
+    }
+    int internal = 0;
+    for (uint32_t cluster = 0; cluster <= 0xFFFF; ++cluster) {
+        internal += oruZb_isInternalZdoMessage(static_cast<uint16_t>(cluster)) ? 1 : 0;
+    }
+    EXPECT_EQ(internal, 4);
+}
+
+} // namespace

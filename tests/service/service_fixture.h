@@ -1,0 +1,181 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The whole service on the test platform, brought up in the order of the process entry. The test thread is the main
+// thread: pump() runs loop turns until the queue is empty.
+#pragma once
+#include "oru_os_testing.h"
+#include "test_platform.h"
+#include "zb_callbacks.h"
+#include "zb_database.h"
+#include "zb_discovery.h"
+#include "zb_gate.h"
+#include "zb_log.h"
+#include "zb_main.h"
+#include "zb_region_info.h"
+#include "zb_server.h"
+#include "zb_svc.h"
+#include "zb_timer.h"
+#include "zb_util.h"
+#include "zb_zdo.h"
+#include "zb_zts.h"
+#include <array>
+#include <chrono>
+#include <cstring>
+#include <future>
+#include <gtest/gtest.h>
+
+using Bytes = std::vector<uint8_t>;
+using Eui64Bytes = std::array<uint8_t, 8>;
+
+template <typename T>
+Bytes bytesOf(const T &record) {
+    const auto *raw = reinterpret_cast<const uint8_t *>(&record);
+    return {raw, raw + sizeof record};
+}
+template <typename T>
+T recordOf(const Bytes &bytes) {
+    T record{};
+    memcpy(&record, bytes.data(), std::min(bytes.size(), sizeof record));
+    return record;
+}
+inline Bytes operator+(Bytes a, const Bytes &b) {
+    a.insert(a.end(), b.begin(), b.end());
+    return a;
+}
+inline Bytes le16(uint16_t v) {
+    return {static_cast<uint8_t>(v & 0xFF), static_cast<uint8_t>(v >> 8)};
+}
+
+class ServiceTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        testplat::resetAll();
+        adapter_state = ORU_ZB_ADAPTER_OFF;
+        zb_pjoin_state = ORU_ZB_HAL_STATE_PJOIN_CLOSED;
+        zb_hal_signal = -1;
+        terminated = 0;
+        device_fail_to_join_counter = 0;
+        zigbee_zdo_sequence = 0;
+        burst_size = 10;
+        throttle_sem_timeout_ms = 20;
+        region_code = ORU_ZB_HAL_REGION_WORLD_WIDE;
+        attempts = 0;
+        test_without_qel = false;
+    }
+    void TearDown() override {
+        testplat::faults::off();
+        if (up_) {
+            stop();
+        }
+    }
+
+    // As the process entry does it; false when oruZb_init failed.
+    bool boot() {
+        up_ = true;
+        (void)oruZb_timersInit();
+        (void)oruZb_databaseInit();
+        oruZb_ztsListInit();
+        oruZb_serverInit();
+        static char device[] = "/dev/ttyTEST0";
+        return oruZb_init(device) == ORU_STATUS_OK;
+    }
+    // Up to a formed network, everything said so far forgotten.
+    void bootReady() {
+        ASSERT_TRUE(boot());
+        testplat::hal::stackStatus(ORU_ZB_HAL_STACK_ENABLED_NETWORK_UP);
+        pump();
+        ASSERT_EQ(adapter_state, ORU_ZB_ADAPTER_SERVICE_READY);
+        forget();
+    }
+    void stop() {
+        oruZb_stop();
+        while (discovery_list_head.slh_first != nullptr) { // left behind on purpose by shut-down
+            (void)oruZb_deleteFromDiscoveryList(discovery_list_head.slh_first->device.device_info.eui64);
+        }
+        adapter_state = ORU_ZB_ADAPTER_OFF;
+        up_ = false;
+    }
+    static void forget() {
+        testplat::ipc::clear();
+        testplat::log::clear();
+        testplat::hal::clearCalls();
+    }
+    static void turn() { oruZb_handleEvent(); }
+    static void pump() {
+        while (oruZb_hasMsg(oruZb_msgListHead) == ORU_STATUS_OK) {
+            oruZb_handleEvent();
+        }
+    }
+    static void advance(uint64_t ms) { // in steps, so that what a timer posted is handled at its time
+        while (ms > 0) {
+            const uint64_t step = std::min({ms, std::max<uint64_t>(testplat::time::untilNext(), 1)});
+            testplat::time::advance(step);
+            pump();
+            ms -= step;
+        }
+    }
+    // A synchronous call from a thread of its own, served by this one.
+    static testplat::ipc::Result callSync(uint16_t function, Bytes payload = {}, uint16_t client = 1) {
+        auto call =
+            std::async(std::launch::async, [&] { return testplat::ipc::sync(function, std::move(payload), client); });
+        while (call.wait_for(std::chrono::microseconds(200)) != std::future_status::ready) {
+            pump();
+        }
+        return call.get();
+    }
+    static int32_t callAsync(uint16_t function, Bytes payload = {}, uint16_t client = 1, uint16_t callback = 0x201) {
+        const auto result = testplat::ipc::async(function, std::move(payload), client, callback);
+        pump();
+        return result.returned;
+    }
+    // Everything that belongs to a message or a send is back where it came from.
+    static void expectAtRest() {
+        EXPECT_EQ(oruZb_hasMsg(oruZb_msgListHead), ORU_STATUS_NOT_FOUND);
+        EXPECT_EQ(oruMp_testBlocksOut(mp_zb_msgl_handle), 0U);
+        EXPECT_EQ(oruMp_testBlocksOut(mp_zb_var_handle), 0U);
+        uint32_t places = 0;
+        EXPECT_EQ(oruSem_getCount(zb_post_sem, &places), ORU_STATUS_OK);
+        EXPECT_EQ(places, 40U);
+    }
+
+    bool up_ = false;
+};
+
+// One device on the scripted radio: joins, announces, answers as the test says.
+struct FakeDevice {
+    Eui64Bytes eui64;
+    uint16_t node_id;
+
+    Bytes lsb() const { return {eui64.rbegin(), eui64.rend()}; }
+    void join() const {
+        testplat::hal::trustCenter(node_id, eui64.data(), ORU_ZB_HAL_STANDARD_SECURITY_UNSECURED_JOIN);
+    }
+    void update(int32_t kind) const { testplat::hal::trustCenter(node_id, eui64.data(), kind); }
+    void announce(uint8_t capabilities = 0x8E) const {
+        testplat::hal::incoming(node_id, 0, ZDO_DEVICE_ANNCE, Bytes{1} + le16(node_id) + lsb() + Bytes{capabilities});
+    }
+    void activeEndpoints(const Bytes &endpoints) const {
+        testplat::hal::incoming(node_id, 0, ZDO_ACTIVE_EP_RSP,
+                                Bytes{1, 0} + le16(node_id) + Bytes{static_cast<uint8_t>(endpoints.size())} +
+                                    endpoints);
+    }
+    void simpleDescriptor(uint8_t endpoint, const std::vector<uint16_t> &inputs,
+                          const std::vector<uint16_t> &outputs) const {
+        Bytes frame = Bytes{1, 0} + le16(node_id) + Bytes{0, endpoint} + le16(0x0104) + le16(0x0100) +
+                      Bytes{1, static_cast<uint8_t>(inputs.size())};
+        for (const uint16_t id : inputs) {
+            frame = frame + le16(id);
+        }
+        frame.push_back(static_cast<uint8_t>(outputs.size()));
+        for (const uint16_t id : outputs) {
+            frame = frame + le16(id);
+        }
+        testplat::hal::incoming(node_id, 0, ZDO_SIMPLE_DESC_RSP, frame);
+    }
+    void nodeDescriptor(uint8_t capabilities = 0x8E, uint16_t manufacturer = 0x1234,
+                        uint16_t server_mask = 0x2C00) const {
+        testplat::hal::incoming(node_id, 0, ZDO_NODE_DESC_RSP,
+                                Bytes{1, 0} + le16(node_id) + Bytes{1, 0x40, capabilities} + le16(manufacturer) +
+                                    Bytes{82} + le16(82) + le16(server_mask) + le16(82) + Bytes{0});
+    }
+};

@@ -1,0 +1,439 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "test_platform.h"
+#include <algorithm>
+#include <climits>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <optional>
+
+namespace testplat {
+
+// ------------------------------------------------------------------------------------------------------------- faults
+namespace faults {
+namespace {
+std::mutex mutex;
+uint64_t countdown = 0;
+bool persists = false, has_fired = false;
+std::string where;
+} // namespace
+
+void off() {
+    const std::lock_guard lock(mutex);
+    countdown = 0;
+    persists = false;
+}
+void arm(uint64_t nth, bool persistent) {
+    const std::lock_guard lock(mutex);
+    countdown = nth;
+    persists = persistent;
+    has_fired = false;
+    where.clear();
+}
+bool fired() {
+    const std::lock_guard lock(mutex);
+    return has_fired;
+}
+std::string firedAt() {
+    const std::lock_guard lock(mutex);
+    return where;
+}
+bool hit(const char *operation) {
+    const std::lock_guard lock(mutex);
+    if (countdown == 0 || --countdown > 0) {
+        return false;
+    }
+    if (persists) {
+        countdown = 1;
+    }
+    if (!has_fired) {
+        where = operation;
+    }
+    has_fired = true;
+    return true;
+}
+} // namespace faults
+
+// --------------------------------------------------------------------------------------------------------------- time
+namespace time {
+namespace {
+struct Timer {
+    uint32_t id;
+    oruTime_timerType_t type;
+    oruTime_timerCallback_t callback;
+    void *context;
+    std::optional<uint64_t> due_us;
+    uint64_t period_us, order;
+};
+std::mutex mutex;
+uint64_t now_us = 1'000'000'000;
+uint32_t next_id = 1;
+uint64_t next_order = 1;
+std::vector<Timer> timers;
+Timer *find(const oruTimer_t *timer) {
+    for (Timer &t : timers) {
+        if (timer != nullptr && t.id == timer->id) {
+            return &t;
+        }
+    }
+    return nullptr;
+}
+Timer *soonest() {
+    Timer *best = nullptr;
+    for (Timer &t : timers) {
+        if (t.due_us && (best == nullptr || std::pair(*t.due_us, t.order) < std::pair(*best->due_us, best->order))) {
+            best = &t;
+        }
+    }
+    return best;
+}
+} // namespace
+
+uint64_t nowMs() {
+    const std::lock_guard lock(mutex);
+    return now_us / 1000;
+}
+void advance(uint64_t ms) {
+    std::unique_lock lock(mutex);
+    const uint64_t end = now_us + ms * 1000;
+    for (Timer *t = soonest(); t != nullptr && *t->due_us <= end; t = soonest()) {
+        now_us = std::max(now_us, *t->due_us);
+        if (t->type == ORUTIME_TIMER_PERIODIC) {
+            t->due_us = *t->due_us + t->period_us;
+        } else {
+            t->due_us.reset();
+        }
+        const auto callback = t->callback;
+        void *context = t->context;
+        lock.unlock();
+        callback(context);
+        lock.lock();
+    }
+    now_us = end;
+}
+std::vector<Armed> armed() {
+    const std::lock_guard lock(mutex);
+    std::vector<Armed> out;
+    for (const Timer &t : timers) {
+        if (t.due_us) {
+            out.push_back({t.callback, (*t.due_us - now_us) / 1000, t.type == ORUTIME_TIMER_PERIODIC});
+        }
+    }
+    std::sort(out.begin(), out.end(), [](const Armed &a, const Armed &b) { return a.remaining_ms < b.remaining_ms; });
+    return out;
+}
+uint64_t untilNext() {
+    const std::lock_guard lock(mutex);
+    const Timer *t = soonest();
+    return t == nullptr ? UINT64_MAX : (*t->due_us - now_us + 999) / 1000;
+}
+size_t live() {
+    const std::lock_guard lock(mutex);
+    return timers.size();
+}
+} // namespace time
+
+// ---------------------------------------------------------------------------------------------------------------- log
+namespace log {
+namespace {
+std::mutex mutex;
+std::vector<LogLine> captured;
+} // namespace
+bool echo = getenv("TEST_LOG") != nullptr;
+
+std::vector<LogLine> lines() {
+    const std::lock_guard lock(mutex);
+    return captured;
+}
+void clear() {
+    const std::lock_guard lock(mutex);
+    captured.clear();
+}
+size_t count(const std::string &part) {
+    const std::lock_guard lock(mutex);
+    return static_cast<size_t>(std::count_if(captured.begin(), captured.end(),
+                                             [&](const LogLine &l) { return l.text.find(part) != std::string::npos; }));
+}
+bool has(const std::string &part) {
+    return count(part) > 0;
+}
+} // namespace log
+
+// ---------------------------------------------------------------------------------------------------------------- IPC
+int32_t Callback::status() const {
+    int32_t value = INT32_MIN;
+    if (payload.size() == sizeof value) {
+        memcpy(&value, payload.data(), sizeof value);
+    }
+    return value;
+}
+
+namespace ipc {
+namespace {
+std::mutex mutex;
+std::vector<Event> published;
+std::vector<Callback> called_back;
+oruOipc_serverConfig_t server{};
+oruOipc_Handler_t server_handle = 0;
+
+std::vector<uint8_t> copyOf(const void *data, size_t size) {
+    const auto *bytes = static_cast<const uint8_t *>(data);
+    return data == nullptr ? std::vector<uint8_t>{} : std::vector<uint8_t>(bytes, bytes + size);
+}
+
+Result call(oruOipc_dataType_t type, uint16_t function, std::vector<uint8_t> payload, uint16_t client,
+            uint16_t callback) {
+    alignas(8) uint8_t buffer[4096] = {};
+    memcpy(buffer, payload.data(), std::min(payload.size(), sizeof buffer));
+    auto length = static_cast<uint32_t>(payload.size());
+    uint32_t status = 0;
+    oruOipc_parameter_t task{client, type, function, 0, &length, &status, buffer, callback};
+    const oru_status_t returned = server.service_handler(&task);
+    return {returned, status, copyOf(buffer, length)};
+}
+} // namespace
+
+std::vector<Event> events() {
+    const std::lock_guard lock(mutex);
+    return published;
+}
+std::vector<uint16_t> eventIds() {
+    std::vector<uint16_t> ids;
+    for (const Event &e : events()) {
+        ids.push_back(e.id);
+    }
+    return ids;
+}
+std::vector<Callback> callbacks() {
+    const std::lock_guard lock(mutex);
+    return called_back;
+}
+void clear() {
+    const std::lock_guard lock(mutex);
+    published.clear();
+    called_back.clear();
+}
+bool started() {
+    return server_handle != 0;
+}
+oruOipc_Handler_t handle() {
+    return server_handle;
+}
+Result sync(uint16_t function, std::vector<uint8_t> payload, uint16_t client) {
+    return call(ORU_OIPC_FUNCTION_SYNC, function, std::move(payload), client, 0xFFFF);
+}
+Result async(uint16_t function, std::vector<uint8_t> payload, uint16_t client, uint16_t callback) {
+    return call(ORU_OIPC_FUNCTION_ASYNC, function, std::move(payload), client, callback);
+}
+} // namespace ipc
+
+// -------------------------------------------------------------------------------------------------------------- store
+namespace kvs {
+namespace {
+std::mutex mutex;
+} // namespace
+std::map<std::string, std::vector<uint8_t>> &content() {
+    static auto *map = new std::map<std::string, std::vector<uint8_t>>;
+    return *map;
+}
+} // namespace kvs
+
+void resetAll() {
+    faults::off();
+    hal::reset();
+    ipc::clear();
+    log::clear();
+    kvs::content().clear();
+    const std::lock_guard lock(time::mutex);
+    time::timers.clear();
+}
+
+} // namespace testplat
+
+using namespace testplat;
+
+extern "C" {
+
+// ------------------------------------------------------------------------------------------------------------ oru_log
+void oruLog_log(oruLog_id_t, oruLog_level_t level, const char *tag, const char *format, ...) {
+    char line[1024];
+    va_list arguments;
+    va_start(arguments, format);
+    vsnprintf(line, sizeof line, format, arguments);
+    va_end(arguments);
+    const std::lock_guard lock(testplat::log::mutex);
+    if (testplat::log::echo) {
+        fprintf(stderr, "%d [%s] %s\n", level, tag, line);
+    }
+    testplat::log::captured.push_back({level, line});
+}
+
+// ----------------------------------------------------------------------------------------------------------- oru_time
+oru_status_t oruTime_clockTime(oruTime_clock_t, oruTime_timespec_t *now) {
+    if (now == nullptr) {
+        return ORU_STATUS_NULL_POINTER;
+    }
+    if (faults::hit("oruTime_clockTime")) {
+        return ORU_STATUS_GENERAL_ERROR;
+    }
+    const std::lock_guard lock(testplat::time::mutex);
+    now->seconds = static_cast<int64_t>(testplat::time::now_us / 1'000'000);
+    now->nanoseconds = static_cast<int32_t>(testplat::time::now_us % 1'000'000 * 1000);
+    return 0;
+}
+oru_status_t oruTime_time(oruTime_timespec_t *now) {
+    return oruTime_clockTime(ORUTIME_CLOCK_MONOTONIC, now);
+}
+int64_t oruTime_timespecDiff(const oruTime_timespec_t *later, const oruTime_timespec_t *earlier) {
+    return ((later->seconds - earlier->seconds) * 1'000'000'000 + later->nanoseconds - earlier->nanoseconds) / 1000;
+}
+oru_status_t oruTime_timerNew(oruTimer_t *timer, oruTime_clock_t, oruTime_timerType_t type,
+                              oruTime_timerCallback_t callback, void *context) {
+    if (faults::hit("oruTime_timerNew")) {
+        return ORU_STATUS_OUT_OF_MEMORY;
+    }
+    const std::lock_guard lock(testplat::time::mutex);
+    if (testplat::time::find(timer) != nullptr) {
+        return ORU_STATUS_ALREADY_INITIALIZED;
+    }
+    timer->id = testplat::time::next_id++;
+    testplat::time::timers.push_back({timer->id, type, callback, context, {}, 0, 0});
+    return 0;
+}
+oru_status_t oruTime_timerStart(oruTimer_t *timer, uint32_t milliseconds) {
+    if (faults::hit("oruTime_timerStart")) {
+        return ORU_STATUS_GENERAL_ERROR;
+    }
+    const std::lock_guard lock(testplat::time::mutex);
+    auto *t = testplat::time::find(timer);
+    if (t == nullptr) {
+        return ORU_STATUS_UNINITIALIZED;
+    }
+    t->period_us = uint64_t{milliseconds} * 1000;
+    t->due_us = testplat::time::now_us + t->period_us;
+    t->order = testplat::time::next_order++;
+    return 0;
+}
+oru_status_t oruTime_timerStop(oruTimer_t *timer) {
+    if (faults::hit("oruTime_timerStop")) {
+        return ORU_STATUS_GENERAL_ERROR;
+    }
+    const std::lock_guard lock(testplat::time::mutex);
+    auto *t = testplat::time::find(timer);
+    if (t == nullptr) {
+        return ORU_STATUS_UNINITIALIZED;
+    }
+    t->due_us.reset();
+    return 0;
+}
+oru_status_t oruTime_timerDelete(oruTimer_t *timer) {
+    if (faults::hit("oruTime_timerDelete")) {
+        return ORU_STATUS_GENERAL_ERROR;
+    }
+    const std::lock_guard lock(testplat::time::mutex);
+    if (testplat::time::find(timer) == nullptr) {
+        return ORU_STATUS_UNINITIALIZED;
+    }
+    std::erase_if(testplat::time::timers, [&](const auto &t) { return t.id == timer->id; });
+    timer->id = 0;
+    return 0;
+}
+
+// ----------------------------------------------------------------------------------------------------------- oru_oipc
+oru_status_t oruOipc_start(oruOipc_Handler_t *handle, const oruOipc_serverConfig_t *config) {
+    if (faults::hit("oruOipc_start")) {
+        return ORU_STATUS_GENERAL_ERROR;
+    }
+    ipc::server = *config;
+    *handle = ipc::server_handle = 1;
+    return 0;
+}
+oru_status_t oruOipc_stop(oruOipc_Handler_t *handle) {
+    *handle = ipc::server_handle = 0;
+    return faults::hit("oruOipc_stop") ? ORU_STATUS_GENERAL_ERROR : 0;
+}
+oru_status_t oruOipc_callback(oruOipc_Handler_t, oruOipc_nodeId_t client, const oruOipc_callbackParams_t *callback) {
+    if (faults::hit("oruOipc_callback")) {
+        return ORU_STATUS_NOT_FOUND;
+    }
+    const std::lock_guard lock(ipc::mutex);
+    ipc::called_back.push_back(
+        {client, callback->callback_id, ipc::copyOf(callback->parameters, callback->parameter_length)});
+    return 0;
+}
+oru_status_t oruOipc_publishEvent(oruOipc_Handler_t, const oruOipc_eventParams_t *event) {
+    if (faults::hit("oruOipc_publishEvent")) {
+        return ORU_STATUS_BUSY;
+    }
+    const std::lock_guard lock(ipc::mutex);
+    ipc::published.push_back({event->event_id, ipc::copyOf(event->payload, event->length)});
+    return 0;
+}
+
+// ------------------------------------------------------------------------------------------------------------ oru_kvs
+oru_status_t oruKeyValueDsHal_set(const char *key, const void *value, size_t value_size) {
+    if (faults::hit("oruKeyValueDsHal_set")) {
+        return ORU_STATUS_GENERAL_ERROR;
+    }
+    const std::lock_guard lock(testplat::kvs::mutex);
+    testplat::kvs::content()[key] = ipc::copyOf(value, value_size);
+    return 0;
+}
+int32_t oruKeyValueDsHal_get(const char *key, void *buffer, size_t buffer_size) {
+    if (faults::hit("oruKeyValueDsHal_get")) {
+        return ORU_STATUS_GENERAL_ERROR;
+    }
+    const std::lock_guard lock(testplat::kvs::mutex);
+    const auto found = testplat::kvs::content().find(key);
+    if (found == testplat::kvs::content().end()) {
+        return ORU_STATUS_NOT_FOUND;
+    }
+    const size_t size = std::min(buffer_size, found->second.size());
+    memcpy(buffer, found->second.data(), size);
+    return static_cast<int32_t>(size);
+}
+oru_status_t oruKeyValueDsHal_remove(const char *key) {
+    if (faults::hit("oruKeyValueDsHal_remove")) {
+        return ORU_STATUS_GENERAL_ERROR;
+    }
+    const std::lock_guard lock(testplat::kvs::mutex);
+    testplat::kvs::content().erase(key);
+    return 0;
+}
+oru_status_t oruKeyValueDsHal_listKeys(const char *group, oruKeyValueDsHal_listKeysCallback_t callback) {
+    if (faults::hit("oruKeyValueDsHal_listKeys")) {
+        return ORU_STATUS_GENERAL_ERROR;
+    }
+    const std::string prefix = std::string(group) + ".";
+    std::vector<std::string> names;
+    {
+        const std::lock_guard lock(testplat::kvs::mutex);
+        for (const auto &[key, value] : testplat::kvs::content()) {
+            if (key.rfind(prefix, 0) == 0) {
+                names.push_back(key.substr(prefix.size()));
+            }
+        }
+    }
+    for (const std::string &name : names) {
+        if (callback(name.c_str()) != 0) {
+            break;
+        }
+    }
+    return 0;
+}
+oru_status_t oruKeyValueDsHal_eraseGroup(const char *group) {
+    if (faults::hit("oruKeyValueDsHal_eraseGroup")) {
+        return ORU_STATUS_GENERAL_ERROR;
+    }
+    const std::lock_guard lock(testplat::kvs::mutex);
+    const std::string prefix = std::string(group) + ".";
+    std::erase_if(testplat::kvs::content(), [&](const auto &entry) { return entry.first.rfind(prefix, 0) == 0; });
+    return 0;
+}
+
+// ----------------------------------------------------------------------------------------------------------- oru_init
+oru_status_t oru_init(void) {
+    return 0;
+}
+
+} // extern "C"
