@@ -166,13 +166,14 @@ Outcome Client::Impl::callSync(uint16_t function_id, Bytes in, std::span<uint8_t
     return transact(lock, {.type = oipc::FrameType::SyncCall, .id = function_id}, in, call);
 }
 
-Outcome Client::Impl::callAsync(uint16_t function_id, Bytes payload, RawCompletion done, Milliseconds timeout) {
+Result<uint16_t> Client::Impl::callAsync(uint16_t function_id, Bytes payload, RawCompletion done,
+                                         Milliseconds timeout) {
     if (payload.size() > oipc::MAX_PAYLOAD) {
-        return {Transport::Invalid, ORU_STATUS_DATA_LEN_INVALID};
+        return {{Transport::Invalid, ORU_STATUS_DATA_LEN_INVALID}};
     }
     Lock lock(mutex_);
     if (!link_) {
-        return notConnected();
+        return {notConnected()};
     }
     OpenCall call;
     if (done) {
@@ -188,7 +189,7 @@ Outcome Client::Impl::callAsync(uint16_t function_id, Bytes payload, RawCompleti
         forgotten = async_calls_.extract(call.callback_id);
     }
     lock.unlock(); // before the handler is released: what it holds may use the Client
-    return outcome;
+    return {outcome, call.callback_id};
 }
 
 uint16_t Client::Impl::nextCallbackId() {

@@ -44,7 +44,7 @@ public:
     uint64_t droppedEvents();
 
     Outcome callSync(uint16_t function_id, Bytes in, std::span<uint8_t> out);
-    Outcome callAsync(uint16_t function_id, Bytes payload, RawCompletion done, Milliseconds timeout);
+    Result<uint16_t> callAsync(uint16_t function_id, Bytes payload, RawCompletion done, Milliseconds timeout);
 
 private:
     using Lock = std::unique_lock<std::mutex>;

@@ -157,7 +157,7 @@ std::uint64_t Client::droppedEvents() const {
 Outcome Client::callSync(uint16_t function_id, Bytes in, std::span<uint8_t> out) {
     return impl_->callSync(function_id, in, out);
 }
-Outcome Client::callAsync(uint16_t function_id, Bytes payload, RawCompletion done, Milliseconds timeout) {
+Result<uint16_t> Client::callAsync(uint16_t function_id, Bytes payload, RawCompletion done, Milliseconds timeout) {
     return impl_->callAsync(function_id, payload, std::move(done), timeout);
 }
 
@@ -374,7 +374,7 @@ Outcome Client::resetAdapter(Completion done) {
     return callAsync(ORU_ZB_SVC_ADAPTER_RESET, {}, statusCompletion(std::move(done)));
 }
 
-Outcome Client::sendCommandAsync(const oruZb_clusterCmd_t &command, Completion done) {
+Result<uint16_t> Client::sendCommandAsync(const oruZb_clusterCmd_t &command, Completion done) {
     return callAsync(ORU_ZB_SVC_SEND_CLUSTER_CMD_ASYNC, bytesOf(command), statusCompletion(std::move(done)));
 }
 

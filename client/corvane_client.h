@@ -165,13 +165,13 @@ public:
     // Sends a ZCL frame and returns when the adapter has taken it. The value is the command as the service completed
     // it (confirmation_id, status). Whether it arrived is told by the events ORU_ZB_SVC_SENDCMD_SUCCESS and the like.
     Result<oruZb_clusterCmd_t> sendCommand(const oruZb_clusterCmd_t &command);
-    // ZDO Bind_req: `body` is the request's body after the sequence number, at most 80 bytes.
+    // ZDO Bind_req: `body` is the request's body after the sequence number, at most 81 bytes.
     Outcome bind(uint16_t node_id, Bytes body);
 
     Outcome setRadioPower(int8_t dbm);
     Outcome setRegion(std::string_view country_code); // ISO 3166 alpha-2, for example "DE"; "WW" world-wide
-    Outcome setBurstSize(uint32_t commands);          // commands under way at a time; adapter must not be on
-    Outcome setThrottleTimeout(Milliseconds timeout); // longest wait for a place in the burst
+    Outcome setBurstSize(uint32_t commands); // commands under way at a time; -1 while the state is ON or TURNING_ON
+    Outcome setThrottleTimeout(Milliseconds timeout);               // longest wait for a place in the burst
     Outcome ztsAdd(std::span<const oruZb_ztsDeviceInfo_t> devices); // any number, in as many calls as needed
     Outcome ztsClear();
     Result<oruZb_counters_t> ptaCounters(bool clear); // packet traffic arbitration; clear: and set them to zero
@@ -196,15 +196,16 @@ public:
     Outcome enableRadio(Completion done);
     Outcome disableRadio(Completion done);
     Outcome resetAdapter(Completion done);
-    Outcome sendCommandAsync(const oruZb_clusterCmd_t &command, Completion done);
+    // The value is the confirmation_id that the events about this command carry.
+    Result<uint16_t> sendCommandAsync(const oruZb_clusterCmd_t &command, Completion done);
     Outcome nodeLeave(const oruZb_nodeInfo_t &node, Completion done); // `id` and the EUI-64 name the node
     Outcome sendInterpan(const oruZb_interpan_t &message, Completion done);
     Outcome ztsEnable(Completion done);
     Outcome ztsDisable(Completion done);
     Outcome startScan(const oruZb_scan_t &scan, Completion done);
 
-    // Any asynchronous function by its id. `timeout` zero: Options::completion_timeout.
-    Outcome callAsync(uint16_t function_id, Bytes payload, RawCompletion done, Milliseconds timeout = {});
+    // Any asynchronous function by its id. `timeout` zero: Options::completion_timeout. The value is the callback id.
+    Result<uint16_t> callAsync(uint16_t function_id, Bytes payload, RawCompletion done, Milliseconds timeout = {});
 
 private:
     class Impl;

@@ -290,8 +290,9 @@ result_t readToEnd(FILE *file, std::string &text) {
 }
 
 result_t parseText(const std::string &text, parsed_t &parsed) {
-    if (!oruToml_isSafeToParse(text)) {
-        return problem_t{{}, "has more than 4096 full stops; this is not a configuration file"};
+    const oruToml_refusal_t refusal = oruToml_refusal(text);
+    if (refusal.reason != nullptr) {
+        return problem_t{{refusal.line, refusal.column}, refusal.reason};
     }
     const toml::parse_result result = toml::parse(std::string_view(text));
     if (!result) {

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // toml++ for text nobody vouches for, for the parsers inside the platform. Include this instead of <toml++/toml.h>, in
-// .cpp files only.
+// .cpp files only, and ask oruToml_refusal before parsing.
 //
 // The library states assumptions about its input that some wrong files break ("[[[" is the shortest); it then aborts
 // in debug builds and is undefined in optimised ones, although the code behind the assumption reports the error
@@ -11,14 +11,26 @@
 #include <toml++/impl/preprocessor.h>
 #undef TOML_ASSERT_ASSUME
 #define TOML_ASSERT_ASSUME(expr) static_assert(true)
-#include <algorithm>
+#include <cstdint>
 #include <string_view>
 #include <toml++/toml.h>
 
-constexpr std::ptrdiff_t oruToml_max_full_stops = 4096;
+constexpr uint32_t oruToml_max_full_stops = 4096;
 
-// The library frees nested tables by recursion. Brackets are limited by the library (256 levels); every further level
-// costs a full stop in a dotted key. False: do not parse, the stack might not suffice.
+// Line and column count from 1, the column in characters.
+struct oruToml_refusal_t {
+    const char *reason; // null: the text may be parsed
+    uint32_t line;
+    uint32_t column;
+};
+
+// Finds what toml++ cannot be trusted with:
+//  - more than 4096 full stops: nested tables are freed by recursion, and beyond the brackets (which the library limits
+//    to 256 levels) each level costs a full stop in a dotted key;
+//  - characters outside ASCII anywhere but in comments and one-line texts: its test for Unicode white space is
+//    undefined for most of them. TOML allows them in multi-line texts as well; here they are refused there.
+oruToml_refusal_t oruToml_refusal(std::string_view text);
+
 inline bool oruToml_isSafeToParse(std::string_view text) {
-    return std::count(text.begin(), text.end(), '.') <= oruToml_max_full_stops;
+    return oruToml_refusal(text).reason == nullptr;
 }

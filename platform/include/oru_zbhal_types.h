@@ -1,18 +1,20 @@
 // SPDX-License-Identifier: Apache-2.0
 // Records and values shared by the Zigbee HAL, the service and its clients. No operations: see oru_zbhal.h.
+// Numbers are in host order (little-endian). Status values 160 to 253 are the APS, NWK and MAC codes of the Zigbee and
+// IEEE 802.15.4 specifications.
 #pragma once
 #include "oru_status.h"
 #include <cstddef>
 #include <cstdint>
 
 // ---------------------------------------------------------------- basic types
-typedef uint16_t oruZbHal_nodeId_t;
+typedef uint16_t oruZbHal_nodeId_t; // network address; 0 the coordinator, from 0xFFF8 on broadcast
 typedef uint8_t oruZbHal_eui64_t[8];
 
 // ---------------------------------------------------------------- enumerations
 enum oruZbHal_stackStatus_t : int32_t {
     ORU_ZB_HAL_STACK_NOT_INITIALIZED = 0,
-    ORU_ZB_HAL_STACK_ENABLING = 1,
+    ORU_ZB_HAL_STACK_ENABLING = 1, // ENABLED_NETWORK_UP or ENABLED_NO_NETWORK follows
     ORU_ZB_HAL_STACK_BUSY_UPGRADING = 2,
     ORU_ZB_HAL_STACK_BUSY_RESETTING = 3,
     ORU_ZB_HAL_STACK_ENABLED_NETWORK_UP = 4,
@@ -195,8 +197,8 @@ typedef oruZbHal_endpointInfo_t oruZbHal_adapterEndpointInfo_t; // same layout
 
 struct oruZbHal_deviceInfoCore_t {
     oruZbHal_eui64_t eui64; // held most significant byte first by the service
-    uint8_t capabilities;
-    uint8_t endpoint_count;
+    uint8_t capabilities;   // MAC capability flags of the node descriptor
+    uint8_t endpoint_count; // 0 to ORU_ZB_HAL_MAX_ENDPOINTS
     oruZbHal_endpointInfo_t endpoints[ORU_ZB_HAL_MAX_ENDPOINTS];
 };
 static_assert(sizeof(oruZbHal_deviceInfoCore_t) == 740 && offsetof(oruZbHal_deviceInfoCore_t, endpoints) == 10, "");
@@ -233,29 +235,29 @@ struct oruZbHal_apsFrame_t {
     uint16_t cluster_id;
     uint8_t source_endpoint;
     uint8_t destination_endpoint;
-    uint16_t options;
-    uint16_t group_id;
-    uint8_t sequence;
-    uint8_t radius;
+    uint16_t options;  // ORU_ZB_HAL_APS_OPTION_ bits
+    uint16_t group_id; // 0: none
+    uint8_t sequence;  // APS counter; filled in by the HAL on a send
+    uint8_t radius;    // hops, 0: default of the stack
 };
 static_assert(sizeof(oruZbHal_apsFrame_t) == 12 && offsetof(oruZbHal_apsFrame_t, sequence) == 10, "");
 
 struct oruZbHal_incomingMessage_t {
-    uint8_t type;
-    oruZbHal_apsFrame_t *aps_frame;
-    uint8_t *message;
-    uint16_t msg_len;
+    uint8_t type;                   // 0 unicast, 4 broadcast; only logged
+    oruZbHal_apsFrame_t *aps_frame; // sequence: the sender's APS counter
+    uint8_t *message;               // ZDO or ZCL frame
+    uint16_t msg_len;               // bytes in message
     oruZbHal_nodeId_t source;
-    uint8_t last_hop_lqi;
-    int8_t last_hop_rssi;
-    uint8_t binding_table_index;
-    uint8_t address_table_index;
+    uint8_t last_hop_lqi;        // 0 to 255
+    int8_t last_hop_rssi;        // dBm
+    uint8_t binding_table_index; // 0xFF: none
+    uint8_t address_table_index; // 0xFF: none
     uint8_t network_index;
 };
 
 struct oruZbHal_interpanHeader_t {
-    uint8_t message_type;
-    uint8_t long_address[8];
+    uint8_t message_type;    // unicast, broadcast or multicast, as the radio numbers them
+    uint8_t long_address[8]; // least significant byte first
     uint8_t reserved;
     uint16_t short_address;
     uint16_t pan_id;
@@ -271,7 +273,7 @@ struct oruZbHal_network_t {
     uint16_t pan_id;
     uint8_t channel;
     bool allowing_join;
-    uint8_t extended_pan_id[8];
+    uint8_t extended_pan_id[8]; // as the adapter holds it
     uint8_t stack_profile;
     uint8_t nwk_update_id;
 };
@@ -292,7 +294,7 @@ struct oruZbHal_keyData_t {
 };
 
 struct oruZbHal_keyStruct_t {
-    uint16_t bitmask;
+    uint16_t bitmask; // which of the fields below are given, as the radio numbers them
     oruZbHal_keyType_t type;
     oruZbHal_keyData_t key;
     uint32_t outgoing_frame_counter;
@@ -303,8 +305,8 @@ struct oruZbHal_keyStruct_t {
 
 struct oruZbHal_childTableEntry_t {
     oruZbHal_nodeId_t short_id;
-    oruZbHal_eui64_t long_id;
-    uint16_t reserved;
+    oruZbHal_eui64_t long_id; // least significant byte first
+    uint16_t reserved;        // 0
     oruZbHal_nodeType_t type;
 };
 static_assert(sizeof(oruZbHal_childTableEntry_t) == 16 && offsetof(oruZbHal_childTableEntry_t, type) == 12, "");
@@ -312,34 +314,34 @@ static_assert(sizeof(oruZbHal_childTableEntry_t) == 16 && offsetof(oruZbHal_chil
 struct oruZbHal_routeTableEntry_t {
     uint16_t destination;
     uint16_t next_hop;
-    uint8_t status;
+    uint8_t status; // 0 active, 1 discovery under way, 2 discovery failed, 3 inactive, 4 validation under way
     uint8_t age;
-    uint8_t concentrator_type;
-    uint8_t route_record_state;
+    uint8_t concentrator_type;  // 0: the destination is none
+    uint8_t route_record_state; // 0: no longer needed
 };
 static_assert(sizeof(oruZbHal_routeTableEntry_t) == 8, "");
 
 struct oruZbHal_neighborTableEntry_t {
     oruZbHal_nodeId_t short_id;
-    uint8_t average_lqi;
-    uint8_t in_cost;
-    uint8_t out_cost;
-    uint8_t age;
-    oruZbHal_eui64_t long_id;
+    uint8_t average_lqi;      // 0 to 255
+    uint8_t in_cost;          // 1 best to 7 worst
+    uint8_t out_cost;         // the same from the neighbour's side, 0: not known
+    uint8_t age;              // link status periods since it was heard, 3 for a fresh one
+    oruZbHal_eui64_t long_id; // least significant byte first
 };
 static_assert(sizeof(oruZbHal_neighborTableEntry_t) == 14 && offsetof(oruZbHal_neighborTableEntry_t, long_id) == 6, "");
 
-struct oruZbHal_counters_t {
-    uint16_t pta_lo_pri_req;
-    uint16_t pta_hi_pri_req;
-    uint16_t pta_lo_pri_denied;
+struct oruZbHal_counters_t {    // of the coordinator's radio; each stops at 65535
+    uint16_t pta_lo_pri_req;    // requests to the packet traffic arbiter: first attempts
+    uint16_t pta_hi_pri_req;    // and repetitions
+    uint16_t pta_lo_pri_denied; // of them denied
     uint16_t pta_hi_pri_denied;
-    uint16_t cca_retries;
-    uint16_t cca_failures;
-    uint16_t mac_tx_ucast_retry;
-    uint16_t mac_tx_ucast_fail;
-    uint16_t aps_tx_ucast_retry;
-    uint16_t aps_tx_ucast_fail;
-    uint16_t pta_denied_rate; // percent
+    uint16_t cca_retries;        // channel found busy, tried again
+    uint16_t cca_failures;       // channel never found clear
+    uint16_t mac_tx_ucast_retry; // repetitions on the first hop
+    uint16_t mac_tx_ucast_fail;  // first hop given up
+    uint16_t aps_tx_ucast_retry; // repetitions end to end
+    uint16_t aps_tx_ucast_fail;  // sends given up
+    uint16_t pta_denied_rate;    // percent of all requests
 };
 static_assert(sizeof(oruZbHal_counters_t) == 22, "");

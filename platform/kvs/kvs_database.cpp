@@ -184,6 +184,12 @@ bool wasEmptied(const std::string &path) {
            log.st_size > 0;
 }
 
+// Moves the content of the log into the database file. When that fails (a full medium, a reader elsewhere) the log
+// stays.
+void emptyLog(sqlite3 *connection) {
+    (void)sqlite3_wal_checkpoint_v2(connection, nullptr, SQLITE_CHECKPOINT_TRUNCATE, nullptr, nullptr);
+}
+
 kvsResult_t openAndCheck(kvsDatabase_t &database, int busy_timeout_ms) {
     const std::string &path = database.path;
     kvsResult_t result = kvsFile_create(path);
@@ -203,12 +209,11 @@ kvsResult_t openAndCheck(kvsDatabase_t &database, int busy_timeout_ms) {
         result = checkIntegrity(connection, path);
     }
     if (result.ok()) {
-        // 100 pages keep the log below about half a megabyte on small flash.
-        result = execute(connection, path, "PRAGMA journal_mode=WAL; PRAGMA wal_autocheckpoint=100");
+        // 25 pages keep the log near 100 KB: writes are rare, and what is not in the log cannot be lost with it.
+        result = execute(connection, path, "PRAGMA journal_mode=WAL; PRAGMA wal_autocheckpoint=25");
     }
     // What a crash left in the log is brought home early: one bad block in the log would hide all that follows it.
-    // When that fails (a full medium, a reader elsewhere) the log simply stays.
-    (void)sqlite3_wal_checkpoint_v2(connection, nullptr, SQLITE_CHECKPOINT_TRUNCATE, nullptr, nullptr);
+    emptyLog(connection);
     return result.ok() ? prepareStatements(database) : result;
 }
 
@@ -392,7 +397,14 @@ kvsResult_t kvsDatabase_put(kvsDatabase_t &database, const kvsKey_t &key, std::s
     put.bindKey(key);
     (void)sqlite3_bind_blob(put.statement, 3, value.data(), static_cast<int>(value.size()), SQLITE_STATIC);
     (void)sqlite3_bind_int64(put.statement, 4, int64_t{recordCrc(key, value)});
-    return put.step() == SQLITE_DONE ? kvsResult_t{} : statementFailure(database, "cannot write");
+    int code = put.step();
+    if ((code & 0xFF) == SQLITE_FULL) {
+        // On a small medium the log may be what fills it.
+        (void)sqlite3_reset(put.statement); // repeats the error
+        emptyLog(database.connection.get());
+        code = put.step();
+    }
+    return code == SQLITE_DONE ? kvsResult_t{} : statementFailure(database, "cannot write");
 }
 
 kvsResult_t kvsDatabase_get(kvsDatabase_t &database, const kvsKey_t &key, std::span<uint8_t> buffer, size_t &copied) {

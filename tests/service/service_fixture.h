@@ -50,6 +50,7 @@ class ServiceTest : public ::testing::Test {
 protected:
     void SetUp() override {
         testplat::resetAll();
+        testplat::hal::reset();
         adapter_state = ORU_ZB_ADAPTER_OFF;
         zb_pjoin_state = ORU_ZB_HAL_STATE_PJOIN_CLOSED;
         zb_hal_signal = -1;

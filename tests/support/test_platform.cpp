@@ -238,9 +238,12 @@ std::map<std::string, std::vector<uint8_t>> &content() {
 }
 } // namespace kvs
 
+std::atomic<bool> quiet{false};
+std::atomic<uint64_t> quiet_events{0};
+
 void resetAll() {
+    quiet = false;
     faults::off();
-    hal::reset();
     ipc::clear();
     log::clear();
     kvs::content().clear();
@@ -261,6 +264,9 @@ void oruLog_log(oruLog_id_t, oruLog_level_t level, const char *tag, const char *
     va_start(arguments, format);
     vsnprintf(line, sizeof line, format, arguments);
     va_end(arguments);
+    if (quiet) {
+        return;
+    }
     const std::lock_guard lock(testplat::log::mutex);
     if (testplat::log::echo) {
         fprintf(stderr, "%d [%s] %s\n", level, tag, line);
@@ -356,6 +362,10 @@ oru_status_t oruOipc_callback(oruOipc_Handler_t, oruOipc_nodeId_t client, const 
     if (faults::hit("oruOipc_callback")) {
         return ORU_STATUS_NOT_FOUND;
     }
+    if (quiet) {
+        ++quiet_events;
+        return 0;
+    }
     const std::lock_guard lock(ipc::mutex);
     ipc::called_back.push_back(
         {client, callback->callback_id, ipc::copyOf(callback->parameters, callback->parameter_length)});
@@ -364,6 +374,10 @@ oru_status_t oruOipc_callback(oruOipc_Handler_t, oruOipc_nodeId_t client, const 
 oru_status_t oruOipc_publishEvent(oruOipc_Handler_t, const oruOipc_eventParams_t *event) {
     if (faults::hit("oruOipc_publishEvent")) {
         return ORU_STATUS_BUSY;
+    }
+    if (quiet) {
+        ++quiet_events;
+        return 0;
     }
     const std::lock_guard lock(ipc::mutex);
     ipc::published.push_back({event->event_id, ipc::copyOf(event->payload, event->length)});

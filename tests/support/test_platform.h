@@ -9,6 +9,7 @@
 #include "oru_oipc.h"
 #include "oru_time.h"
 #include "oru_zbhal.h"
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -87,7 +88,7 @@ namespace kvs {
 std::map<std::string, std::vector<uint8_t>> &content();
 } // namespace kvs
 
-// ---- radio
+// ---- radio (a library of its own, so that the virtual mesh can take its place)
 struct Sent { // one accepted send, in order
     enum Kind { zcl, zdo, interpan } kind;
     uint16_t destination;
@@ -125,6 +126,11 @@ extern std::vector<oruZbHal_neighborTableEntry_t> neighbors;
 extern std::vector<oruZbHal_keyStruct_t> keys;
 extern std::function<void(Sent &)> on_send; // runs inside the send, before it returns
 } // namespace hal
+
+// Nothing is recorded and nothing allocated: for measuring what the service itself does.
+extern std::atomic<bool> quiet;
+extern std::atomic<uint64_t> quiet_events; // events and callbacks that went out meanwhile
+void quietConfirm();                       // confirms the last ZCL or ZDO send with success
 
 void resetAll();
 

@@ -2,19 +2,26 @@
 //
 // Interrogation of new devices, one at a time, on the main thread.
 //
-//                                    +-----+  10 s passed, or   +-------+
-//            join, rejoin  --------> | NEW | ------------------> | READY | <- others wait here for their turn
-//                                    +-----+     announce       +-------+
-//                                                                   |  no device is current
-//                 . . . . . . . . . the current device  . . . . . . | . . . . . . . . . . . . . .
-//                 .                                                 v                           .
-//                 .   +-----------+        +-------------+     +-----------+                    .
-//   FINISHED <------- | NODE_DESC | <----- | SIMPLE_DESC | <-- | ACTIVE_EP |                    .
-//   (stored,      .   +-----------+  last  +-------------+     +-----------+                    .
-//    announced,   .         |      endpoint  |    |  ^               |                          .
-//    removed)     .         |                |    +--+ next endpoint |                          .
-//                 .         +----------------+-----------------------+--> four requests without a response:
-//                 . . . . . . . . . . . . . . . . . . . . . . . . . . .   moved to the failed-discovery list
+//            join, rejoin            10 s passed, or announce
+//   (none) ---------------> +-------+ ----------------------> +-------+
+//                           |  NEW  |                         | READY |  both: waiting, any number of devices
+//                           +-------+                         +-------+
+//                                                                 |  no other device is current
+//   ==============================================================|==  below: the one current device
+//                                                                 v
+//                                                           +-----------+
+//                                                           | ACTIVE_EP | --+
+//                                                           +-----------+   |
+//                                                                 |         |
+//                                                                 v         |
+//                                    next endpoint +---> +-------------+    |  four requests
+//                                                  +---- | SIMPLE_DESC | ---+  without a response
+//                                                        +-------------+    |
+//                                                                 |  last   |
+//                                                                 v         |
+//              +----------+                                 +-----------+   |
+//   (none) <-- | FINISHED | <------------------------------ | NODE_DESC | --+--> failed-discovery list
+//              +----------+    stored, clients are told     +-----------+
 //
 // FROM -> TO [function]; the REQUEST_ of the long names is left out
 //   -           -> NEW          [oruZb_handleTrustCenterCallback]        join, or secured rejoin of a failed device
@@ -73,8 +80,8 @@ static oruZb_msgType_t requestMessage(oruZb_device_discovery_state state) {
     return ORU_ZB_SVC_INVALID_MSG;
 }
 
-// ------------------------------------------------------------------------------------------------- steps of the
-// machine The current node keeps existing between scopes: only this thread frees it. Null when no device is current.
+// --------------------------------------------------------------------------------------------- steps of the machine
+// The current node keeps existing between scopes: only this thread frees it. Null when no device is current.
 static oruZb_node_t *currentItem() {
     const std::lock_guard<std::mutex> lock(discovery_mutex);
     return current_discovery_item;
@@ -168,8 +175,7 @@ oru_status_t oruZb_handleServiceDiscovery() {
     return ORU_STATUS_OK;
 }
 
-// -------------------------------------------------------------------------------------------------------------
-// requests
+// ------------------------------------------------------------------------------------------------------------ requests
 oru_status_t oruZb_handleRequestActiveEndpoints() {
     oruZb_node_t current;
     if (!oruZb_copyCurrentItem(&current)) {
@@ -222,8 +228,7 @@ oru_status_t oruZb_handleRequestNodeDescriptor() {
     return status;
 }
 
-// ------------------------------------------------------------------------------------------------------------
-// responses
+// ----------------------------------------------------------------------------------------------------------- responses
 oru_status_t oruZb_handleIncomingZdoMsg(uint16_t cluster_id, uint8_t *message, uint16_t msg_len) {
     if (message == nullptr) {
         return ORU_STATUS_NULL_POINTER;

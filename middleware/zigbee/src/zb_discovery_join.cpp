@@ -65,18 +65,15 @@ oru_status_t oruZb_postDeviceLeftToMsgQueue(oruZb_device_t *device) {
     }
     oruZb_nodeInfo_t *payload = newDeviceLeftPayload(device);
     if (payload == nullptr) {
-        oruMp_free(mp_zb_msgl_handle, item);
+        oruZb_returnMsgItem(item);
         ZB_LOG_ERROR("%s: %s: oruMP_allocSize failed", ZB_DISCOVERY, __func__);
         return ORU_STATUS_OUT_OF_MEMORY;
     }
-    item->data = {};
-    item->data.msg_type = ORU_ZB_SVC_INTERNAL_DEVICE_LEFT;
     item->data.param_type = ORU_ZB_SVC_PARAM_IN_POINTER_ALLOCED;
     item->data.msg_data_ptr = payload;
     const oru_status_t status = oruZb_postThreadMsg(item);
     if (status != ORU_STATUS_OK) {
-        oruMp_free(mp_zb_var_handle, payload);
-        oruMp_free(mp_zb_msgl_handle, item);
+        oruZb_returnMsgItem(item);
         ZB_LOG_ERROR("%s: %s(): failed to post msg to mainthread %d", ZB_DISCOVERY, __func__, status);
     }
     return status;

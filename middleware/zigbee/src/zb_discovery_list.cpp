@@ -401,7 +401,7 @@ oru_status_t oruZb_discoveryPostServerMsg(oruZb_msgType_t function_id) {
     }
     const oru_status_t status = oruZb_postThreadMsg(item);
     if (status != ORU_STATUS_OK) {
-        oruMp_free(mp_zb_msgl_handle, item);
+        oruZb_returnMsgItem(item);
         ZB_LOG_ERROR("%s: Error: %s cannot post msg to mainthread %d", ZB_DISCOVERY, __func__, status);
     }
     return status;

@@ -167,8 +167,9 @@ static_assert(std::ranges::is_sorted(kClusterNames, {}, &ClusterName::id), "clus
 } // namespace
 
 std::span<const AttributeInfo> clusterAttributes(uint16_t cluster_id) {
-    const auto found = std::ranges::equal_range(kAttributes, cluster_id, {}, &AttributeInfo::cluster_id);
-    return {found.begin(), found.end()};
+    const auto *const first = std::ranges::lower_bound(kAttributes, cluster_id, {}, &AttributeInfo::cluster_id);
+    const auto *const last = std::ranges::upper_bound(kAttributes, cluster_id, {}, &AttributeInfo::cluster_id);
+    return {first, last};
 }
 
 const AttributeInfo *findAttribute(uint16_t cluster_id, uint16_t attribute_id) {

@@ -77,6 +77,7 @@ void CoordinatorRadio::resume() {
             power_dbm_ =
                 std::clamp(memory->network.power_dbm, kLowestPowerDbm, kHighestPowerDbm[static_cast<size_t>(region_)]);
             members = memory->members;
+            forgetStrangers(members);
         }
     }
     stack_ = network_ ? Stack::network_up : Stack::no_network;
@@ -86,6 +87,18 @@ void CoordinatorRadio::resume() {
     report(network_ ? ORU_ZB_HAL_STACK_ENABLED_NETWORK_UP : ORU_ZB_HAL_STACK_ENABLED_NO_NETWORK);
     if (network_ && (join_open_ || join_zts_)) {
         mesh_.joiningOpened();
+    }
+}
+
+// Devices that an edited scenario no longer has.
+void CoordinatorRadio::forgetStrangers(std::vector<Member> &members) const {
+    const size_t forgotten = std::erase_if(members, [this](const Member &member) {
+        return std::none_of(scenario_.devices.begin(), scenario_.devices.end(),
+                            [&](const DeviceSpec &spec) { return spec.eui64 == member.eui64; });
+    });
+    if (forgotten > 0) {
+        oruLog_log(ORU_LOG_ID_MAIN, ORU_LOG_WARN, kTag, "%zu devices of the network are not in the scenario any more",
+                   forgotten);
     }
 }
 
@@ -123,10 +136,12 @@ oru_status_t CoordinatorRadio::factoryReset() {
     return ORU_STATUS_OK;
 }
 
-void CoordinatorRadio::fatalError() {
-    if (stack_ != Stack::off) {
-        restartStack(Stack::failed, ORU_ZB_HAL_STACK_FATAL_ERROR, kRecoverUs);
+bool CoordinatorRadio::fatalError() {
+    if (stack_ == Stack::off || stack_ == Stack::disabling) {
+        return false;
     }
+    restartStack(Stack::failed, ORU_ZB_HAL_STACK_FATAL_ERROR, kRecoverUs);
+    return true;
 }
 
 oru_status_t CoordinatorRadio::echo(uint32_t count) {

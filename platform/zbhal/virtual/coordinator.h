@@ -73,7 +73,7 @@ public:
     void holdConfirmations(bool hold) override;
 
     // -------- simulation
-    void fatalError();
+    bool fatalError(); // false: disabled
     void setAir(const AirSpec &air) { air_.setSpec(air); }
     const AirSpec &air() const { return air_.spec(); }
     Mesh &mesh() { return mesh_; }
@@ -122,6 +122,7 @@ private:
     void transition(Stack stack, uint64_t delay_us, Timeline::Action then);
     void report(oruZbHal_stackStatus_t status);
     void resume();
+    void forgetStrangers(std::vector<Member> &members) const;
     void networkFormed(const Network &network);
     void dropNetwork();
     void restartStack(Stack stack, oruZbHal_stackStatus_t announced, uint64_t delay_us);

@@ -291,8 +291,11 @@ std::string Device::describe() const {
         if (part.empty()) {
             continue;
         }
-        const std::string prefix = spec_.endpoints.size() > 1 ? std::to_string(endpoint.id) + ": " : "";
-        text += (text.empty() ? "" : "; ") + prefix + part;
+        text += text.empty() ? "" : "; ";
+        if (spec_.endpoints.size() > 1) {
+            text += std::to_string(endpoint.id) + ": ";
+        }
+        text += part;
     }
     return text;
 }

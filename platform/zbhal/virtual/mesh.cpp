@@ -72,16 +72,16 @@ std::vector<Member> Mesh::members() const {
 // ---------------------------------------------------------------- the network comes and goes
 
 void Mesh::networkStarted(const std::vector<Member> &members) {
-    for (size_t index = 0; index < nodes_.size(); ++index) {
-        MeshNode &node = nodes_[index];
-        const auto known = std::find_if(members.begin(), members.end(),
-                                        [&](const Member &member) { return member.eui64 == node.device.spec().eui64; });
-        if (known != members.end() && !node.joined) {
-            enter(node, known->node_id);
-            startReports(index);
+    for (const Member &member : members) {
+        const auto node = std::find_if(nodes_.begin(), nodes_.end(), [&](const MeshNode &candidate) {
+            return candidate.device.spec().eui64 == member.eui64;
+        });
+        if (node != nodes_.end() && !node->joined) {
+            enter(*node, member.node_id);
+            startReports(static_cast<size_t>(node - nodes_.begin()));
         }
     }
-    settle();
+    settle(members.empty());
 }
 
 void Mesh::networkGone() {

@@ -167,7 +167,7 @@ private:
     uint8_t linkToCoordinator(size_t index) const;
     std::vector<int> pathTo(int index) const; // from the coordinator's neighbour to the node; empty: no path
     void settleLater();
-    void settle();
+    void settle(bool announced);
 
     // traffic (mesh_traffic.cpp)
     struct Journey {

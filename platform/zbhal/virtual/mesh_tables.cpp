@@ -89,13 +89,13 @@ void Mesh::settleLater() {
         settling_ = true;
         timeline_.after(kSettleUs, [this] {
             settling_ = false;
-            settle();
+            settle(true);
         });
     }
 }
 
-// Gives every device the best parent there is now. End devices that move say so with a secured rejoin.
-void Mesh::settle() {
+// Gives every device the best parent there is now. End devices that move say so with a secured rejoin when announced.
+void Mesh::settle(bool announced) {
     if (!coordinator_.networkUp()) {
         return;
     }
@@ -112,7 +112,7 @@ void Mesh::settle() {
             node.parent = link.parent;
             node.link_quality = link.link_quality;
             changed = true;
-            if (moved && node.powered && node.device.spec().role != Role::router) {
+            if (announced && moved && node.powered && node.device.spec().role != Role::router) {
                 rejoin(index, true);
             }
         }

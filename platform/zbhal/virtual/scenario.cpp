@@ -375,9 +375,8 @@ bool parseScenario(const std::string &text, const std::string &file, Scenario &s
     Scenario read;
     if (text.size() > kMaxFileSize) {
         fault.set({1, 1}, "a scenario must not be larger than 1 MiB");
-    } else if (!oruToml_isSafeToParse(text)) {
-        fault.set({1, 1},
-                  "a scenario must not have more than " + std::to_string(oruToml_max_full_stops) + " full stops");
+    } else if (const oruToml_refusal_t refusal = oruToml_refusal(text); refusal.reason != nullptr) {
+        fault.set({refusal.line, refusal.column}, refusal.reason);
     } else if (const toml::parse_result parsed = toml::parse(text)) {
         readScenario(parsed.table(), fault, read);
     } else {

@@ -131,8 +131,9 @@ std::string Simulation::adapterReset() {
 }
 
 std::string Simulation::adapterFatalError() {
-    host_.locked([&] { radio_.fatalError(); });
-    return {};
+    bool running = false;
+    host_.locked([&] { running = radio_.fatalError(); });
+    return running ? "" : "the adapter is disabled";
 }
 
 // The coordinator with its simulation and, from the first enable on, the control server.

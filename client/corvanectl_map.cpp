@@ -1,0 +1,277 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "corvanectl_map.h"
+#include "corvanectl_parse.h"
+#include "corvanectl_records.h"
+#include <algorithm>
+#include <fmt/format.h>
+#include <functional>
+
+namespace corvane::ctl {
+
+namespace {
+
+constexpr uint8_t CAPABILITY_ROUTER = 0x02;
+constexpr uint8_t ROUTE_ACTIVE = 0;
+constexpr uint8_t GOOD_LINK = 170; // LQI
+constexpr uint8_t FAIR_LINK = 100;
+constexpr int BAR_WIDTH = 5;
+
+class Builder {
+public:
+    explicit Builder(const MapInput &input) {
+        map_.title = input.title;
+        MapNode &coordinator = map_.nodes.emplace_back();
+        coordinator.kind = MapKind::Coordinator;
+        coordinator.name = "coordinator";
+        coordinator.eui64 = input.coordinator_eui64;
+        positions_[0] = 0;
+        for (const auto &device : input.devices) {
+            addDevice(device);
+        }
+        for (const auto &child : input.children) {
+            addChild(child);
+        }
+        for (const auto &neighbor : input.neighbors) {
+            addNeighbor(neighbor);
+        }
+        for (const auto &route : input.routes) {
+            addRoute(route);
+        }
+    }
+
+    NetworkMap finish() {
+        breakLoops();
+        for (std::size_t i = 1; i < map_.nodes.size(); ++i) {
+            if (placed_[i]) {
+                map_.nodes[map_.nodes[i].parent].children.push_back(i);
+            } else {
+                map_.detached.push_back(i);
+            }
+        }
+        for (MapNode &node : map_.nodes) { // routers first, then as the tables have them
+            std::ranges::stable_partition(
+                node.children, [this](std::size_t child) { return map_.nodes[child].kind == MapKind::Router; });
+        }
+        return std::move(map_);
+    }
+
+private:
+    // The tables may mention nodes that the service does not know, and anything else: they come from the radio.
+    std::size_t nodeAt(uint16_t node_id) {
+        const auto [entry, added] = positions_.try_emplace(node_id, map_.nodes.size());
+        if (added) {
+            MapNode &node = map_.nodes.emplace_back();
+            node.node_id = node_id;
+            node.name = "unknown device";
+            placed_.resize(map_.nodes.size());
+        }
+        return entry->second;
+    }
+
+    void addDevice(const oruZb_nodeInfo_t &device) {
+        if (device.id == 0) {
+            return;
+        }
+        MapNode &node = map_.nodes[nodeAt(device.id)];
+        node.name = deviceTypeOf(device.device_info);
+        node.eui64 = formatEui64(device.device_info.eui64);
+        node.kind = (device.device_info.capabilities & CAPABILITY_ROUTER) != 0 ? MapKind::Router : MapKind::EndDevice;
+        node.stored = true;
+    }
+
+    void place(std::size_t position, std::size_t parent) {
+        if (position != 0 && position != parent) {
+            placed_[position] = true;
+            map_.nodes[position].parent = parent;
+        }
+    }
+
+    void addChild(const oruZb_childTableEntry_t &child) {
+        const std::size_t position = nodeAt(child.id);
+        if (map_.nodes[position].eui64.empty()) {
+            map_.nodes[position].eui64 = formatEui64Reversed(child.eui64);
+        }
+        place(position, 0);
+    }
+
+    void addNeighbor(const oruZb_neighborTableEntry_t &neighbor) {
+        const std::size_t position = nodeAt(neighbor.id);
+        MapNode &node = map_.nodes[position];
+        if (position == 0) {
+            return;
+        }
+        node.kind = MapKind::Router;
+        node.link_quality = neighbor.average_lqi;
+        node.link_active = neighbor.out_cost != 0; // 0: the neighbour is not heard any more
+        if (node.eui64.empty()) {
+            node.eui64 = formatEui64Reversed(neighbor.eui64);
+        }
+        place(position, 0);
+    }
+
+    // A route overrides what the neighbour table says: that is the way frames go.
+    void addRoute(const oruZb_routeTableEntry_t &route) {
+        if (route.destination == 0 || route.destination >= 0xFFF8) { // the coordinator, broadcasts
+            return;
+        }
+        const std::size_t position = nodeAt(route.destination);
+        const std::size_t hop = nodeAt(route.next_hop);
+        if (hop == 0 || hop == position) {
+            if (!placed_[position]) {
+                place(position, 0);
+            }
+            return;
+        }
+        if (map_.nodes[hop].kind != MapKind::Coordinator) {
+            map_.nodes[hop].kind = MapKind::Router;
+        }
+        if (!placed_[hop]) {
+            place(hop, 0); // a next hop is a neighbour, in the neighbour table or not
+        }
+        place(position, hop);
+        map_.nodes[position].link_quality.reset(); // the table tells the quality of the direct link only
+        map_.nodes[position].link_active = route.status == ROUTE_ACTIVE;
+    }
+
+    // Contradictory tables can send nodes round in circles; those are taken out of the tree.
+    void breakLoops() {
+        for (std::size_t i = 1; i < map_.nodes.size(); ++i) {
+            std::size_t at = i;
+            std::size_t steps = 0;
+            while (at != 0 && placed_[at] && steps <= map_.nodes.size()) {
+                at = map_.nodes[at].parent;
+                ++steps;
+            }
+            if (at != 0) {
+                placed_[i] = false;
+            }
+        }
+    }
+
+    NetworkMap map_;
+    std::map<uint16_t, std::size_t> positions_;
+    std::vector<bool> placed_ = std::vector<bool>(1, true);
+};
+
+Colour colourOf(LinkGrade grade) {
+    switch (grade) {
+    case LinkGrade::Good:
+        return Colour::Green;
+    case LinkGrade::Fair:
+        return Colour::Yellow;
+    case LinkGrade::Poor:
+        return Colour::Red;
+    case LinkGrade::Unknown:
+        return Colour::Dim;
+    }
+    return Colour::Plain;
+}
+
+std::string linkText(const MapNode &node) {
+    if (node.kind == MapKind::Coordinator) {
+        return "";
+    }
+    std::string text;
+    if (node.link_quality) {
+        const int filled = (*node.link_quality * BAR_WIDTH + 254) / 255;
+        std::string bar;
+        for (int i = 0; i < BAR_WIDTH; ++i) {
+            bar += i < filled ? "▮" : "▯";
+        }
+        text = paint(colourOf(gradeOf(node)), fmt::format("{} LQI {}", bar, *node.link_quality));
+    }
+    return text + (node.link_active ? "" : paint(Colour::Red, text.empty() ? "not reached" : ", silent"));
+}
+
+const char *kindText(MapKind kind) {
+    switch (kind) {
+    case MapKind::Coordinator:
+        return "coordinator";
+    case MapKind::Router:
+        return "router";
+    case MapKind::EndDevice:
+        return "end device";
+    }
+    return "";
+}
+
+} // namespace
+
+LinkGrade gradeOf(const MapNode &node) {
+    if (!node.link_active) {
+        return LinkGrade::Poor;
+    }
+    if (!node.link_quality) {
+        return LinkGrade::Unknown;
+    }
+    return *node.link_quality >= GOOD_LINK   ? LinkGrade::Good
+           : *node.link_quality >= FAIR_LINK ? LinkGrade::Fair
+                                             : LinkGrade::Poor;
+}
+
+NetworkMap buildMap(const MapInput &input) {
+    return Builder(input).finish();
+}
+
+std::string mapText(const NetworkMap &map) {
+    struct Line {
+        std::string left;
+        const MapNode *node;
+    };
+    std::vector<Line> lines;
+    const auto title = [&](std::size_t index) {
+        const MapNode &node = map.nodes[index];
+        return fmt::format("{} {}", paint(Colour::Bold, hexUpper(node.node_id)), node.name);
+    };
+    const std::function<void(std::size_t, const std::string &)> branch = [&](std::size_t index,
+                                                                             const std::string &indent) {
+        const auto &children = map.nodes[index].children;
+        for (std::size_t i = 0; i < children.size(); ++i) {
+            const bool last = i + 1 == children.size();
+            lines.push_back({indent + (last ? "└── " : "├── ") + title(children[i]), &map.nodes[children[i]]});
+            branch(children[i], indent + (last ? "    " : "│   "));
+        }
+    };
+    lines.push_back({title(0), map.nodes.data()});
+    branch(0, "");
+    if (!map.detached.empty()) {
+        lines.push_back({"in no table:", nullptr});
+        for (const std::size_t index : map.detached) {
+            lines.push_back({"    " + title(index), &map.nodes[index]});
+        }
+    }
+    std::size_t width = 0;
+    for (const Line &line : lines) {
+        width = std::max(width, displayWidth(line.left));
+    }
+    std::string text = map.title + "\n";
+    for (const Line &line : lines) {
+        std::string row = padded(line.left, width + 2);
+        if (line.node != nullptr) {
+            row += fmt::format("{:<23}  {:<11}  {}", line.node->eui64, kindText(line.node->kind), linkText(*line.node));
+        }
+        row.erase(row.find_last_not_of(' ') + 1);
+        text += row + "\n";
+    }
+    return text;
+}
+
+Json mapJson(const NetworkMap &map) {
+    Json nodes = Json::array();
+    for (std::size_t i = 0; i < map.nodes.size(); ++i) {
+        const MapNode &node = map.nodes[i];
+        Json entry{{"node_id", hex16(node.node_id)},
+                   {"eui64", node.eui64},
+                   {"kind", kindText(node.kind)},
+                   {"name", node.name}};
+        const bool detached = std::ranges::find(map.detached, i) != map.detached.end();
+        entry["parent"] = i == 0 || detached ? Json(nullptr) : Json(hex16(map.nodes[node.parent].node_id));
+        entry["link_quality"] = node.link_quality ? Json(*node.link_quality) : Json(nullptr);
+        entry["link_active"] = node.link_active && !detached;
+        entry["stored"] = node.stored;
+        nodes.push_back(std::move(entry));
+    }
+    return {{"title", map.title}, {"nodes", nodes}};
+}
+
+} // namespace corvane::ctl

@@ -1,0 +1,391 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "corvanectl_send.h"
+#include "corvanectl_names.h"
+#include "corvanectl_zcl.h"
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <chrono>
+#include <fmt/format.h>
+#include <memory>
+#include <random>
+
+namespace corvane::ctl {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr uint8_t LEVEL_MAXIMUM = 254;
+constexpr uint8_t COMMAND_OFF = 0x00;
+constexpr uint8_t COMMAND_ON = 0x01;
+constexpr uint8_t COMMAND_TOGGLE = 0x02;
+constexpr uint8_t COMMAND_MOVE_TO_LEVEL_WITH_ON_OFF = 0x04;
+constexpr uint8_t ALL_ENDPOINTS = 0xFF;
+constexpr uint16_t ZDO_RESPONSE = 0x8000;
+
+Bytes frameOf(const oruZb_clusterCmd_t &command) {
+    return Bytes(command.payload).first(std::min<std::size_t>(command.payload_len, ORU_ZB_MAX_PAYLOAD));
+}
+
+double millisecondsSince(Clock::time_point start) {
+    return std::chrono::duration<double, std::milli>(Clock::now() - start).count();
+}
+
+bool isConfirmation(const Event &event, const oruZb_clusterCmd_t &sent) {
+    if (event.id != ORU_ZB_SVC_SENDCMD_SUCCESS && event.id != ORU_ZB_SVC_SENDCMD_FAILURE &&
+        event.id != ORU_ZB_SVC_DEVICE_UNRESPONSIVE && event.id != ORU_ZB_SVC_CHANNEL_BUSY &&
+        event.id != ORU_ZB_SVC_SECURITY_ERROR) {
+        return false;
+    }
+    const auto command = event.command();
+    return command && command->dest_node == sent.dest_node && command->cluster_id == sent.cluster_id &&
+           command->dest_ep == sent.dest_ep && std::ranges::equal(frameOf(*command), frameOf(sent));
+}
+
+bool isAnswer(const Event &event, const oruZb_clusterCmd_t &sent) {
+    const auto message = event.command();
+    if (event.id != ORU_ZB_SVC_INCOMING_MSG || !message || message->src_node != sent.dest_node) {
+        return false;
+    }
+    if (sent.profile_id == PROFILE_ZDO) {
+        return message->profile_id == PROFILE_ZDO && message->cluster_id == (sent.cluster_id | ZDO_RESPONSE) &&
+               message->payload_len > 0 && message->payload[0] == sent.payload[0];
+    }
+    const auto question = parseZclHeader(frameOf(sent));
+    const auto answer = parseZclHeader(frameOf(*message));
+    return question && answer && message->cluster_id == sent.cluster_id &&
+           (message->src_ep == sent.dest_ep || sent.dest_ep == ALL_ENDPOINTS) &&
+           answer->sequence == question->sequence && answer->to_client != question->to_client &&
+           (answer->cluster_specific || answer->command != ZCL_REPORT_ATTRIBUTES);
+}
+
+Failure confirmationFailure(const StoredEvent &event, const oruZb_clusterCmd_t &confirmed) {
+    const auto status = static_cast<int>(confirmed.status);
+    Failure failure(Exit::Refused,
+                    fmt::format("{}: the command did not reach {}: {} ({}); \"corvanectl explain {}\" tells more",
+                                eventName(event.id), hexUpper(confirmed.dest_node), statusName(status), status, status),
+                    status, statusName(status));
+    failure.details = {{"sent", true}, {"confirmation", eventName(event.id)}};
+    return failure;
+}
+
+Json awaitAnswer(Session &session, const oruZb_clusterCmd_t &sent, const char *confirmation) {
+    const auto answer = session.waitEvent([&](const Event &event) { return isAnswer(event, sent); }, session.timeout());
+    if (!answer) {
+        Failure failure(Exit::TimedOut, fmt::format("{} took the command but did not answer within {} s",
+                                                    hexUpper(sent.dest_node), session.settings.timeout_s));
+        failure.details = {{"sent", true}, {"confirmation", confirmation}};
+        throw failure;
+    }
+    const auto message = answer->view().command();
+    return decodeFrame(message->profile_id, message->cluster_id, frameOf(*message));
+}
+
+} // namespace
+
+uint8_t nextSequence() {
+    static uint8_t sequence = static_cast<uint8_t>(std::random_device{}());
+    return sequence++;
+}
+
+oruZb_clusterCmd_t makeCommand(uint16_t node_id, uint8_t endpoint, uint16_t cluster, Bytes frame) {
+    oruZb_clusterCmd_t command{};
+    command.dest_node = node_id;
+    command.cluster_id = cluster;
+    command.profile_id = PROFILE_HOME_AUTOMATION;
+    command.dest_ep = endpoint;
+    command.src_ep = 1;
+    command.payload_len = static_cast<uint16_t>(std::min<std::size_t>(frame.size(), ORU_ZB_MAX_PAYLOAD));
+    std::ranges::copy(frame.first(command.payload_len), command.payload);
+    command.aps_options = ORU_ZB_HAL_APS_OPTION_RETRY | ORU_ZB_HAL_APS_OPTION_ENABLE_ROUTE_DISCOVERY;
+    return command;
+}
+
+void submit(Session &session, const oruZb_clusterCmd_t &command, bool async) {
+    const std::string what = fmt::format("sending to {}", hexUpper(command.dest_node));
+    if (async) {
+        session.complete(
+            what, [&](Client &client, const Completion &done) { return client.sendCommandAsync(command, done); });
+    } else {
+        session.require(session.client().sendCommand(command), what);
+    }
+}
+
+Delivery deliver(Session &session, const SentCommand &sent, bool async) {
+    const auto start = Clock::now();
+    submit(session, sent.command, async);
+    const auto event = session.waitEvent(
+        [&](const Event &candidate) { return isConfirmation(candidate, sent.command); }, session.timeout());
+    if (!event) {
+        Failure failure(Exit::TimedOut, fmt::format("the radio did not confirm the command to {} within {} s",
+                                                    hexUpper(sent.command.dest_node), session.settings.timeout_s));
+        failure.details = {{"sent", true}};
+        throw failure;
+    }
+    Delivery delivery;
+    delivery.confirmed_ms = millisecondsSince(start);
+    delivery.confirmation = eventName(event->id);
+    if (event->id != ORU_ZB_SVC_SENDCMD_SUCCESS) {
+        throw confirmationFailure(*event, *event->view().command());
+    }
+    if (sent.expects_answer) {
+        delivery.answer = awaitAnswer(session, sent.command, delivery.confirmation);
+        delivery.answered_ms = millisecondsSince(start);
+    }
+    return delivery;
+}
+
+namespace {
+
+// ---------------------------------------------------------------- send
+
+struct SendOptions {
+    std::string target;
+    bool no_wait = false;
+    bool async = false;
+    std::string level;
+    std::string cluster, attribute, profile, source_endpoint, hex;
+};
+
+struct Target {
+    uint16_t node_id = 0;
+    uint8_t endpoint = 0;
+};
+
+// The endpoint as given, else the first of the device that serves the cluster. Devices that the service does not know
+// can be reached by node id.
+Target findTarget(Session &session, const std::string &text, uint16_t profile, uint16_t cluster) {
+    const DeviceEndpoint wanted = parseDeviceEndpoint(text);
+    const uint8_t fallback = profile == PROFILE_ZDO ? 0 : 1;
+    const auto *node_id = std::get_if<uint16_t>(&wanted.device);
+    if (node_id != nullptr) {
+        const auto known = session.client().deviceByNodeId(*node_id);
+        if (wanted.endpoint || !known.ok()) {
+            return {*node_id, wanted.endpoint.value_or(fallback)};
+        }
+    }
+    const auto device = session.findDevice(wanted.device);
+    if (wanted.endpoint || profile == PROFILE_ZDO) {
+        return {device.node_id, wanted.endpoint.value_or(fallback)};
+    }
+    for (const auto &endpoint : endpointsOf(device.device_info)) {
+        for (const auto &entry : clustersOf(endpoint)) {
+            if (entry.server != 0 && entry.cluster_id == cluster) {
+                return {device.node_id, endpoint.endpoint};
+            }
+        }
+    }
+    throw Failure(Exit::Refused,
+                  fmt::format("no endpoint of {} has the cluster {}; name one to try it all the same: {}/1",
+                              deviceTitle(device), clusterText(profile, cluster), text));
+}
+
+void report(Session &session, const SentCommand &sent, const Delivery &delivery) {
+    Json json{{"sent", true}, {"confirmation", delivery.confirmation}};
+    json["node_id"] = hex16(sent.command.dest_node);
+    json["endpoint"] = sent.command.dest_ep;
+    json["confirmed_ms"] = static_cast<int>(delivery.confirmed_ms);
+    std::string text = fmt::format("{} in {:.0f} ms", paint(Colour::Green, "delivered"), delivery.confirmed_ms);
+    if (!delivery.answer.is_null()) {
+        json["answer"] = delivery.answer;
+        json["answered_ms"] = static_cast<int>(delivery.answered_ms);
+        text +=
+            fmt::format(", answer in {:.0f} ms: {}", delivery.answered_ms, delivery.answer["text"].get<std::string>());
+        if (const auto status = failureStatus(delivery.answer)) {
+            Failure failure(Exit::Refused,
+                            fmt::format("{} refused: {}", hexUpper(sent.command.dest_node),
+                                        delivery.answer["text"].get<std::string>()),
+                            *status, std::string(zclStatusName(*status)));
+            failure.details = json;
+            throw failure;
+        }
+    }
+    session.answer(json, text);
+}
+
+void send(Session &session, const SendOptions &options, const SentCommand &sent) {
+    if (!options.no_wait) {
+        return report(session, sent, deliver(session, sent, options.async));
+    }
+    submit(session, sent.command, options.async);
+    session.answer({{"sent", true}}, "handed to the radio");
+}
+
+void sendClusterCommand(Session &session, const SendOptions &options, uint16_t cluster, uint8_t command,
+                        Bytes payload) {
+    const Target target = findTarget(session, options.target, PROFILE_HOME_AUTOMATION, cluster);
+    const auto frame = encodeClusterCommand(nextSequence(), command, payload);
+    send(session, options, {makeCommand(target.node_id, target.endpoint, cluster, frame), true});
+}
+
+void sendLevel(Session &session, const SendOptions &options) {
+    const auto level = static_cast<uint8_t>(parseNumber(options.level, "the level", 0, LEVEL_MAXIMUM));
+    const uint8_t payload[] = {level, 0, 0}; // transition time 0
+    sendClusterCommand(session, options, CLUSTER_LEVEL, COMMAND_MOVE_TO_LEVEL_WITH_ON_OFF, payload);
+}
+
+void sendReadAttribute(Session &session, const SendOptions &options) {
+    const uint16_t cluster = parseCluster(options.cluster);
+    const auto frame = encodeReadAttribute(nextSequence(), parseAttribute(cluster, options.attribute));
+    const Target target = findTarget(session, options.target, PROFILE_HOME_AUTOMATION, cluster);
+    send(session, options, {makeCommand(target.node_id, target.endpoint, cluster, frame), true});
+}
+
+// Node_Desc_req, Simple_Desc_req and Active_EP_req: the service keeps the answers for its own discovery.
+bool isKeptByDiscovery(uint16_t cluster) {
+    return cluster == 0x0002 || cluster == 0x0004 || cluster == 0x0005;
+}
+
+// Whether the device has to answer, and the answer comes here, as far as the frame tells.
+bool rawExpectsAnswer(uint16_t profile, uint16_t cluster, Bytes frame) {
+    if (profile == PROFILE_ZDO) {
+        return !frame.empty() && (cluster & ZDO_RESPONSE) == 0 && clusterName(profile, cluster).ends_with("_req") &&
+               !isKeptByDiscovery(cluster);
+    }
+    const auto header = parseZclHeader(frame);
+    return header &&
+           (header->wants_default_response || (!header->cluster_specific && header->command == ZCL_READ_ATTRIBUTES));
+}
+
+void sendRaw(Session &session, const SendOptions &options) {
+    const uint16_t profile = options.profile.empty()
+                                 ? PROFILE_HOME_AUTOMATION
+                                 : static_cast<uint16_t>(parseNumber(options.profile, "the profile", 0, 0xFFFF));
+    const uint16_t cluster = profile == PROFILE_ZDO
+                                 ? static_cast<uint16_t>(parseNumber(options.cluster, "the cluster", 0, 0xFFFF))
+                                 : parseCluster(options.cluster);
+    const auto frame = parseHex(options.hex, "the frame", ORU_ZB_MAX_PAYLOAD);
+    const Target target = findTarget(session, options.target, profile, cluster);
+    SentCommand sent{makeCommand(target.node_id, target.endpoint, cluster, frame),
+                     rawExpectsAnswer(profile, cluster, frame)};
+    sent.command.profile_id = profile;
+    sent.command.src_ep = profile == PROFILE_ZDO ? 0 : 1;
+    if (!options.source_endpoint.empty()) {
+        sent.command.src_ep = static_cast<uint8_t>(parseNumber(options.source_endpoint, "--src-endpoint", 0, 255));
+    }
+    send(session, options, sent);
+}
+
+void addSend(CLI::App &app, Session &session) {
+    auto options = std::make_shared<SendOptions>();
+    auto *command = app.add_subcommand("send", "Send a command to a device");
+    command->require_subcommand(1);
+    command->add_option("DEVICE", options->target, "Device, with /ENDPOINT where it matters")
+        ->required()
+        ->type_name("");
+    command->add_flag("--no-wait", options->no_wait, "Do not wait for confirmation and answer");
+    command->add_flag("--async", options->async, "Use the asynchronous call");
+
+    const auto simple = [&](const char *name, const char *text, uint8_t id) {
+        command->add_subcommand(name, text)->callback([&session, options, id] {
+            session.run = [&session, options, id] { sendClusterCommand(session, *options, CLUSTER_ON_OFF, id, {}); };
+        });
+    };
+    simple("on", "Switch on", COMMAND_ON);
+    simple("off", "Switch off", COMMAND_OFF);
+    simple("toggle", "Switch over", COMMAND_TOGGLE);
+
+    auto *level = command->add_subcommand("level", "Move to a level, switching on or off with it");
+    level->add_option("N", options->level, "0 to 254")->required()->type_name("");
+    level->callback([&session, options] { session.run = [&session, options] { sendLevel(session, *options); }; });
+
+    auto *read = command->add_subcommand("read-attribute", "Read an attribute");
+    read->add_option("CLUSTER", options->cluster, "Number or name, for example temperature")->required()->type_name("");
+    read->add_option("ATTRIBUTE", options->attribute, "Number or name, for example measured_value")
+        ->required()
+        ->type_name("");
+    read->callback(
+        [&session, options] { session.run = [&session, options] { sendReadAttribute(session, *options); }; });
+
+    auto *raw = command->add_subcommand("raw", "Send any frame");
+    raw->add_option("--cluster", options->cluster, "Number or name")->required()->type_name("C");
+    raw->add_option("--profile", options->profile, "Number (default 0x0104, home automation; 0 is ZDO)")
+        ->type_name("P");
+    raw->add_option("--src-endpoint", options->source_endpoint, "Own endpoint (default 1)")->type_name("E");
+    raw->add_option("HEX", options->hex, "The whole frame, with header and sequence number")->required()->type_name("");
+    raw->callback([&session, options] { session.run = [&session, options] { sendRaw(session, *options); }; });
+}
+
+// ---------------------------------------------------------------- inter-PAN
+
+struct InterpanOptions {
+    std::string channels, pan, to, cluster, profile, sequence, hex;
+    bool no_wait = false;
+};
+
+oruZb_interpan_t interpanMessage(const InterpanOptions &options) {
+    oruZb_interpan_t message{};
+    message.sequence = options.sequence.empty()
+                           ? nextSequence()
+                           : static_cast<uint8_t>(parseNumber(options.sequence, "--sequence", 0, 255));
+    message.channel_mask = parseChannelMask(options.channels);
+    const auto frame = parseHex(options.hex, "the frame", ORU_ZB_MAX_PAYLOAD);
+    std::ranges::copy(frame, message.zcl_buf);
+    message.zcl_buf_len = static_cast<uint16_t>(frame.size());
+    message.header.pan_id = static_cast<uint16_t>(parseNumber(options.pan, "--pan", 0, 0xFFFF));
+    message.header.profile_id = static_cast<uint16_t>(parseNumber(options.profile, "--profile", 0, 0xFFFF));
+    message.header.cluster_id = parseCluster(options.cluster);
+    if (const auto eui64 = tryEui64(options.to)) {
+        std::ranges::copy(*eui64, message.header.long_address);
+        message.header.short_address = 0xFFFE; // none: the long address counts
+    } else {
+        message.header.short_address = static_cast<uint16_t>(parseNumber(options.to, "--to", 0, 0xFFFF));
+    }
+    return message;
+}
+
+void interpan(Session &session, const InterpanOptions &options) {
+    const oruZb_interpan_t message = interpanMessage(options);
+    session.complete("inter-PAN send",
+                     [&](Client &client, const Completion &done) { return client.sendInterpan(message, done); });
+    Json json{{"status", 0}, {"sequence", message.sequence}};
+    if (options.no_wait) {
+        return session.answer(json, fmt::format("handed to the radio, sequence {}", message.sequence));
+    }
+    const auto event = session.waitEvent(
+        [&](const Event &candidate) {
+            const auto completion = candidate.interpan();
+            return candidate.id == ORU_ZB_SVC_INTERPAN_COMPLETE && completion &&
+                   completion->sequence == message.sequence;
+        },
+        session.timeout());
+    if (!event) {
+        throw Failure(Exit::TimedOut,
+                      "the inter-PAN exchange did not end in time; after 30 s the service resets the radio");
+    }
+    const auto status = static_cast<int>(event->view().interpan()->status);
+    if (status != 0) {
+        Failure failure(Exit::Refused,
+                        fmt::format("the inter-PAN frame did not go out: {} ({})", statusName(status), status), status,
+                        statusName(status));
+        failure.details = {{"sequence", message.sequence}};
+        throw failure;
+    }
+    json["completed"] = true;
+    session.answer(json, fmt::format("inter-PAN frame {} went out", message.sequence));
+}
+
+void addInterpan(CLI::App &app, Session &session) {
+    auto options = std::make_shared<InterpanOptions>();
+    auto *command = app.add_subcommand("interpan", "Send a frame to a device of another PAN");
+    command->add_option("--channels", options->channels, "\"11,15-17\", \"all\" or a mask 0x...")
+        ->required()
+        ->type_name("LIST");
+    command->add_option("--pan", options->pan, "PAN id of the receiver, 0xffff: all")->required()->type_name("P");
+    command->add_option("--to", options->to, "Node id (0xffff: all) or EUI-64")->required()->type_name("ADDR");
+    command->add_option("--cluster", options->cluster, "Number or name")->required()->type_name("C");
+    command->add_option("--profile", options->profile, "Number")->required()->type_name("P");
+    command->add_option("--sequence", options->sequence, "Number that the completion carries")->type_name("N");
+    command->add_flag("--no-wait", options->no_wait, "Do not wait for INTERPAN_COMPLETE");
+    command->add_option("HEX", options->hex, "The ZCL frame")->required()->type_name("");
+    command->callback([&session, options] { session.run = [&session, options] { interpan(session, *options); }; });
+}
+
+} // namespace
+
+void addSendCommands(CLI::App &app, Session &session) {
+    addSend(app, session);
+    addInterpan(app, session);
+}
+
+} // namespace corvane::ctl

@@ -1,0 +1,5 @@
+# SPDX-License-Identifier: Apache-2.0
+if(TARGET corvane_test_platform AND TARGET oru_zbhal)
+    corvane_test(simulation_tests SOURCES ${CMAKE_CURRENT_LIST_DIR}/simulation_test.cpp
+        LIBS corvane_test_platform oru_zbhal oru_config oru_os TIMEOUT 600)
+endif()

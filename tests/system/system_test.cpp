@@ -1,0 +1,295 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "system_fixture.h"
+#include <random>
+#include <sys/stat.h>
+
+namespace {
+
+class SystemTest : public ::testing::TestWithParam<const char *> {};
+INSTANTIATE_TEST_SUITE_P(Modes, SystemTest, ::testing::Values("descriptor", "thread"),
+                         [](const auto &row) { return std::string(row.param); });
+
+oruZb_clusterCmd_t onOff(uint16_t node_id, uint8_t command, uint8_t sequence) {
+    oruZb_clusterCmd_t cmd{};
+    cmd.dest_node = node_id;
+    cmd.cluster_id = 0x0006;
+    cmd.profile_id = 0x0104;
+    cmd.dest_ep = cmd.src_ep = 1;
+    cmd.payload[0] = 0x01;
+    cmd.payload[1] = sequence;
+    cmd.payload[2] = command;
+    cmd.payload_len = 3;
+    return cmd;
+}
+
+TEST_P(SystemTest, FormJoinDiscoverRestartCommand) {
+    Daemon daemon(GetParam());
+    daemon.start();
+    std::map<uint64_t, oruZb_device_t> before;
+    {
+        Listener listener(daemon);
+        ASSERT_TRUE(listener.connect());
+        ASSERT_TRUE(listener.formAndOpen());
+        for (int i = 0; i < 6; ++i) {
+            ASSERT_TRUE(daemon.simJoin(i)) << i;
+        }
+        ASSERT_TRUE(eventually([&] { return listener.discovered().size() == 6; }));
+        before = listener.discovered();
+    }
+    EXPECT_EQ(daemon.end(SIGTERM), 0);
+    daemon.start();
+    Listener listener(daemon);
+    ASSERT_TRUE(listener.connect());
+    ASSERT_TRUE(eventually([&] { return listener.client.adapterState().value == ORU_ZB_ADAPTER_SERVICE_READY; }));
+    ASSERT_EQ(listener.client.deviceCount().value, 6U);
+    for (uint32_t i = 0; i < 6; ++i) {
+        const auto device = listener.client.deviceByIndex(i);
+        ASSERT_TRUE(device.ok());
+        EXPECT_EQ(memcmp(&device.value, &before[Listener::eui(device.value)], sizeof device.value), 0) << i;
+    }
+    const uint16_t lamp = listener.client.deviceByIndex(0).value.node_id;
+    ASSERT_TRUE(listener.client.sendCommand(onOff(lamp, 2, 0x21)).ok());
+    EXPECT_TRUE(eventually([&] { return listener.count(ORU_ZB_SVC_SENDCMD_SUCCESS) == 1; }));
+    EXPECT_TRUE(eventually([&] { return listener.count(ORU_ZB_SVC_INCOMING_MSG) >= 1; })); // default response
+    EXPECT_EQ(daemon.end(SIGINT), 0);
+}
+
+// Every device whose discovery was announced is there after a kill, byte for byte; none comes back that left.
+TEST(CrashTest, NothingAnnouncedIsLostByKill) {
+    const char *wanted = getenv("CORVANE_CRASHES");
+    const int crashes = wanted != nullptr ? atoi(wanted) : 12;
+    const char *seed_text = getenv("CORVANE_SEED");
+    std::mt19937 random(seed_text != nullptr ? static_cast<unsigned>(atoi(seed_text)) : 1);
+    Daemon daemon;
+    int discoveries = 0;
+    for (int crash = 0; crash < crashes; ++crash) {
+        daemon.start();
+        Listener listener(daemon);
+        ASSERT_TRUE(listener.connect());
+        std::map<uint64_t, oruZb_device_t> expected;
+        for (uint32_t i = 0; i < listener.client.deviceCount().value; ++i) {
+            const auto device = listener.client.deviceByIndex(i).value;
+            expected[Listener::eui(device)] = device;
+        }
+        const auto settled = [&] { return listener.client.adapterState().value >= ORU_ZB_ADAPTER_ON; };
+        ASSERT_TRUE(eventually(settled));
+        if (listener.client.adapterState().value == ORU_ZB_ADAPTER_SERVICE_READY) {
+            ASSERT_TRUE(listener.client.permitJoin(true).ok());
+        } else {
+            ASSERT_TRUE(listener.formAndOpen());
+        }
+        const auto end = Clock::now() + std::chrono::milliseconds(random() % 150);
+        std::thread storm([&] { // joins and leaves until the daemon is gone
+            while (daemon.simJoin(static_cast<int>(random() % 6))) {
+                oruZb_nodeInfo_t node{};
+                const auto device = listener.client.deviceByIndex(0);
+                if (device.ok() && random() % 4 == 0) {
+                    node.id = device.value.node_id;
+                    memcpy(node.device_info.eui64, device.value.device_info.eui64, 8);
+                    (void)listener.client.nodeLeave(node, nullptr);
+                }
+            }
+        });
+        std::this_thread::sleep_until(end);
+        (void)daemon.end(SIGKILL);
+        storm.join();
+        ASSERT_TRUE(eventually([&] { return !listener.client.connected(); }, 5s));
+        const auto announced = listener.discovered();
+        discoveries += listener.count(ORU_ZB_SVC_DEVICE_DISCOVERED);
+
+        daemon.start();
+        Listener after(daemon);
+        ASSERT_TRUE(after.connect());
+        for (const auto &[eui64, device] : announced) {
+            corvane::Eui64 key{};
+            memcpy(key.data(), device.device_info.eui64, key.size());
+            const auto found = after.client.deviceByEui64(key);
+            if (found.status == ORU_STATUS_NOT_FOUND) { // its departure was stored, the word of it did not get out
+                EXPECT_NE(daemon.said().find("zb_db_remove"), std::string::npos);
+                continue;
+            }
+            ASSERT_TRUE(found.ok()) << found.describe();
+            oruZb_device_t same = found.value;
+            same.node_id = device.node_id; // a new address may have been stored in the last instant
+            EXPECT_EQ(memcmp(&same, &device, sizeof same), 0);
+        }
+        ASSERT_EQ(daemon.end(SIGTERM), 0);
+    }
+    RecordProperty("discoveries", discoveries);
+    std::cout << crashes << " kills, " << discoveries << " discoveries\n";
+}
+
+TEST_P(SystemTest, TerminatesWithinTwoSecondsUnderLoad) {
+    Daemon daemon(GetParam());
+    daemon.start();
+    std::vector<std::unique_ptr<Listener>> listeners;
+    for (int i = 0; i < 8; ++i) {
+        listeners.push_back(std::make_unique<Listener>(daemon));
+        ASSERT_TRUE(listeners.back()->connect());
+    }
+    ASSERT_TRUE(listeners[0]->formAndOpen());
+    (void)daemon.simJoin(0);
+    std::atomic<bool> over{false};
+    std::vector<std::thread> load;
+    for (auto &listener : listeners) {
+        load.emplace_back([&over, &listener] {
+            uint8_t sequence = 0;
+            while (!over) {
+                (void)listener->client.sendCommandAsync(onOff(0x1234, 2, ++sequence), nullptr);
+                (void)listener->client.serverPing();
+                (void)listener->client.callAsync(ORU_ZB_SVC_APING, {}, nullptr);
+            }
+        });
+    }
+    ASSERT_TRUE(eventually([&] { return listeners[0]->count(ORU_ZB_SVC_DEVICE_DISCOVERED) == 1; }));
+    const auto begin = Clock::now();
+    EXPECT_EQ(daemon.end(SIGTERM), 0);
+    EXPECT_LT(Clock::now() - begin, 2s);
+    over = true;
+    for (std::thread &thread : load) {
+        thread.join();
+    }
+}
+
+TEST(LimitsTest, ElevenClientsASleeperAndNonsense) {
+    Daemon daemon;
+    daemon.start();
+    std::vector<std::unique_ptr<Listener>> listeners;
+    for (int i = 0; i < 9; ++i) {
+        listeners.push_back(std::make_unique<Listener>(daemon));
+        ASSERT_TRUE(listeners.back()->connect());
+    }
+    corvane::Client sleeper, eleventh; // nobody delivers for the sleeper
+    corvane::Options options;
+    options.socket_path = daemon.path("run/corvane.sock");
+    ASSERT_TRUE(sleeper.connect(options).ok());
+    const auto refused = eleventh.connect(options);
+    EXPECT_EQ(refused.transport, corvane::Transport::Refused);
+    EXPECT_EQ(refused.status, ORU_STATUS_BUSY);
+
+    ASSERT_TRUE(listeners[0]->formAndOpen());
+    (void)daemon.simJoin(0);
+    ASSERT_TRUE(eventually([&] { return listeners[0]->count(ORU_ZB_SVC_DEVICE_DISCOVERED) == 1; }));
+    const uint16_t lamp = listeners[0]->client.deviceByIndex(0).value.node_id;
+    std::atomic<int> worst_ms{0};
+    std::vector<std::thread> callers;
+    for (auto &listener : listeners) { // everybody at once, each with its own answers
+        callers.emplace_back([&, client = &listener->client] {
+            for (uint8_t n = 0; n < 20; ++n) {
+                const auto begin = Clock::now();
+                const auto answer = client->sendCommand(onOff(lamp, 2, n));
+                EXPECT_TRUE(answer.ok()) << answer.describe();
+                EXPECT_EQ(answer.value.payload[1], n);
+                EXPECT_EQ(client->ping().value, "pong");
+                const auto took = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - begin);
+                worst_ms = std::max(worst_ms.load(), static_cast<int>(took.count()));
+            }
+        });
+    }
+    for (std::thread &caller : callers) {
+        caller.join();
+    }
+    for (auto &listener : listeners) { // the sleeper costs nobody an event
+        EXPECT_TRUE(eventually([&] { return listener->count(ORU_ZB_SVC_SENDCMD_SUCCESS) == 180; }))
+            << listener->count(ORU_ZB_SVC_SENDCMD_SUCCESS);
+    }
+    EXPECT_LT(worst_ms, 5000);
+    for (uint32_t id = 0; id < 0x10000; id += 251) {
+        std::vector<uint8_t> out(8);
+        const std::vector<uint8_t> in(id % 4097, 0x5A);
+        (void)listeners[1]->client.callSync(static_cast<uint16_t>(id), in, out);
+        (void)listeners[2]->client.callAsync(static_cast<uint16_t>(id), in, nullptr);
+    }
+    EXPECT_EQ(listeners[3]->client.ping().value, "pong");
+    EXPECT_EQ(daemon.end(SIGTERM), 0);
+}
+
+TEST(BadInputTest, ClearErrors) {
+    struct Row {
+        const char *what;
+        std::function<void(Daemon &)> spoil;
+        int exit_status; // -1: any but 0
+        std::vector<std::string> said;
+    };
+    const auto port = [](const char *name) { return [name](Daemon &d) { d.arguments = {"-p", name}; }; };
+    const std::vector<Row> rows = {
+        {"unknown key", [](Daemon &d) { d.config = "[store]\nfolder = \"x\"\n"; }, -1, {":7:", "folder"}},
+        {"syntax", [](Daemon &d) { d.config = "[store\n"; }, -1, {":6:"}},
+        {"scenario syntax", [](Daemon &d) { d.scenario = "name = \"x\"\nseed = twelve\n"; }, 0, {"scenario.toml:2:"}},
+        {"scenario value", [](Daemon &d) { d.scenario += "link_quality = 900\n"; }, 0, {"scenario.toml:"}},
+        {"no scenario", port("virtual:nowhere.toml"), 0, {"nowhere.toml"}},
+        {"no such device", port("/dev/ttyNONE9"), 0, {"/dev/ttyNONE9"}},
+        {"not an adapter", port("/dev/null"), 0, {"/dev/null"}},
+        {"state folder is a file",
+         [](Daemon &d) {
+             std::filesystem::remove(d.path("state"));
+             d.write("state", "");
+         },
+         -1,
+         {"/state"}},
+        {"no state folder anywhere",
+         [](Daemon &d) {
+             std::filesystem::remove_all(d.path("state"));
+             d.config = "[store]\ndirectory = \"/proc/nope/state\"\n";
+         },
+         -1,
+         {"/proc/nope/state"}},
+        {"help", [](Daemon &d) { d.arguments = {"-h"}; }, 1, {"Usage: corvane -B|-h|-p <port>", "\t -h : print this"}},
+    };
+    for (const Row &row : rows) {
+        SCOPED_TRACE(row.what);
+        Daemon daemon;
+        row.spoil(daemon);
+        daemon.start();
+        std::thread nudge; // a daemon that runs in spite of it must fail the test, not hang it
+        ASSERT_TRUE(eventually(
+            [&] {
+                return !std::ifstream("/proc/" + std::to_string(daemon.pid()) + "/exe").good() ||
+                       daemon.said().find("started in") != std::string::npos;
+            },
+            10s));
+        const int status = daemon.said().find("started in") != std::string::npos ? daemon.end(SIGKILL) : daemon.wait();
+        EXPECT_TRUE(WIFEXITED(status)) << status;
+        if (row.exit_status >= 0) {
+            EXPECT_EQ(WEXITSTATUS(status), row.exit_status);
+        } else {
+            EXPECT_NE(WEXITSTATUS(status), 0);
+        }
+        for (const std::string &part : row.said) {
+            EXPECT_NE(daemon.said().find(part), std::string::npos) << part << "\n" << daemon.said();
+        }
+    }
+}
+
+TEST(SecondDaemonTest, LeavesTheFirstAlone) {
+    Daemon daemon;
+    daemon.start();
+    Listener listener(daemon);
+    ASSERT_TRUE(listener.connect());
+    const pid_t first = daemon.pid();
+    const pid_t second = daemon.start();
+    int status = 0;
+    ASSERT_EQ(waitpid(second, &status, 0), second);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) != 0);
+    EXPECT_EQ(listener.client.ping().value, "pong");
+    kill(first, SIGTERM);
+    ASSERT_EQ(waitpid(first, &status, 0), first);
+    EXPECT_EQ(status, 0);
+}
+
+TEST(ModesTest, FilesAndSocketsAreNotForEverybody) {
+    Daemon daemon;
+    daemon.start();
+    Listener listener(daemon);
+    ASSERT_TRUE(listener.connect());
+    ASSERT_TRUE(listener.formAndOpen());
+    for (const auto &[name, mode] : std::map<std::string, unsigned>{
+             {"run/corvane.sock", 0660}, {"run/corvane-sim.sock", 0600}, {"state/corvane.db", 0600}}) {
+        struct stat info {};
+        ASSERT_EQ(stat(daemon.path(name).c_str(), &info), 0) << name;
+        EXPECT_EQ(info.st_mode & 0777, mode) << name;
+    }
+    EXPECT_EQ(daemon.end(SIGTERM), 0);
+}
+
+} // namespace

@@ -1,0 +1,197 @@
+// SPDX-License-Identifier: Apache-2.0
+// The store in front of files that are damaged, not ours, or newer than this release.
+#include "kvs_fixture.h"
+#include <fstream>
+#include <functional>
+#include <iterator>
+
+namespace {
+
+constexpr int records = 60; // about a dozen pages
+
+std::string keyOf(int i) {
+    return "zigbee.device-" + std::to_string(100 + i);
+}
+std::string valueOf(int i) {
+    return "<" + std::to_string(100 + i) + ">" + std::string(739, static_cast<char>('A' + i % 26));
+}
+
+std::string readFile(const std::string &path) {
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+void writeFile(const std::string &path, const std::string &content) {
+    std::ofstream(path, std::ios::binary) << content;
+}
+
+class KvsDamageTest : public KvsTest {
+protected:
+    KvsDamageTest() {
+        for (int i = 0; i < records; i++) {
+            EXPECT_EQ(set(keyOf(i), valueOf(i)), 0);
+        }
+        restart();
+        sql("PRAGMA wal_checkpoint(TRUNCATE)"); // all of it in one file, which the tests then damage
+    }
+
+    std::string asideName() const {
+        for (const auto &entry : std::filesystem::directory_iterator(folder)) {
+            const std::string name = entry.path().filename().string();
+            if (name.starts_with("corvane.db.damaged-") && name.find("-wal") == std::string::npos &&
+                name.find("-shm") == std::string::npos) {
+                return entry.path().string();
+            }
+        }
+        return "";
+    }
+
+    // Every record that is still there is right; how many are.
+    static int soundRecords() {
+        int count = 0;
+        for (const std::string &name : list("zigbee")) {
+            const int i = std::stoi(name.substr(name.find('-') + 1)) - 100;
+            EXPECT_EQ(get("zigbee." + name), valueOf(i));
+            count++;
+        }
+        return count;
+    }
+};
+
+TEST_F(KvsDamageTest, OneDamagedRecordCostsOnlyItself) {
+    const std::string victim = keyOf(20);
+    const std::string where = " WHERE name='device-120'";
+    struct {
+        const char *what;
+        std::string statement; // empty: flip a bit in the file
+    } const cases[] = {
+        {"flipped bit of the value", ""},
+        {"value of the wrong type", "UPDATE records SET value='text'" + where},
+        {"value of another record", "UPDATE records SET value=(SELECT value FROM records LIMIT 1)" + where},
+        {"checksum of the wrong type", "UPDATE records SET crc32c='none'" + where},
+        {"checksum beyond 32 bits", "UPDATE records SET crc32c=crc32c+4294967296" + where},
+        {"renamed", "UPDATE records SET name='device-120x'" + where},
+        {"name of the wrong type", "UPDATE records SET name=x'00ff'" + where},
+        {"empty value", "UPDATE records SET value=x''" + where},
+    };
+    for (const auto &damage : cases) {
+        SCOPED_TRACE(damage.what);
+        clearLog();
+        ASSERT_EQ(set(victim, valueOf(20)), 0);
+        restart();
+        if (damage.statement.empty()) {
+            sql("PRAGMA wal_checkpoint(TRUNCATE)");
+            std::string content = readFile(database());
+            content[content.rfind(valueOf(20)) + 400] ^= 0x10;
+            writeFile(database(), content);
+        } else {
+            sql(damage.statement);
+        }
+        EXPECT_EQ(soundRecords(), records - 1);
+        EXPECT_EQ(errorLines(), 1U);
+        EXPECT_TRUE(logged("is damaged"));
+        char buffer[8];
+        EXPECT_EQ(oruKeyValueDsHal_get(victim.c_str(), buffer, sizeof buffer), ORU_STATUS_NOT_FOUND);
+        restart();
+        EXPECT_EQ(soundRecords(), records - 1);
+        EXPECT_EQ(errorLines(), 1U) << "moved, so not reported again";
+    }
+    EXPECT_EQ(asideName(), "");
+    restart();
+    EXPECT_EQ(sql("SELECT count(*) FROM quarantine WHERE reason<>'' AND time>'2'"), std::to_string(std::size(cases)));
+}
+
+TEST_F(KvsDamageTest, ADamagedFileIsSetAsideAndReadableRecordsAreKept) {
+    const std::string sound = readFile(database());
+    const auto page = [](int number) { return size_t(number - 1) * 4096; };
+    struct {
+        const char *what;
+        std::function<std::string(std::string)> damage;
+        int at_least; // records recovered
+    } const cases[] = {
+        {"not a database", [](std::string) { return std::string("just a text file\n"); }, 0},
+        {"header overwritten", [](std::string s) { return s.replace(0, 16, 16, 'x'); }, 0},
+        {"cut in the middle", [](std::string s) { return s.substr(0, s.size() / 2); }, 0},
+        {"cut inside a page", [](std::string s) { return s.substr(0, s.size() - 1000); }, records / 2},
+        {"a leaf page zeroed", [&](std::string s) { return s.replace(page(9), 4096, 4096, '\0'); }, records / 3},
+        {"a leaf page of noise", [&](std::string s) { return s.replace(page(9), 4096, 4096, '\xA5'); }, records / 3},
+        {"a key out of order",
+         [](std::string s) { return s.replace(s.rfind("zigbeedevice-130"), 16, "zigbeedevice-930"); }, records - 2},
+    };
+    for (const auto &damage : cases) {
+        SCOPED_TRACE(damage.what);
+        clearLog();
+        const std::string content = damage.damage(sound);
+        writeFile(database(), content);
+        const int kept = soundRecords();
+        EXPECT_GE(kept, damage.at_least);
+        EXPECT_LT(kept, records);
+        EXPECT_TRUE(logged("set aside as"));
+        const std::string aside = asideName();
+        EXPECT_EQ(readFile(aside), content) << "set aside as it was";
+        EXPECT_EQ(set("zigbee.device-100", valueOf(0)), 0);
+        restart();
+        EXPECT_EQ(get("zigbee.device-100"), valueOf(0));
+        restart();
+        for (const char *suffix : {"", "-wal", "-shm"}) {
+            std::filesystem::remove(aside + suffix);
+            std::filesystem::remove(database() + suffix);
+        }
+    }
+}
+
+TEST_F(KvsDamageTest, AnEmptiedFileDoesNotTakeItsLogAlong) {
+    ASSERT_EQ(set("zigbee.device-200", valueOf(0)), 0);
+    restart();
+    const std::string log = readFile(database() + "-wal");
+    ASSERT_GT(log.size(), 744U);
+    writeFile(database(), "");
+    EXPECT_EQ(soundRecords(), 0);
+    EXPECT_EQ(readFile(asideName() + "-wal"), log);
+}
+
+TEST_F(KvsDamageTest, RepairOnAFullMediumKeepsTheDamagedFileAndIsTriedAgain) {
+    const std::string damaged = readFile(database()).replace(8 * 4096, 4096, 4096, '\0');
+    for (unsigned first = 1;; first++) {
+        SCOPED_TRACE(first);
+        writeFile(database(), damaged);
+        oruKvsTesting_failWrites(first, 1000000, SQLITE_FULL);
+        const oru_status_t status = set("zigbee.device-200", valueOf(100));
+        const bool fired = oruKvsTesting_writesRefused() > 0;
+        EXPECT_EQ(status != 0, fired);
+        EXPECT_TRUE(!fired || readFile(asideName().empty() ? database() : asideName()) == damaged);
+        oruKvsTesting_failWrites(0, 0, SQLITE_OK);
+        EXPECT_GT(soundRecords(), 1);
+        EXPECT_EQ(get("zigbee.device-200"), valueOf(100));
+        restart();
+        std::filesystem::remove_all(folder);
+        std::filesystem::create_directory(folder);
+        if (!fired) {
+            break;
+        }
+    }
+}
+
+TEST_F(KvsDamageTest, ADatabaseOfAnotherProgramIsSetAsideUntouched) {
+    std::filesystem::remove(database());
+    sql("CREATE TABLE photos(id INTEGER PRIMARY KEY); INSERT INTO photos VALUES(7)");
+    const std::string content = readFile(database());
+    EXPECT_EQ(set("zigbee.a", "1"), 0);
+    EXPECT_EQ(readFile(asideName()), content);
+    EXPECT_TRUE(logged("not a store of corvane"));
+}
+
+TEST_F(KvsDamageTest, ANewerStoreIsRefusedAndTheServiceRunsFromMemory) {
+    sql("PRAGMA user_version=2; PRAGMA wal_checkpoint(TRUNCATE)");
+    const std::string content = readFile(database());
+    EXPECT_EQ(set("zigbee.a", "1"), ORU_STATUS_NOT_SUPPORTED);
+    EXPECT_EQ(set("zigbee.a", "2"), ORU_STATUS_NOT_SUPPORTED);
+    EXPECT_EQ(get("zigbee.a"), "2");
+    EXPECT_EQ(oruKeyValueDsHal_listKeys("zigbee", [](const char *) { return 0; }), ORU_STATUS_NOT_SUPPORTED);
+    EXPECT_TRUE(logged("newer release"));
+    EXPECT_EQ(errorLines(), 1U);
+    EXPECT_EQ(readFile(database()), content);
+    EXPECT_EQ(asideName(), "");
+}
+
+} // namespace
