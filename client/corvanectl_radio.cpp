@@ -16,6 +16,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr Milliseconds STATE_POLL{100}; // not every change of state has an event of its own
+constexpr Milliseconds SETTLE_WITHOUT_NETWORK{2000};
 constexpr uint8_t MAX_SCAN_DURATION = 14;
 
 oruZb_adapterState_t currentState(Session &session) {
@@ -117,10 +118,11 @@ bool isDown(Session &session) {
     return state == ORU_ZB_ADAPTER_ON || state == ORU_ZB_ADAPTER_OFF;
 }
 
-// Clear and reset end in a network that is down. Without one before, no event says so: the state has to tell.
+// Clear and reset end in NETWORK_DOWN, in general also without a network before; then the event is not insisted on.
 void awaitNetworkDown(Session &session, bool was_up) {
     const auto isEnd = [](const Event &event) { return event.id == ORU_ZB_SVC_NETWORK_DOWN; };
-    if (was_up && !session.waitEvent(isEnd, session.timeout())) {
+    const Milliseconds limit = was_up ? session.timeout() : std::min(session.timeout(), SETTLE_WITHOUT_NETWORK);
+    if (!session.waitEvent(isEnd, limit) && was_up) {
         throw Failure(Exit::TimedOut, "accepted, but the network is still up; the service's log says why");
     }
     awaitState(session, {ORU_ZB_ADAPTER_ON, ORU_ZB_ADAPTER_OFF});

@@ -85,6 +85,10 @@ Client &Session::client() {
                                                    "socket?",
                                                    options.socket_path));
     }
+    if (outcome.transport == Transport::Refused && outcome.status == ORU_STATUS_BUSY) {
+        throw Failure(Exit::ConnectionLost, "the service has no place for another client now; end one and try again",
+                      outcome.status, statusName(outcome.status));
+    }
     require(outcome, "connecting to " + options.socket_path);
     connected_ = true;
     return client_;

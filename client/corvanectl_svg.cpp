@@ -27,8 +27,8 @@ constexpr int MAX_STRETCHES = 60;
 constexpr double COORDINATOR_RADIUS = 24;
 constexpr double LABEL_GAP = 6;
 constexpr double LABEL_HEIGHT = 30;
-constexpr double NAME_CHARACTER = 7.0; // widths of the fonts, a little generous
-constexpr double ADDRESS_CHARACTER = 6.6;
+constexpr double NAME_CHARACTER = 7.9; // widths of the fonts, for the wider ones among them
+constexpr double ADDRESS_CHARACTER = 6.9;
 constexpr std::size_t MAX_NAME = 26;
 
 constexpr double MARGIN = 28;
@@ -243,9 +243,15 @@ private:
         const Box above = boxAround({middle.x, middle.y - away - LABEL_HEIGHT / 2}, half, LABEL_HEIGHT / 2);
         const Box right = boxAround({middle.x + away + half, middle.y}, half, LABEL_HEIGHT / 2);
         const Box left = boxAround({middle.x - away - half, middle.y}, half, LABEL_HEIGHT / 2);
-        const bool upper = middle.y < -1;
-        std::array<Box, 4> places{upper ? above : below, middle.x < 0 ? left : right, middle.x < 0 ? right : left,
-                                  upper ? below : above};
+        const auto corner = [&](int across, int down) {
+            return boxAround({middle.x + across * (half + LABEL_GAP), middle.y + down * (away + LABEL_HEIGHT / 2 - 4)},
+                             half, LABEL_HEIGHT / 2);
+        };
+        const int down = middle.y < -1 ? -1 : 1;
+        const int across = middle.x < 0 ? -1 : 1;
+        std::array<Box, 8> places{down < 0 ? above : below, across < 0 ? left : right, across < 0 ? right : left,
+                                  down < 0 ? below : above, corner(across, down),      corner(-across, down),
+                                  corner(across, -down),    corner(-across, -down)};
         if (std::abs(middle.x) > std::abs(middle.y) * WIDTH_TO_HEIGHT) {
             std::swap(places[0], places[1]);
         }

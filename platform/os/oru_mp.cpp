@@ -309,4 +309,6 @@ uint32_t oruMp_testBlocksOut(oruMp_handle_t pool) {
     return pool->out;
 }
 
-bool oruMp_testPoisonsBlocks() { return poison_blocks; }
+bool oruMp_testPoisonsBlocks() {
+    return poison_blocks;
+}

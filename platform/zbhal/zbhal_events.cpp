@@ -9,10 +9,21 @@
 
 namespace corvane::zbhal {
 
+namespace {
+
+// Places that an indication must leave free: what is never repeated may use the last ones.
+size_t headroomOf(IndicationKind kind) {
+    if (kind == IndicationKind::stack_status) {
+        return 0;
+    }
+    return kind == IndicationKind::incoming_message ? EventQueue::kStatusHeadroom : EventQueue::kStatusHeadroom / 4;
+}
+
+} // namespace
+
 bool EventQueue::push(const Indication &indication) {
     const std::lock_guard lock(mutex_);
-    const size_t headroom = indication.kind == IndicationKind::incoming_message ? kStatusHeadroom : 0;
-    if (count_ + reserved_ + headroom >= kCapacity) {
+    if (count_ + reserved_ + headroomOf(indication.kind) >= kCapacity) {
         ++dropped_;
         return false;
     }

@@ -56,7 +56,7 @@ TEST_F(CoreTest, QueueTakesFortyThenProducersWaitAndOrderIsKept) {
     const auto types = handledTypes();
     ASSERT_EQ(types.size(), 41U);
     for (size_t i = 0; i < types.size(); ++i) {
-        char expected[16];
+        char expected[24];
         (void)snprintf(expected, sizeof expected, "0x%zx.", 0x80100 + i);
         EXPECT_EQ(types[i], expected);
     }

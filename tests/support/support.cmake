@@ -1,6 +1,7 @@
 # SPDX-License-Identifier: Apache-2.0
 if(TARGET oru_os AND TARGET corvane_service)
-    add_library(corvane_test_platform STATIC ${CMAKE_CURRENT_LIST_DIR}/test_platform.cpp
+    # Objects, not an archive: every replacement is linked, whether or not an archive before it was asked for it.
+    add_library(corvane_test_platform OBJECT ${CMAKE_CURRENT_LIST_DIR}/test_platform.cpp
         ${CMAKE_CURRENT_LIST_DIR}/test_fault_wraps.cpp)
     target_include_directories(corvane_test_platform PUBLIC ${CMAKE_CURRENT_LIST_DIR})
     target_link_libraries(corvane_test_platform PUBLIC corvane_service oru_headers oru_os PRIVATE corvane_options)
@@ -9,5 +10,6 @@ if(TARGET oru_os AND TARGET corvane_service)
         target_link_options(corvane_test_platform INTERFACE -Wl,--wrap=${name})
     endforeach()
     add_library(corvane_test_radio STATIC ${CMAKE_CURRENT_LIST_DIR}/test_radio.cpp)
-    target_link_libraries(corvane_test_radio PUBLIC corvane_test_platform PRIVATE corvane_options)
+    target_include_directories(corvane_test_radio PUBLIC ${CMAKE_CURRENT_LIST_DIR})
+    target_link_libraries(corvane_test_radio PUBLIC oru_headers PRIVATE corvane_options)
 endif()
