@@ -181,7 +181,11 @@ public:
         return value;
     }
     bool formAndOpen() {
-        return client.formNetworkManual(15, nullptr).ok() &&
+        const auto up = [&] {
+            const oruZb_adapterState_t state = client.adapterState().value;
+            return state == ORU_ZB_ADAPTER_ON || state == ORU_ZB_ADAPTER_SERVICE_READY;
+        };
+        return eventually(up) && client.formNetworkManual(15, nullptr).ok() &&
                eventually([&] { return client.adapterState().value == ORU_ZB_ADAPTER_SERVICE_READY; }) &&
                client.permitJoin(true).ok();
     }

@@ -71,7 +71,10 @@ TEST(CrashTest, NothingAnnouncedIsLostByKill) {
             const auto device = listener.client.deviceByIndex(i).value;
             expected[Listener::eui(device)] = device;
         }
-        const auto settled = [&] { return listener.client.adapterState().value >= ORU_ZB_ADAPTER_ON; };
+        const auto settled = [&] {
+            const oruZb_adapterState_t state = listener.client.adapterState().value;
+            return state == ORU_ZB_ADAPTER_ON || state == ORU_ZB_ADAPTER_SERVICE_READY;
+        };
         ASSERT_TRUE(eventually(settled));
         if (listener.client.adapterState().value == ORU_ZB_ADAPTER_SERVICE_READY) {
             ASSERT_TRUE(listener.client.permitJoin(true).ok());
@@ -213,8 +216,8 @@ TEST(BadInputTest, ClearErrors) {
     };
     const auto port = [](const char *name) { return [name](Daemon &d) { d.arguments = {"-p", name}; }; };
     const std::vector<Row> rows = {
-        {"unknown key", [](Daemon &d) { d.config = "[store]\nfolder = \"x\"\n"; }, -1, {":7:", "folder"}},
-        {"syntax", [](Daemon &d) { d.config = "[store\n"; }, -1, {":6:"}},
+        {"unknown key", [](Daemon &d) { d.config = "[store]\nfolder = \"x\"\n"; }, -1, {":8:1", "folder"}},
+        {"syntax", [](Daemon &d) { d.config = "[store\n"; }, -1, {":7:7"}},
         {"scenario syntax", [](Daemon &d) { d.scenario = "name = \"x\"\nseed = twelve\n"; }, 0, {"scenario.toml:2:"}},
         {"scenario value", [](Daemon &d) { d.scenario += "link_quality = 900\n"; }, 0, {"scenario.toml:"}},
         {"no scenario", port("virtual:nowhere.toml"), 0, {"nowhere.toml"}},

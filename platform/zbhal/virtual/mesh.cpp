@@ -236,7 +236,8 @@ void Mesh::depart(size_t index, bool rejoin) {
     node.parent = kUnreachable;
     coordinator_.membershipChanged();
     settleLater();
-    if (noticed) {
+    // A leave that announces a rejoin does not reach the trust centre: the parent keeps the place free.
+    if (noticed && !rejoin) {
         coordinator_.deviceReport(
             {node_id, node.device.spec().eui64, parent, ORU_ZB_HAL_DEVICE_LEFT, ORU_ZB_HAL_NO_ACTION});
     }
