@@ -49,8 +49,8 @@ public:
             }
         }
         for (MapNode &node : map_.nodes) { // routers first, then as the tables have them
-            std::ranges::stable_partition(
-                node.children, [this](std::size_t child) { return map_.nodes[child].kind == MapKind::Router; });
+            std::stable_partition(node.children.begin(), node.children.end(),
+                                  [this](std::size_t child) { return map_.nodes[child].kind == MapKind::Router; });
         }
         return std::move(map_);
     }

@@ -141,6 +141,26 @@ TEST_F(NetworkTest, RegionCodes) {
     EXPECT_STREQ(oruZb_getRegion(static_cast<oruZbHal_region_t>(99)), "Undefined");
 }
 
+TEST_F(NetworkTest, RegionFollowsTheLastWriterOnBothThreads) {
+    for (int round = 0; round < 50; ++round) {
+        hal::clearCalls();
+        auto retry = std::async(std::launch::async, [] {
+            for (int i = 0; i < 20; ++i) {
+                (void)oruZb_handleQelAccess(); // as the timer thread does
+            }
+        });
+        for (int i = 0; i < 20; ++i) {
+            (void)oruZb_doSetRegion(i % 2 == 0 ? "DE" : "JP");
+        }
+        retry.get();
+        std::string applied;
+        for (const std::string &call : hal::calls()) {
+            applied = call.rfind("setRegion", 0) == 0 ? call : applied;
+        }
+        ASSERT_EQ(applied, "setRegion(" + std::to_string(oruZb_getRegionCode()) + ")");
+    }
+}
+
 TEST_F(NetworkTest, CountryCodeRetries) {
     hal::setResult("setRegion", 3);
     test_without_qel = false;
