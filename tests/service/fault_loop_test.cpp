@@ -32,8 +32,7 @@ protected:
         }
         testplat::faults::off();
     }
-    void journeys() {
-        (void)callAsync(ORU_ZB_SVC_FORMZ3NET_AUTO);
+    static void discoverLamp() {
         LAMP.join();
         LAMP.announce();
         pump();
@@ -43,6 +42,10 @@ protected:
         pump();
         LAMP.nodeDescriptor();
         pump();
+    }
+    void journeys() {
+        (void)callAsync(ORU_ZB_SVC_FORMZ3NET_AUTO);
+        discoverLamp();
         oruZb_clusterCmd_t cmd{};
         cmd.dest_node = LAMP.node_id;
         cmd.payload_len = 3;
@@ -76,15 +79,7 @@ protected:
         (void)oruZb_deleteFromDiscoveryList(eui64.data());
         (void)oruZb_deleteFromFailedDiscoveryList(eui64.data());
         forget();
-        LAMP.join();
-        LAMP.announce();
-        pump();
-        LAMP.activeEndpoints({1});
-        pump();
-        LAMP.simpleDescriptor(1, {6}, {});
-        pump();
-        LAMP.nodeDescriptor();
-        pump();
+        discoverLamp();
         EXPECT_EQ(ipc::eventIds().back(), ORU_ZB_SVC_DEVICE_DISCOVERED);
         if (oruMutex_release(device_list_mutex) != ORU_STATUS_UNINITIALIZED) { // else it lives on without a device list
             EXPECT_EQ(oruZb_databaseGetDeviceCount(), 1U);
