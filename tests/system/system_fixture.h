@@ -180,12 +180,12 @@ public:
         memcpy(&value, device.device_info.eui64, sizeof value);
         return value;
     }
+    bool up() { // the stack has settled, with or without a network
+        const oruZb_adapterState_t state = client.adapterState().value;
+        return state == ORU_ZB_ADAPTER_ON || state == ORU_ZB_ADAPTER_SERVICE_READY;
+    }
     bool formAndOpen() {
-        const auto up = [&] {
-            const oruZb_adapterState_t state = client.adapterState().value;
-            return state == ORU_ZB_ADAPTER_ON || state == ORU_ZB_ADAPTER_SERVICE_READY;
-        };
-        return eventually(up) && client.formNetworkManual(15, nullptr).ok() &&
+        return eventually([&] { return up(); }) && client.formNetworkManual(15, nullptr).ok() &&
                eventually([&] { return client.adapterState().value == ORU_ZB_ADAPTER_SERVICE_READY; }) &&
                client.permitJoin(true).ok();
     }
