@@ -4,3 +4,10 @@ if(TARGET corvane AND TARGET corvane_client)
     target_compile_definitions(system_tests PRIVATE CORVANE_BINARY="$<TARGET_FILE:corvane>")
     add_dependencies(system_tests corvane)
 endif()
+
+# The service unit keeps the daemon on a short leash: exposure below 1.5 as the tool measures it.
+find_program(SYSTEMD_ANALYZE systemd-analyze)
+if(SYSTEMD_ANALYZE)
+    add_test(NAME packaging.exposure COMMAND ${SYSTEMD_ANALYZE} security --offline=true --no-pager --threshold=15
+        ${CMAKE_SOURCE_DIR}/packaging/corvane.service)
+endif()
