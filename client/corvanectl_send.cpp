@@ -129,7 +129,7 @@ Delivery deliver(Session &session, const SentCommand &sent, bool async) {
         throw confirmationFailure(*event, *event->view().command());
     }
     if (sent.expects_answer) {
-        delivery.answer = awaitAnswer(session, sent.command, delivery.confirmation);
+        delivery.answer = std::make_unique<const Json>(awaitAnswer(session, sent.command, delivery.confirmation));
         delivery.answered_ms = millisecondsSince(start);
     }
     return delivery;
@@ -186,15 +186,15 @@ void report(Session &session, const SentCommand &sent, const Delivery &delivery)
     json["endpoint"] = sent.command.dest_ep;
     json["confirmed_ms"] = static_cast<int>(delivery.confirmed_ms);
     std::string text = fmt::format("{} in {:.0f} ms", paint(Colour::Green, "delivered"), delivery.confirmed_ms);
-    if (!delivery.answer.is_null()) {
-        json["answer"] = delivery.answer;
+    if (delivery.answer != nullptr) {
+        json["answer"] = *delivery.answer;
         json["answered_ms"] = static_cast<int>(delivery.answered_ms);
-        text +=
-            fmt::format(", answer in {:.0f} ms: {}", delivery.answered_ms, delivery.answer["text"].get<std::string>());
-        if (const auto status = failureStatus(delivery.answer)) {
+        text += fmt::format(", answer in {:.0f} ms: {}", delivery.answered_ms,
+                            delivery.answer->at("text").get<std::string>());
+        if (const auto status = failureStatus(*delivery.answer)) {
             Failure failure(Exit::Refused,
                             fmt::format("{} refused: {}", hexUpper(sent.command.dest_node),
-                                        delivery.answer["text"].get<std::string>()),
+                                        delivery.answer->at("text").get<std::string>()),
                             *status, std::string(zclStatusName(*status)));
             failure.details = json;
             throw failure;

@@ -3,6 +3,7 @@
 // One command to a device and what becomes of it: the confirmation of the radio, then the answer of the device.
 #pragma once
 #include "corvanectl_session.h"
+#include <memory>
 
 namespace corvane::ctl {
 
@@ -14,9 +15,9 @@ struct SentCommand {
 };
 
 struct Delivery {
-    const char *confirmation = ""; // name of the event
-    Json answer;                   // null when none is expected
-    double confirmed_ms = 0;       // after handing over
+    const char *confirmation = "";      // name of the event
+    std::unique_ptr<const Json> answer; // null when none is expected
+    double confirmed_ms = 0;            // after handing over
     double answered_ms = 0;
 };
 

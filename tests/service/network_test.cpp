@@ -375,7 +375,7 @@ TEST_F(NetworkTest, Queries) {
 TEST_F(NetworkTest, NodePagesAndLookUps) {
     const auto page = [](uint32_t start, size_t size) {
         Bytes payload(size);
-        memcpy(payload.data(), &start, 4);
+        memcpy(payload.data(), &start, std::min<size_t>(size, 4));
         const auto result = callSync(ORU_ZB_SVC_GET_CONN_NODES, payload);
         uint32_t next = 0;
         memcpy(&next, result.payload.data(), std::min<size_t>(4, result.payload.size()));

@@ -18,6 +18,7 @@
 #include "zb_util.h"
 #include "zb_zdo.h"
 #include "zb_zts.h"
+#include <algorithm>
 #include <array>
 #include <chrono>
 #include <cstring>
@@ -35,7 +36,7 @@ Bytes bytesOf(const T &record) {
 template <typename T>
 T recordOf(const Bytes &bytes) {
     T record{};
-    memcpy(&record, bytes.data(), std::min(bytes.size(), sizeof record));
+    std::copy_n(bytes.begin(), std::min(bytes.size(), sizeof record), reinterpret_cast<uint8_t *>(&record));
     return record;
 }
 inline Bytes operator+(Bytes a, const Bytes &b) {

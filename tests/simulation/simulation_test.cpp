@@ -15,6 +15,7 @@
 #include "zb_timer.h"
 #include "zb_util.h"
 #include "zb_zts.h"
+#include <algorithm>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -122,7 +123,7 @@ public:
     int32_t sync(uint16_t function, Bytes payload) {
         oru_status_t result = INT32_MIN;
         alignas(8) uint8_t buffer[4096] = {};
-        memcpy(buffer, payload.data(), payload.size());
+        std::copy(payload.begin(), payload.end(), buffer);
         oruZb_msgData_t msg{};
         msg.msg_type = static_cast<oruZb_msgType_t>(function);
         msg.msg_data_ptr = buffer;
@@ -437,6 +438,10 @@ Footprint footprint() {
     return f;
 }
 
+// Present in sanitized builds, which keep freed memory back on purpose.
+extern "C" __attribute__((weak)) void __asan_init();
+extern "C" __attribute__((weak)) void __tsan_init();
+
 TEST(SimulationTest, ThirtyDaysWithAHundredDevicesStayFlat) {
     Simulation home(100, 7);
     home.permit(true);
@@ -474,7 +479,9 @@ TEST(SimulationTest, ThirtyDaysWithAHundredDevicesStayFlat) {
     EXPECT_EQ(after.threads, before.threads);
     EXPECT_EQ(after.timers, before.timers);
     EXPECT_EQ(after.semaphores, before.semaphores);
-    EXPECT_LT(after.resident_kib, before.resident_kib + 2048);
+    if (__asan_init == nullptr && __tsan_init == nullptr) {
+        EXPECT_LT(after.resident_kib, before.resident_kib + 2048);
+    }
     RecordProperty("resident_kib_before", static_cast<int>(before.resident_kib));
     RecordProperty("resident_kib_after", static_cast<int>(after.resident_kib));
 }

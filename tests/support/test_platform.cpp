@@ -184,7 +184,7 @@ std::vector<uint8_t> copyOf(const void *data, size_t size) {
 Result call(oruOipc_dataType_t type, uint16_t function, std::vector<uint8_t> payload, uint16_t client,
             uint16_t callback) {
     alignas(8) uint8_t buffer[4096] = {};
-    memcpy(buffer, payload.data(), std::min(payload.size(), sizeof buffer));
+    std::copy_n(payload.begin(), std::min(payload.size(), sizeof buffer), buffer);
     auto length = static_cast<uint32_t>(payload.size());
     uint32_t status = 0;
     oruOipc_parameter_t task{client, type, function, 0, &length, &status, buffer, callback};

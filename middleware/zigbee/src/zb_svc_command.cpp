@@ -29,7 +29,8 @@ namespace {
 constexpr uint16_t ZIGBEE_LIGHT_LINK_PROFILE = 0xC05E;
 constexpr uint16_t HOME_AUTOMATION_PROFILE = 0x0104;
 
-// A client may set any time-out; the wait is cut into slices so that a termination signal is seen meanwhile.
+// A client may set any time-out; the wait is cut into slices so that a termination signal is seen meanwhile and the
+// HAL gets its turns: with its events on this thread, no confirmation could return a token otherwise.
 constexpr uint32_t WAIT_SLICE_MS = 500;
 
 // Guards the handle zb_throttle_sem and "read the count, compare, post" against a change of the burst size. A leaf.
@@ -48,6 +49,7 @@ oru_status_t waitForToken(oruSemaphore_t sem, uint32_t timeout_ms) {
         if (status != ORU_STATUS_TIMEOUT || timeout_ms == 0 || terminated != 0) {
             return status;
         }
+        (void)oruZbHal_processAction();
     }
 }
 
