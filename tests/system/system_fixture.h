@@ -189,11 +189,13 @@ public:
                eventually([&] { return client.adapterState().value == ORU_ZB_ADAPTER_SERVICE_READY; }) &&
                client.permitJoin(true).ok();
     }
-    corvane::Client client;
 
 private:
     const Daemon &daemon_;
     std::mutex mutex_;
     std::map<uint64_t, oruZb_device_t> discovered_;
     std::map<uint16_t, int> counts_;
+
+public:
+    corvane::Client client; // last: its handlers use what is above
 };
