@@ -37,7 +37,7 @@ struct Options {
 
 // Ends the layer's threads, drops adapter, queue, refusals and callbacks, and takes new options. Afterwards
 // oruZbHal_init may be called again. No other thread may be inside the layer.
-void reset(Options options);
+void reset(const Options &options);
 
 // Reports as if they came from the radio. The state of the mesh does not change. EUI-64s least significant byte first.
 void injectStackStatus(oruZbHal_stackStatus_t status);

@@ -6,7 +6,7 @@
 
 namespace corvane::zbhal::testing {
 
-void reset(Options options) {
+void reset(const Options &options) {
     hal().restart(options);
 }
 

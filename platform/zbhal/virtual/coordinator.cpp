@@ -36,7 +36,7 @@ CoordinatorRadio::CoordinatorRadio(const Scenario &scenario, const AdapterSettin
     }
     std::reverse_copy(scenario_.coordinator.eui64.begin(), scenario_.coordinator.eui64.end(), info_.eui64);
     info_.capabilities = kCoordinatorCapabilities;
-    addEndpoint({1, 0x0104, 7, 1, kInputClusters, kOutputClusters});
+    CoordinatorRadio::addEndpoint({1, 0x0104, 7, 1, kInputClusters, kOutputClusters});
 }
 
 // ---------------------------------------------------------------- states

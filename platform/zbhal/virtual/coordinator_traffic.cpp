@@ -211,7 +211,7 @@ void CoordinatorRadio::concludeInterpan(PendingInterpan &pending, oru_status_t s
 
 int8_t CoordinatorRadio::energyOf(uint8_t channel) {
     const int8_t configured = scenario_.energy_dbm[channel - 11U];
-    const int level = configured != 0 ? configured : kQuietDbm;
+    const int level = configured != 0 ? int{configured} : kQuietDbm; // NOLINT(bugprone-signed-char-misuse,cert-str34-c)
     const int interference = static_cast<int>(air_.spec().interference * 30.0);
     return static_cast<int8_t>(level + interference + static_cast<int>(random_.below(5)));
 }

@@ -150,7 +150,7 @@ Admission Mesh::attemptJoin(size_t index) {
     const uint16_t parent =
         link.parent == kCoordinator ? kCoordinatorNode : nodes_[static_cast<size_t>(link.parent)].node_id;
     const bool child = link.parent == kCoordinator && node.device.spec().role != Role::router;
-    const Admission admission = coordinator_.admit({node.device.spec(), parent, child});
+    Admission admission = coordinator_.admit({node.device.spec(), parent, child});
     const Eui64 &eui64 = node.device.spec().eui64;
     if (admission.verdict == Verdict::refused) {
         coordinator_.deviceReport(

@@ -90,15 +90,15 @@ std::string formatMemory(const Memory &memory) {
     const Network &network = memory.network;
     std::string text = std::string(kMagic) + "\n";
     char line[160];
-    std::snprintf(line, sizeof line, "network %04x %u %s %s %08x %d\n", network.pan_id, network.channel,
-                  hex(network.extended_pan_id.data(), 8).c_str(), hex(network.key.data(), 16).c_str(),
-                  network.channel_mask, network.power_dbm);
+    (void)std::snprintf(line, sizeof line, "network %04x %u %s %s %08x %d\n", network.pan_id, network.channel,
+                        hex(network.extended_pan_id.data(), 8).c_str(), hex(network.key.data(), 16).c_str(),
+                        network.channel_mask, network.power_dbm);
     text += line;
     for (const Member &member : memory.members) {
-        std::snprintf(line, sizeof line, "device %s %04x\n", hex(member.eui64.data(), 8).c_str(), member.node_id);
+        (void)std::snprintf(line, sizeof line, "device %s %04x\n", hex(member.eui64.data(), 8).c_str(), member.node_id);
         text += line;
     }
-    std::snprintf(line, sizeof line, "sum %016llx\n", static_cast<unsigned long long>(checksum(text)));
+    (void)std::snprintf(line, sizeof line, "sum %016llx\n", static_cast<unsigned long long>(checksum(text)));
     return text + line;
 }
 
