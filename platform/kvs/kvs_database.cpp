@@ -14,6 +14,7 @@
 namespace {
 
 constexpr int schema_version = 1;
+constexpr int schema_limit = 256; // no release will get that far: a higher number is damage, not progress
 
 constexpr const char *schema_sql =
     "BEGIN IMMEDIATE;"
@@ -134,11 +135,14 @@ kvsResult_t createOrCheckSchema(sqlite3 *connection, const std::string &path) {
     if (result.ok()) {
         result = queryText(connection, path, "SELECT count(*) FROM sqlite_master", tables);
     }
+    if ((result.code & 0xFF) == SQLITE_ERROR) { // nothing is wrong with the queries
+        return foreign(path, result.text);
+    }
     if (!result.ok()) {
         return result;
     }
     const long number = strtol(version.c_str(), nullptr, 10);
-    if (number > schema_version) {
+    if (number > schema_version && number < schema_limit) {
         return {KVS_NEWER_SCHEMA, "cannot use " + path + ": it was written by a newer release (schema " + version +
                                       ", this one knows up to " + std::to_string(schema_version) +
                                       "); install that release again or set another store.directory"};
@@ -176,12 +180,20 @@ kvsResult_t prepareStatements(kvsDatabase_t &database) {
     return {};
 }
 
-// SQLite takes an empty file for a new database and deletes its log; content that was cut off would vanish unseen.
+// SQLite takes a file that is empty, or as good as, for a new database and deletes its log; content that was cut off
+// would vanish unseen.
 bool wasEmptied(const std::string &path) {
+    constexpr off_t header_size = 100;
     struct stat file = {};
     struct stat log = {};
-    return stat(path.c_str(), &file) == 0 && file.st_size == 0 && stat((path + "-wal").c_str(), &log) == 0 &&
-           log.st_size > 0;
+    return stat(path.c_str(), &file) == 0 && file.st_size < header_size &&
+           (file.st_size > 0 || (stat((path + "-wal").c_str(), &log) == 0 && log.st_size > 0));
+}
+
+// SQLite reads, but does not write, a file whose header asks for a format it does not know; no release of ours wrote
+// such a one.
+bool hasStrangeFormat(sqlite3 *connection, const std::string &path) {
+    return sqlite3_db_readonly(connection, "main") == 1 && access(path.c_str(), W_OK) == 0;
 }
 
 // Moves the content of the log into the database file. When that fails (a full medium, a reader elsewhere) the log
@@ -194,10 +206,13 @@ kvsResult_t openAndCheck(kvsDatabase_t &database, int busy_timeout_ms) {
     const std::string &path = database.path;
     kvsResult_t result = kvsFile_create(path);
     if (result.ok() && wasEmptied(path)) {
-        return {SQLITE_CORRUPT, "cannot use " + path + ": it is empty although its log is not"};
+        return {SQLITE_CORRUPT, "cannot use " + path + ": its content was cut off"};
     }
     if (result.ok()) {
         result = kvsConnection_open(database.connection, path, SQLITE_OPEN_READWRITE);
+    }
+    if ((result.code & 0xFF) == SQLITE_ERROR) { // a format that SQLite does not know
+        return foreign(path, result.text);
     }
     if (!result.ok()) {
         return result;
@@ -205,6 +220,9 @@ kvsResult_t openAndCheck(kvsDatabase_t &database, int busy_timeout_ms) {
     sqlite3 *const connection = database.connection.get();
     (void)sqlite3_busy_timeout(connection, busy_timeout_ms);
     result = createOrCheckSchema(connection, path);
+    if (result.ok() && hasStrangeFormat(connection, path)) {
+        result = {SQLITE_CORRUPT, "cannot use " + path + ": its header is damaged"};
+    }
     if (result.ok()) {
         result = checkIntegrity(connection, path);
     }
@@ -263,20 +281,26 @@ int moveRecord(kvsDatabase_t &database, const unsound_t &record) {
     return removal.step();
 }
 
-// Best effort: the caller leaves the record out whether or not the move succeeds.
-void quarantine(kvsDatabase_t &database, const std::vector<unsound_t> &records) {
+int moveRecords(kvsDatabase_t &database, const std::vector<unsound_t> &records) {
     sqlite3 *const connection = database.connection.get();
+    int code = sqlite3_exec(connection, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr);
+    for (size_t i = 0; i < records.size() && (code == SQLITE_OK || code == SQLITE_DONE); i++) {
+        code = moveRecord(database, records[i]);
+    }
+    return code == SQLITE_DONE ? sqlite3_exec(connection, "COMMIT", nullptr, nullptr, nullptr) : code;
+}
+
+// Best effort: the caller leaves the records out whether or not the move succeeds. One transaction: there may be
+// thousands, and each one waits for the medium.
+void quarantine(kvsDatabase_t &database, const std::vector<unsound_t> &records) {
+    if (records.empty()) {
+        return;
+    }
+    const int code = moveRecords(database, records);
+    if (sqlite3_get_autocommit(database.connection.get()) == 0) {
+        (void)sqlite3_exec(database.connection.get(), "ROLLBACK", nullptr, nullptr, nullptr); // nothing changed then
+    }
     for (const unsound_t &record : records) {
-        int code = sqlite3_exec(connection, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr);
-        if (code == SQLITE_OK) {
-            code = moveRecord(database, record);
-        }
-        if (code == SQLITE_DONE) {
-            code = sqlite3_exec(connection, "COMMIT", nullptr, nullptr, nullptr);
-        }
-        if (sqlite3_get_autocommit(connection) == 0) {
-            (void)sqlite3_exec(connection, "ROLLBACK", nullptr, nullptr, nullptr); // nothing changed then
-        }
         oruLog_log(ORU_LOG_ID_MAIN, ORU_LOG_ERROR, kvs_log_tag,
                    "store: record \"%s\" is damaged (%s) and left out; %s table quarantine of %s", record.key.c_str(),
                    record.reason, code == SQLITE_OK ? "it was moved to" : "it could not be moved to",

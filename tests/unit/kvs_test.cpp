@@ -2,9 +2,12 @@
 // Behaviour of the key-value store on a sound file: contract, durability, faults of the medium, several threads.
 #include "kvs_fixture.h"
 #include "oru_log.h"
+#include "zb_database.h"
+#include <chrono>
 #include <cstdarg>
 #include <cstring>
 #include <fcntl.h>
+#include <iostream>
 #include <map>
 #include <mutex>
 #include <sys/file.h>
@@ -218,10 +221,11 @@ TEST_F(KvsTest, AcknowledgedValuesSurviveKill) {
 }
 
 // One run of operations while the medium misbehaves from write `first` on for `count` writes. The model is what a
-// caller may expect: set values are remembered in any case, a failed removal changes nothing.
-void runWithFaults(unsigned first, unsigned count, int code, std::map<std::string, std::string> &model) {
+// caller may expect: set values are remembered in any case, a failed removal changes nothing. Whether any call failed.
+bool runWithFaults(unsigned first, unsigned count, int code, std::map<std::string, std::string> &model) {
+    bool failed = false;
     const auto put = [&](const char *key, const std::string &value) {
-        (void)oruKeyValueDsHal_set(key, value.data(), value.size());
+        failed = oruKeyValueDsHal_set(key, value.data(), value.size()) != 0 || failed;
         model[key] = value;
     };
     oruKvsTesting_failWrites(first, count, code);
@@ -236,6 +240,7 @@ void runWithFaults(unsigned first, unsigned count, int code, std::map<std::strin
         model.erase("h.x");
     }
     put("g.c", "4");
+    return failed;
 }
 
 TEST_F(KvsTest, EveryRefusedWriteConvergesOnceTheMediumRecovers) {
@@ -248,12 +253,18 @@ TEST_F(KvsTest, EveryRefusedWriteConvergesOnceTheMediumRecovers) {
                 std::filesystem::create_directory(folder);
                 clearLog();
                 std::map<std::string, std::string> model;
-                runWithFaults(first, count, code, model);
+                const bool failed = runWithFaults(first, count, code, model);
                 const bool fired = oruKvsTesting_writesRefused() > 0;
                 for (const auto &[key, value] : model) {
                     EXPECT_EQ(get(key), value) << key;
                 }
+                names_seen.clear();
+                for (const char *group : {"g", "h"}) {
+                    (void)oruKeyValueDsHal_listKeys(group, [](const char *n) { return names_seen.emplace_back(n), 0; });
+                }
+                EXPECT_EQ(names_seen.size(), model.size());
                 EXPECT_LE(errorLines(), 4U) << "a line per change of condition, not per call";
+                EXPECT_TRUE(!failed || errorLines() > 0);
                 oruKvsTesting_failWrites(0, 0, SQLITE_OK);
                 (void)list("g"); // any operation writes what waits
                 restart();
@@ -308,7 +319,11 @@ TEST_F(KvsTest, ADeletedFileIsNoticedAndWritingGoesOn) {
     EXPECT_TRUE(logged("moved or deleted"));
     EXPECT_EQ(set("g.c", "3"), 0);
     restart();
-    EXPECT_EQ(list("g"), (Names{"b", "c"}));
+    std::string all;
+    for (const std::string &name : list("g")) {
+        all += name + get("g." + name);
+    }
+    EXPECT_EQ(all, "a1b2c3") << "the log of the deleted file was still there";
 }
 
 TEST_F(KvsTest, ThreadsMayMixAllOperations) {
@@ -329,4 +344,46 @@ TEST_F(KvsTest, ThreadsMayMixAllOperations) {
     }
     restart();
     EXPECT_EQ(list("g3"), (Names{"1", "2", "3", "4"}));
+}
+
+// Foreign records, sound ones in other groups and unsound ones among the devices: the service starts in time with all
+// of its devices and nothing else, and what was taken out of its group is kept.
+TEST_F(KvsTest, TheServiceFindsItsDevicesAmongTenThousandForeignKeys) {
+    constexpr int devices = 50, strangers = 5000;
+    const auto deviceOf = [](int i) {
+        oruZb_device_t device{};
+        device.node_id = static_cast<uint16_t>(100 + i);
+        device.device_info.eui64[7] = static_cast<uint8_t>(i);
+        device.device_info.endpoint_count = 1;
+        device.device_info.endpoints[0].endpoint = static_cast<uint8_t>(1 + i);
+        return device;
+    };
+    for (int i = 0; i < devices; i++) {
+        oruZb_device_t device = deviceOf(i);
+        ASSERT_EQ(oruZb_kvsAddOrUpdateDeviceInfo(&device), 0);
+    }
+    for (int i = 0; i < strangers; i++) {
+        ASSERT_EQ(set("zigbee2." + std::to_string(i), "sound"), 0);
+    }
+    restart();
+    sql("WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i+1 FROM n WHERE i<" + std::to_string(strangers) +
+        ") INSERT INTO records SELECT 'zigbee', 'stranger-'||i, randomblob(744), 0 FROM n");
+    const auto begin = std::chrono::steady_clock::now();
+    EXPECT_EQ(oruZb_databaseInit(), 0);
+    const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - begin);
+    std::cout << "loaded in " << ms.count() << " ms\n";
+    EXPECT_LT(ms.count(), 30'000);
+    EXPECT_EQ(oruZb_databaseGetDeviceCount(), unsigned(devices));
+    for (int i = 0; i < devices; i++) {
+        const oruZb_device_t expected = deviceOf(i);
+        oruZb_device_t found{};
+        EXPECT_EQ(oruZb_databaseGetDeviceByEui64(expected.device_info.eui64, &found), 0);
+        EXPECT_EQ(memcmp(&found, &expected, sizeof found), 0) << i;
+    }
+    EXPECT_TRUE(logged("\"zigbee.stranger-1\"") && logged("\"zigbee.stranger-5000\""));
+    EXPECT_EQ(oruZb_databaseDeInit(), 0);
+    EXPECT_EQ(oruMutex_delete(device_list_mutex), 0);
+    EXPECT_EQ(list("zigbee2").size(), size_t(strangers));
+    restart();
+    EXPECT_EQ(sql("SELECT count(*) FROM quarantine"), std::to_string(strangers));
 }
