@@ -118,7 +118,8 @@ TEST_F(CommandTest, EleventhSendWaitsAndGoesOut) {
 TEST_F(CommandTest, RefusedSendsLeakNothing) {
     hal::setResult("sendZclUnicast", 166);
     for (int i = 0; i < 150; ++i) { // more than the pool has items
-        throttle_sem_timeout_ms = 0;
+        // With nothing in flight no token can come back: even the longest time-out ends soon.
+        throttle_sem_timeout_ms = i < 140 ? 0 : 0xFFFFFFFF;
         (void)callAsync(ORU_ZB_SVC_SEND_CLUSTER_CMD_ASYNC, bytesOf(toggle(0x1001)));
     }
     EXPECT_EQ(ipc::callbacks().size(), 150U);
@@ -126,6 +127,7 @@ TEST_F(CommandTest, RefusedSendsLeakNothing) {
     EXPECT_TRUE(ipc::events().empty());
     EXPECT_EQ(openTransactions(), 0U);
     EXPECT_EQ(tokens(), 0U); // kept: the window refills with later confirmations
+    throttle_sem_timeout_ms = 0;
     hal::setResult("sendZclUnicast", 0);
     for (int i = 0; i < 10; ++i) {
         (void)callAsync(ORU_ZB_SVC_SEND_CLUSTER_CMD_ASYNC, bytesOf(toggle(0x1001)));

@@ -94,6 +94,7 @@ protected:
         while (discovery_list_head.slh_first != nullptr) { // left behind on purpose by shut-down
             (void)oruZb_deleteFromDiscoveryList(discovery_list_head.slh_first->device.device_info.eui64);
         }
+        (void)oruSem_delete(zb_throttle_sem); // lives as long as the process otherwise
         adapter_state = ORU_ZB_ADAPTER_OFF;
         up_ = false;
     }

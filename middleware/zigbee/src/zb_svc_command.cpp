@@ -31,22 +31,33 @@ constexpr uint16_t HOME_AUTOMATION_PROFILE = 0x0104;
 
 // A client may set any time-out; the wait is cut into slices so that a termination signal is seen meanwhile and the
 // HAL gets its turns: with its events on this thread, no confirmation could return a token otherwise.
-constexpr uint32_t WAIT_SLICE_MS = 500;
+constexpr uint32_t WAIT_SLICE_MS = 20;
 
 // Guards the handle zb_throttle_sem and "read the count, compare, post" against a change of the burst size. A leaf.
 std::mutex throttle_mutex;
+
+// Sends that the HAL has taken and not confirmed yet; HAL context and main thread.
+std::atomic<uint32_t> sends_in_flight{0};
+
+void sendHasEnded() {
+    uint32_t count = sends_in_flight;
+    while (count > 0 && !sends_in_flight.compare_exchange_weak(count, count - 1)) {
+    }
+}
 
 oruSemaphore_t throttleSem() {
     const std::lock_guard lock(throttle_mutex);
     return zb_throttle_sem;
 }
 
+// Without a send in flight no confirmation is due and no token can come back, refused sends have kept them all: a long
+// time-out would then hold up everybody for nothing.
 oru_status_t waitForToken(oruSemaphore_t sem, uint32_t timeout_ms) {
     for (;;) {
         const uint32_t slice = std::min(timeout_ms, WAIT_SLICE_MS);
         const oru_status_t status = oruSem_waitTimeout(sem, slice);
         timeout_ms -= slice;
-        if (status != ORU_STATUS_TIMEOUT || timeout_ms == 0 || terminated != 0) {
+        if (status != ORU_STATUS_TIMEOUT || timeout_ms == 0 || terminated != 0 || sends_in_flight == 0) {
             return status;
         }
         (void)oruZbHal_processAction();
@@ -193,6 +204,7 @@ void oruZb_throttleInit() {
         ZB_LOG_ERROR("%s: %s(): throttle sem create failed, status = %d", ZB_SVC, __func__, status);
         exit(EXIT_FAILURE);
     }
+    sends_in_flight = 0;
     const std::lock_guard lock(throttle_mutex);
     zb_throttle_sem = sem;
 }
@@ -218,9 +230,11 @@ oru_status_t oruZb_throttledSend(oruZb_clusterCmd_t *cluster_cmd, oruZbHal_apsFr
     takeToken();
     (void)oruZb_dumpPacket(">> ", cluster_cmd);
     oruZb_incApiTxCount();
+    ++sends_in_flight; // the confirmation may come before the call returns
     const oru_status_t status = oruZbHal_sendZclUnicast(cluster_cmd->dest_node, aps_frame, cluster_cmd->payload,
                                                         cluster_cmd->payload_len, oruZb_cmdSentCallback, cfmId);
     if (status != ORU_STATUS_OK) {
+        sendHasEnded();
         char text[32];
         (void)snprintf(text, sizeof text, "0x%02x", static_cast<unsigned>(status));
         ZB_LOG_INFO("%s: zb_tx_failure, device info:%s", ZB_METRICS, text);
@@ -270,6 +284,7 @@ void oruZb_cmdSentCallback(oruZbHal_outgoingMessageType_t type, uint16_t index_o
     if (!pass) {
         return;
     }
+    sendHasEnded();
     if (aps_frame == nullptr) {
         ZB_LOG_ERROR("%s: %s: NULL pointer passed", ZB_SVC, __func__);
         return;
