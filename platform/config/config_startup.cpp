@@ -7,6 +7,7 @@
 #include "oru_init.h"
 #include "oru_log_setup.h"
 #include <cerrno>
+#include <csignal>
 #include <cstring>
 #include <fcntl.h>
 #include <new>
@@ -94,8 +95,10 @@ oru_status_t applyLogSettings(const oruConfig_t &config) {
 }
 
 // The folders first: the log file may be meant to lie in one of them. All are tried, so that every mistake is named
-// at the first start.
+// at the first start. Whoever reads standard output and error may go away, which is no reason to die: writing there
+// fails instead, and so it must before anything is written.
 oru_status_t startUp() {
+    (void)std::signal(SIGPIPE, SIG_IGN);
     const oruConfig_t &config = oruConfig_get();
     const folder_t state = {config.state_directory, 0700, "store.directory"};
     const folder_t runtime = {config.runtime_directory, 0755, "ipc.directory"};

@@ -43,6 +43,7 @@ public:
     explicit Daemon(std::string event_mode = "descriptor") : event_mode_(std::move(event_mode)) {
         char name[] = "/tmp/corvane-system.XXXXXX";
         folder_ = mkdtemp(name);
+        log = "sink = \"file\"\nfile = \"" + folder_ + "/log\"\n";
         std::filesystem::create_directory(folder_ + "/run");
         std::filesystem::create_directory(folder_ + "/state");
         scenario = routers(6);
@@ -60,26 +61,29 @@ public:
     Daemon(const Daemon &) = delete;
     Daemon &operator=(const Daemon &) = delete;
 
-    std::string scenario, config; // texts of the two files; config beside the paths and the log
+    std::string scenario, config;   // texts of the two files; config beside the log and the radio
+    std::string log, radio;         // settings of those two tables, radio beside the event mode
+    std::function<void()> in_child; // runs in the daemon's process before it becomes the daemon
     std::vector<std::string> arguments{"-p", "virtual:scenario.toml"};
 
-    // A mesh of routers d0, d1, ... with one on/off endpoint each, quick on the air.
-    static std::string routers(int count) {
+    // A mesh of routers d0, d1, ... with one on/off endpoint each, quick on the air; `more` is added to each.
+    static std::string routers(int count, const std::string &more = {}) {
         std::ostringstream text;
         text << "name = \"test\"\nseed = 3\nspeed = 20.0\n[coordinator]\nstartup_ms = 5\nform_ms = 10\n"
                 "[air]\ndelay_ms = 1\njitter_ms = 0\n";
         for (int i = 0; i < count; ++i) {
             text << "[[device]]\nname = \"d" << i << "\"\neui64 = \"02:00:00:ff:fe:00:01:" << (i < 10 ? "0" : "") << i
                  << "\"\nrole = \"router\"\n[[device.endpoint]]\nid = 1\ndevice_id = 0x0100\n"
-                    "input_clusters = [\"basic\", \"on_off\"]\n";
+                    "input_clusters = [\"basic\", \"on_off\"]\n"
+                 << more;
         }
         return text.str();
     }
 
     pid_t start() {
         write("scenario.toml", scenario);
-        write("corvane.toml", "version = 1\n[log]\nsink = \"file\"\nfile = \"" + folder_ +
-                                  "/log\"\n[radio]\nevent_mode = \"" + event_mode_ + "\"\n" + config);
+        write("corvane.toml",
+              "version = 1\n[log]\n" + log + "[radio]\nevent_mode = \"" + event_mode_ + "\"\n" + radio + config);
         pid_ = fork();
         if (pid_ == 0) {
             (void)!chdir(folder_.c_str());
@@ -89,6 +93,9 @@ public:
             const int output = open("output", O_CREAT | O_WRONLY | O_APPEND, 0600);
             dup2(output, 1);
             dup2(output, 2);
+            if (in_child) {
+                in_child();
+            }
             std::vector<char *> argv{const_cast<char *>(CORVANE_BINARY), const_cast<char *>("corvane.toml")};
             for (std::string &argument : arguments) {
                 argv.push_back(argument.data());

@@ -1,0 +1,497 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Clients cannot hurt each other: whatever some of them do, the daemon keeps nothing of it and the others get their
+// answers and events.
+#include "oipc_wire.h"
+#include "system_fixture.h"
+#include <algorithm>
+#include <grp.h>
+#include <poll.h>
+#include <random>
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+using oipc::FrameType, oipc::Reason;
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool SANITIZED = true;
+#else
+constexpr bool SANITIZED = false;
+#endif
+
+Bytes frame(FrameType type, uint16_t id, const Bytes &payload = {}, uint16_t callback_id = 0) {
+    const auto header = oipc::encodeHeader(
+        {.type = type, .id = id, .callback_id = callback_id, .payload_length = static_cast<uint32_t>(payload.size())});
+    Bytes bytes(header.size() + payload.size());
+    std::ranges::copy(payload, std::ranges::copy(header, bytes.begin()).out);
+    return bytes;
+}
+
+oruZb_clusterCmd_t toggle(uint16_t node_id) {
+    oruZb_clusterCmd_t cmd{};
+    cmd.dest_node = node_id;
+    cmd.cluster_id = 0x0006;
+    cmd.profile_id = 0x0104;
+    cmd.dest_ep = cmd.src_ep = 1;
+    cmd.payload[0] = 0x01;
+    cmd.payload[2] = 2;
+    cmd.payload_len = 3;
+    return cmd;
+}
+
+// A client that speaks raw frames. Allocates nothing, so that it works in a forked child.
+class Raw {
+public:
+    explicit Raw(const std::string &path) : fd_(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0)) {
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
+        connected = ::connect(fd_, reinterpret_cast<sockaddr *>(&address), sizeof address) == 0;
+    }
+    ~Raw() { close(fd_); }
+    Raw(const Raw &) = delete;
+    Raw &operator=(const Raw &) = delete;
+
+    bool send(const Bytes &bytes) const {
+        return ::send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size());
+    }
+    bool receive(oipc::FrameHeader &header) const { // false: the connection has ended, or nothing came
+        std::array<uint8_t, oipc::MAX_FRAME> buffer{};
+        const auto size = static_cast<std::size_t>(std::max<ssize_t>(read(buffer), 0));
+        return oipc::decodeHeader(std::span(buffer).first(size), size, header) == Reason::None;
+    }
+    bool ended() const {
+        std::array<uint8_t, 1> byte{};
+        return read(byte) == 0;
+    }
+    bool connected;
+
+private:
+    ssize_t read(std::span<uint8_t> buffer) const {
+        pollfd entry{fd_, POLLIN, 0};
+        return poll(&entry, 1, 30000) > 0 ? recv(fd_, buffer.data(), buffer.size(), 0) : -1;
+    }
+    int fd_;
+};
+
+long statusOf(const Daemon &daemon, const std::string &key) {
+    std::ifstream in("/proc/" + std::to_string(daemon.pid()) + "/status");
+    for (std::string line; std::getline(in, line);) {
+        if (line.starts_with(key)) {
+            return atol(line.c_str() + key.size());
+        }
+    }
+    return -1;
+}
+
+std::pair<long, long> resourcesOf(const Daemon &daemon) { // descriptors, threads
+    const std::filesystem::directory_iterator folder("/proc/" + std::to_string(daemon.pid()) + "/fd");
+    return {std::distance(begin(folder), end(folder)), statusOf(daemon, "Threads:")};
+}
+
+using Latencies = std::vector<int64_t>; // of calls, in microseconds
+
+template <class Call>
+void measure(Latencies &values, Call call) {
+    const auto begin = Clock::now();
+    call();
+    values.push_back((Clock::now() - begin) / 1us);
+}
+
+// Prints the figures; none may be beyond what a client would notice as standing still.
+void judge(const char *what, Latencies &values) {
+    std::ranges::sort(values);
+    ASSERT_FALSE(values.empty());
+    std::cout << what << ": " << values.size() << " calls, p99 " << values[values.size() * 99 / 100] << " us, worst "
+              << values.back() << " us\n";
+    EXPECT_LT(values.back(), 5000000);
+}
+
+class ClientTest : public ::testing::Test {
+protected:
+    void begin(int devices = 1) {
+        daemon.start();
+        ASSERT_TRUE(listener.connect());
+        ASSERT_NO_FATAL_FAILURE(form(devices));
+    }
+    void form(int devices) {
+        ASSERT_TRUE(listener.formAndOpen());
+        for (int i = 0; i < devices; ++i) {
+            ASSERT_TRUE(daemon.simJoin(i));
+        }
+        ASSERT_TRUE(eventually([&] { return listener.count(ORU_ZB_SVC_DEVICE_DISCOVERED) == devices; }));
+        lamp = listener.client.deviceByIndex(0).value.node_id;
+        socket_path = daemon.path("run/corvane.sock");
+        before = resourcesOf(daemon);
+    }
+    // Nothing is left of clients that have gone: as many descriptors and threads as before, room for ten again.
+    void expectUnharmed() {
+        EXPECT_TRUE(eventually([&] { return resourcesOf(daemon) == before; }))
+            << ::testing::PrintToString(resourcesOf(daemon)) << ", had " << ::testing::PrintToString(before);
+        std::vector<std::unique_ptr<Listener>> nine;
+        for (int i = 0; i < 9; ++i) {
+            nine.push_back(std::make_unique<Listener>(daemon));
+            ASSERT_TRUE(nine.back()->connect()) << i;
+            EXPECT_EQ(nine.back()->client.serverPing().value, "spong");
+        }
+        EXPECT_TRUE(listener.client.connected());
+        EXPECT_TRUE(listener.client.sendCommand(toggle(lamp)).ok());
+        nine.clear();
+        EXPECT_EQ(daemon.end(SIGTERM), 0);
+    }
+
+    Daemon daemon;
+    Listener listener{daemon};
+    std::pair<long, long> before;
+    std::string socket_path;
+    uint16_t lamp = 0;
+    const char *seed = getenv("CORVANE_SEED");
+    std::mt19937 random{seed != nullptr ? static_cast<unsigned>(atoi(seed)) : 7U};
+};
+
+TEST_F(ClientTest, KilledBeforeDuringAndAfterCalls) {
+    ASSERT_NO_FATAL_FAILURE(begin());
+    std::atomic<bool> over{false};
+    std::atomic<int> asked{0}, answered{0}, calls{0};
+    Listener second(daemon);
+    ASSERT_TRUE(second.connect());
+    std::vector<std::jthread> callers;
+    for (corvane::Client *client : {&listener.client, &second.client}) {
+        callers.emplace_back([&, client] {
+            while (!over) {
+                EXPECT_EQ(client->ping().value, "pong");
+                EXPECT_EQ(client->serverPing().value, "spong");
+                EXPECT_TRUE(client->sendCommand(toggle(lamp)).ok());
+                ++calls;
+                asked += client->asyncPing([&](const auto &r) { answered += r.value == "apong" ? 1 : 0; }).ok() ? 1 : 0;
+            }
+        });
+    }
+    const oruZb_clusterCmd_t command = toggle(lamp);
+    Bytes record(sizeof command);
+    memcpy(record.data(), &command, sizeof command);
+    const std::vector<Bytes> frames = {
+        {},
+        frame(FrameType::SyncCall, ORU_ZB_SVC_SPING, Bytes(8)),
+        frame(FrameType::SyncCall, ORU_ZB_SVC_GET_CONN_NODES, Bytes(4 + 748)),
+        frame(FrameType::SyncCall, ORU_ZB_SVC_SEND_CLUSTER_CMD, record),
+        frame(FrameType::AsyncCall, ORU_ZB_SVC_SEND_CLUSTER_CMD_ASYNC, record, 0x9001),
+        frame(FrameType::AsyncCall, ORU_ZB_SVC_APING, {}, 0x9002),
+    };
+    constexpr int ROUNDS = 400;
+    for (int round = 0; round < ROUNDS; ++round) {
+        const Bytes &call = frames[random() % frames.size()];
+        const auto life = std::chrono::microseconds(random() % 4000);
+        const pid_t child = fork();
+        if (child == 0) {
+            const Raw raw(socket_path);
+            oipc::FrameHeader header;
+            while (raw.receive(header)) { // asks again when greeted or answered
+                const bool next = header.type != FrameType::Event && header.type != FrameType::Callback;
+                (void)(next && !call.empty() && raw.send(call));
+            }
+            pause();
+        }
+        std::this_thread::sleep_for(life);
+        kill(child, SIGKILL);
+        ASSERT_EQ(waitpid(child, nullptr, 0), child);
+    }
+    over = true;
+    callers.clear(); // joins
+    EXPECT_GT(calls, 10);
+    EXPECT_TRUE(eventually([&] { return answered == asked; })) << answered << " of " << asked;
+    std::cout << ROUNDS << " clients killed, " << 3 * calls + answered << " calls of the others answered\n";
+    second.client.disconnect();
+    expectUnharmed();
+}
+
+// Remembers all events from the forming of the network up to the first leaving of a device.
+struct Reader {
+    std::vector<std::string> events;  // the receive thread's until complete
+    std::map<uint16_t, uint8_t> last; // ZCL sequence number of the last report, by sender
+    int gaps = 0;                     // in those numbers
+    std::atomic<bool> complete{false};
+    corvane::Client client; // last: its handler uses what is above
+
+    explicit Reader(const corvane::Options &options) {
+        client.onEvent([this](const corvane::Event &event) { remember(event); });
+        EXPECT_TRUE(client.connect(options).ok() && client.start());
+    }
+    void remember(const corvane::Event &event) {
+        if (complete) {
+            return;
+        }
+        if (event.id == ORU_ZB_SVC_NETWORK_FORMED) {
+            events.clear();
+        }
+        events.push_back(std::to_string(event.id) + ":");
+        events.back().append(event.payload.begin(), event.payload.end());
+        if (const auto message = event.command(); message && event.id == ORU_ZB_SVC_INCOMING_MSG) {
+            const auto [known, first] = last.try_emplace(message->src_node, message->payload[1]);
+            gaps += !first && message->payload[1] != static_cast<uint8_t>(known->second + 1) ? 1 : 0;
+            known->second = message->payload[1];
+        }
+        complete = event.id == ORU_ZB_SVC_DEVICE_LEFT;
+    }
+};
+
+TEST_F(ClientTest, StoppedReadersCostTheOthersNothing) {
+    constexpr int DEVICES = 5; // ten reports per second each, 20 times as fast: 1000 events per second
+    daemon.scenario = Daemon::routers(DEVICES, "[[device.report]]\ncluster = \"on_off\"\nattribute = \"on_off\"\n"
+                                               "interval_ms = 100\n");
+    corvane::Options options;
+    options.socket_path = daemon.path("run/corvane.sock");
+    daemon.start();
+    ASSERT_TRUE(listener.connect());
+    std::vector<std::unique_ptr<Reader>> readers;
+    for (int i = 0; i < 6; ++i) {
+        readers.push_back(std::make_unique<Reader>(options));
+    }
+    ASSERT_NO_FATAL_FAILURE(form(DEVICES));
+    const Raw stopped[3] = {Raw(socket_path), Raw(socket_path), Raw(socket_path)};
+    const int first = listener.count(ORU_ZB_SVC_INCOMING_MSG);
+    const auto begin = Clock::now();
+    Latencies pings, server_pings;
+    const auto askFor = [&](std::chrono::milliseconds span) {
+        for (const auto end = Clock::now() + span; Clock::now() < end; std::this_thread::sleep_for(2ms)) {
+            measure(pings, [&] { EXPECT_EQ(listener.client.ping().value, "pong"); });
+            measure(server_pings, [&] { EXPECT_EQ(listener.client.serverPing().value, "spong"); });
+        }
+        return statusOf(daemon, "VmRSS:");
+    };
+    const long filled_kib = askFor(1500ms); // the queues of the stopped ones have had the time to fill
+    const long growth_kib = askFor(2500ms) - filled_kib;
+    const double seconds = std::chrono::duration<double>(Clock::now() - begin).count();
+    const int heard = listener.count(ORU_ZB_SVC_INCOMING_MSG) - first;
+    std::cout << heard / seconds << " events per second to each reader, " << growth_kib << " KiB more\n";
+    judge("ping", pings);
+    judge("server ping", server_pings);
+    oruZb_nodeInfo_t node{}; // its leaving ends the comparison
+    node.id = lamp;
+    node.device_info = listener.client.deviceByNodeId(lamp).value.device_info;
+    EXPECT_TRUE(listener.client.nodeLeave(node, nullptr).ok());
+    for (auto &reader : readers) {
+        ASSERT_TRUE(eventually([&] { return reader->complete.load(); }));
+        EXPECT_EQ(reader->client.droppedEvents(), 0U);
+        EXPECT_EQ(reader->gaps, 0);
+        EXPECT_TRUE(reader->events == readers[0]->events);
+    }
+    EXPECT_GT(heard, 400);
+    for (const Raw &raw : stopped) { // gets what the kernel had taken, then the end
+        oipc::FrameHeader header;
+        std::size_t kept = 0;
+        while (raw.receive(header)) {
+            ++kept;
+        }
+        EXPECT_TRUE(raw.ended());
+        EXPECT_LT(kept, 600U);
+    }
+    EXPECT_LT(growth_kib, SANITIZED ? 65536 : 512); // sanitizers keep freed memory
+}
+
+TEST_F(ClientTest, ConnectStorms) {
+    ASSERT_NO_FATAL_FAILURE(begin());
+    std::atomic<int> running{4}, refused{0}, greeted{0};
+    std::vector<std::jthread> storms;
+    for (int storm = 0; storm < 4; ++storm) {
+        storms.emplace_back([&, chance = std::mt19937(random())]() mutable {
+            std::vector<std::unique_ptr<Raw>> held;
+            for (int i = 0; i < 250; ++i) {
+                auto raw = std::make_unique<Raw>(socket_path);
+                EXPECT_TRUE(raw->connected);
+                const auto what = chance() % 5; // 0: gone at once
+                if (what == 1) {                // half a header, the greeting unread
+                    (void)raw->send(Bytes(chance() % 20, 0x43));
+                } else if (what == 2) { // a call, the answer unread
+                    (void)raw->send(frame(FrameType::SyncCall, ORU_ZB_SVC_SPING, Bytes(8)));
+                } else if (what == 3) { // stays for a while and says nothing
+                    held.push_back(std::move(raw));
+                } else if (what == 4) {
+                    oipc::FrameHeader header;
+                    EXPECT_TRUE(raw->receive(header));
+                    const bool in = header.type == FrameType::Hello;
+                    ++(in ? greeted : refused);
+                    EXPECT_TRUE(in || (header.type == FrameType::Refusal && header.status == ORU_STATUS_BUSY &&
+                                       header.id == static_cast<uint16_t>(Reason::TooManyClients) && raw->ended()));
+                }
+                if (held.size() == 6) {
+                    held.clear();
+                }
+            }
+            --running;
+        });
+    }
+    Latencies pings;
+    while (running > 0) {
+        measure(pings, [&] { EXPECT_EQ(listener.client.serverPing().value, "spong"); });
+        std::this_thread::sleep_for(1ms);
+    }
+    storms.clear(); // joins
+    std::cout << "1000 connects, " << greeted << " read the greeting, " << refused << " a refusal\n";
+    judge("server ping", pings);
+    EXPECT_GT(refused, 0);
+    EXPECT_GT(greeted, 0);
+    expectUnharmed();
+}
+
+// The payload of a call: of any size or of a record's, of any content or of small values.
+Bytes nonsense(std::mt19937 &chance) {
+    constexpr std::array<std::size_t, 14> SIZES = {0, 1, 4, 6, 8, 12, 22, 26, 32, 120, 132, 264, 748, 752};
+    Bytes bytes(chance() % 3 == 0 ? chance() % 4097 : SIZES[chance() % SIZES.size()]);
+    const auto limit = chance() % 2 == 0 ? 256U : 4U;
+    std::ranges::generate(bytes, [&] { return static_cast<uint8_t>(chance() % limit); });
+    return bytes;
+}
+
+TEST_F(ClientTest, EveryFunctionAtOnceWithNonsense) {
+    ASSERT_NO_FATAL_FAILURE(begin(3));
+    std::vector<std::unique_ptr<Listener>> clients;
+    for (int i = 0; i < 9; ++i) {
+        clients.push_back(std::make_unique<Listener>(daemon));
+        ASSERT_TRUE(clients.back()->connect());
+    }
+    std::atomic<int> calls{0}, taken_over{0}, unanswered{0};
+    std::vector<std::jthread> callers;
+    const auto end = Clock::now() + 2500ms;
+    for (auto &client : clients) {
+        callers.emplace_back([&, chance = std::mt19937(random()), speaker = &client->client]() mutable {
+            std::vector<uint8_t> out(4096);
+            while (Clock::now() < end) {
+                const auto functions = corvane::allFunctions();
+                const uint16_t id = functions[chance() % functions.size()];
+                const Bytes in = nonsense(chance);
+                const corvane::Outcome outcome =
+                    isValidSyncFunc(id) ? speaker->callSync(id, in, out) : speaker->callAsync(id, in, nullptr);
+                ++calls;
+                unanswered += outcome.answered() ? 0 : 1;
+                taken_over += outcome.ok() ? 1 : 0;
+            }
+        });
+    }
+    callers.clear(); // joins
+    std::cout << calls << " calls, " << taken_over << " with status 0\n";
+    EXPECT_EQ(unanswered, 0);
+    EXPECT_GT(taken_over, 100);
+    EXPECT_TRUE(daemon.alive());
+    EXPECT_TRUE(listener.client.serverPing().ok()); // "serror" while the radio is off
+    clients.clear();
+    // The radio may be off, forming, scanning or leaving: from off on, all is as after a start.
+    EXPECT_TRUE(eventually([&] {
+        (void)listener.client.disableRadio(nullptr);
+        std::this_thread::sleep_for(100ms);
+        return listener.client.adapterState().value == ORU_ZB_ADAPTER_OFF;
+    }));
+    EXPECT_TRUE(listener.client.setBurstSize(10).ok());
+    EXPECT_TRUE(listener.client.setThrottleTimeout(20ms).ok());
+    EXPECT_TRUE(listener.client.enableRadio(nullptr).ok());
+    EXPECT_TRUE(eventually([&] { return listener.up(); }));
+    if (listener.client.adapterState().value == ORU_ZB_ADAPTER_ON) {
+        EXPECT_TRUE(listener.client.formNetworkManual(15, nullptr).ok());
+    }
+    EXPECT_TRUE(eventually([&] { return listener.client.adapterState().value == ORU_ZB_ADAPTER_SERVICE_READY; }));
+    EXPECT_TRUE(listener.client.ztsDisable(nullptr).ok());
+    EXPECT_TRUE(listener.client.permitJoin(true).ok());
+    const int discovered = listener.count(ORU_ZB_SVC_DEVICE_DISCOVERED);
+    EXPECT_TRUE(daemon.simJoin(5));
+    EXPECT_TRUE(eventually([&] { return listener.count(ORU_ZB_SVC_DEVICE_DISCOVERED) > discovered; }));
+    for (const auto &[eui64, device] : listener.discovered()) {
+        lamp = device.node_id;
+    }
+    expectUnharmed();
+}
+
+TEST(AccessTest, OthersAreTurnedAwayUnlessAllowed) {
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "only root can become somebody else";
+    }
+    struct Row {
+        const char *allowed;
+        gid_t supplementary;
+        bool gets_in;
+    };
+    for (const Row &row : std::initializer_list<Row>{{"", 65534, false},
+                                                     {"users = [\"65533\"]\ngroups = [\"65533\"]\n", 65532, false},
+                                                     {"users = [\"65534\"]\n", 65532, true},
+                                                     {"groups = [\"65534\"]\n", 65532, true},
+                                                     {"groups = [\"65531\", \"65532\"]\n", 65532, true}}) {
+        SCOPED_TRACE(row.allowed);
+        Daemon daemon;
+        daemon.config = std::string("[ipc]\nsocket_mode = \"0666\"\n") + row.allowed;
+        ASSERT_EQ(chmod(daemon.path(".").c_str(), 0711), 0);
+        ASSERT_EQ(chmod(daemon.path("run").c_str(), 0755), 0);
+        daemon.start();
+        Listener listener(daemon);
+        ASSERT_TRUE(listener.connect());
+        const std::string socket_path = daemon.path("run/corvane.sock");
+        const pid_t child = fork();
+        if (child == 0) {
+            if (setgroups(1, &row.supplementary) != 0 || setgid(65534) != 0 || setuid(65534) != 0) {
+                _exit(100);
+            }
+            const Raw raw(socket_path);
+            oipc::FrameHeader header;
+            const bool told = raw.receive(header);
+            const bool in = told && header.type == FrameType::Hello;
+            const bool refused = told && header.type == FrameType::Refusal &&
+                                 header.id == static_cast<uint16_t>(Reason::NotAllowed) && raw.ended();
+            _exit(in ? 1 : refused ? 2 : raw.connected ? 3 : 4);
+        }
+        int status = 0;
+        ASSERT_EQ(waitpid(child, &status, 0), child);
+        EXPECT_TRUE(WIFEXITED(status));
+        EXPECT_EQ(WEXITSTATUS(status), row.gets_in ? 1 : 2);
+        const std::string line =
+            "(user 65534, process " + std::to_string(child) + ") refused: this user is not allowed";
+        EXPECT_EQ(daemon.said().find(line) != std::string::npos, !row.gets_in) << daemon.said();
+        EXPECT_EQ(listener.client.ping().value, "pong");
+    }
+}
+
+TEST_F(ClientTest, MalformedFramesEndTheirOwnConnectionOnly) {
+    const auto with = [](std::size_t offset, uint8_t value) { // a good call with one byte changed
+        Bytes bytes = frame(FrameType::SyncCall, ORU_ZB_SVC_PING, Bytes(8));
+        bytes[offset] = value;
+        return bytes;
+    };
+    std::vector<std::pair<Bytes, Reason>> rows = {
+        {Bytes(1, 0x43), Reason::ShortFrame},  {Bytes(19, 0x43), Reason::ShortFrame},
+        {Bytes(20), Reason::WrongMagic},       {with(0, 0x56), Reason::WrongMagic},
+        {with(1, 0), Reason::WrongMagic},      {with(2, 0), Reason::WrongVersion},
+        {with(2, 2), Reason::WrongVersion},    {with(3, 0), Reason::UnknownType},
+        {with(3, 9), Reason::UnknownType},     {with(3, 255), Reason::UnknownType},
+        {with(16, 7), Reason::LengthMismatch}, {with(16, 9), Reason::LengthMismatch},
+        {with(16, 0), Reason::LengthMismatch}, {with(17, 0x10), Reason::TooLong},
+        {with(19, 0xFF), Reason::TooLong},
+    };
+    for (const std::size_t size : {4097, 60000}) {
+        rows.emplace_back(frame(FrameType::SyncCall, ORU_ZB_SVC_PING, Bytes(size)), Reason::TooLong);
+    }
+    for (uint8_t type = 3; type <= 8; ++type) { // the service's own frames
+        for (const uint16_t id : {ORU_ZB_SVC_PING, ORU_ZB_SVC_APING, ORU_ZB_SVC_DEVICE_LEFT}) {
+            rows.emplace_back(frame(static_cast<FrameType>(type), id, Bytes(12), 0x9000), Reason::UnknownType);
+        }
+    }
+    ASSERT_NO_FATAL_FAILURE(begin());
+    for (std::size_t i = 0; i < rows.size(); ++i) {
+        SCOPED_TRACE(i);
+        const auto &[bytes, reason] = rows[i];
+        const Raw raw(socket_path);
+        ASSERT_TRUE(raw.send(frame(FrameType::SyncCall, ORU_ZB_SVC_SPING, Bytes(8)))); // answered all the same
+        ASSERT_TRUE(raw.send(bytes));
+        for (const FrameType expected : {FrameType::Hello, FrameType::SyncResult, FrameType::Refusal}) {
+            oipc::FrameHeader header;
+            ASSERT_TRUE(raw.receive(header));
+            ASSERT_EQ(header.type, expected);
+            if (expected == FrameType::Refusal) {
+                EXPECT_EQ(header.id, static_cast<uint16_t>(reason));
+                EXPECT_EQ(header.status, oipc::reasonInfo(reason).status);
+            }
+        }
+        EXPECT_TRUE(raw.ended());
+        EXPECT_EQ(listener.client.ping().value, "pong");
+    }
+    expectUnharmed();
+}
+
+} // namespace
