@@ -52,6 +52,11 @@ bool injectFrame(oruZbHal_nodeId_t source, const oruZbHal_apsFrame_t &aps_frame,
 // completions until the adapter is reset. Empty text on success.
 std::string refuseNext(const std::string &operation, uint32_t count, int32_t status);
 
+// Call number nth (from 1, 0: none) of all operations from now on is refused with status, a value other than 0. A
+// reset() forgets it.
+void refuseCall(uint64_t nth, int32_t status);
+uint64_t operationCalls(); // since refuseCall or reset
+
 // Keeps confirmations back; releasing delivers the ones kept.
 void holdConfirmations(bool hold);
 

@@ -158,6 +158,7 @@ void Hal::restart(const testing::Options &options) {
         name_.clear();
         adapter_name_.clear();
         refusals_ = {};
+        calls_ = refused_call_ = 0;
         options_ = options;
         options_.in_force = true;
     }
@@ -392,6 +393,9 @@ void Hal::indicate(const Indication &indication) {
 }
 
 std::optional<int32_t> Hal::takeRefusal(Operation operation) {
+    if (operation < Operation::confirmation && ++calls_ == refused_call_) {
+        return call_refusal_;
+    }
     Refusal &refusal = refusals_[static_cast<size_t>(operation)];
     if (refusal.count == 0) {
         return std::nullopt;
@@ -422,6 +426,18 @@ std::string Hal::refuseNext(const std::string &operation, uint32_t count, int32_
     const std::lock_guard lock(mutex_);
     refusals_[static_cast<size_t>(found - kOperationNames.begin())] = {count, status};
     return {};
+}
+
+void Hal::refuseCall(uint64_t nth, int32_t status) {
+    const std::lock_guard lock(mutex_);
+    calls_ = 0;
+    refused_call_ = nth;
+    call_refusal_ = status;
+}
+
+uint64_t Hal::operationCalls() {
+    const std::lock_guard lock(mutex_);
+    return calls_;
 }
 
 void Hal::hang(uint32_t milliseconds) {

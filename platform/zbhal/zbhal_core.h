@@ -40,6 +40,8 @@ public:
     void withAdapter(const std::function<void(Adapter &)> &work); // nothing when there is none
     size_t pendingIndications() const { return queue_.undelivered(); }
     uint32_t droppedIndications() const { return queue_.dropped(); }
+    void refuseCall(uint64_t nth, int32_t status);
+    uint64_t operationCalls();
 
     void indicate(const Indication &indication) override;
     bool reserve() override { return queue_.reserve(); }
@@ -66,11 +68,14 @@ private:
     AdapterSettings adapterSettings() const;
     void reportDrops();
 
-    std::mutex mutex_; // guards adapter_, name_, adapter_name_, refusals_
+    std::mutex mutex_; // guards adapter_, name_, adapter_name_, refusals_, calls_, refused_call_, call_refusal_
     std::unique_ptr<Adapter> adapter_;
     std::string name_;
     std::string adapter_name_; // the name that adapter_ was made for
     std::array<Refusal, static_cast<size_t>(Operation::count)> refusals_{};
+    uint64_t calls_ = 0;        // of all operations, since refuseCall
+    uint64_t refused_call_ = 0; // number of the call to refuse; 0: none
+    int32_t call_refusal_ = 0;
     testing::Options options_;
 
     const oruZbHal_callbacks_t *callbacks_ = nullptr; // set once by init

@@ -57,6 +57,14 @@ std::string refuseNext(const std::string &operation, uint32_t count, int32_t sta
     return hal().refuseNext(operation, count, status);
 }
 
+void refuseCall(uint64_t nth, int32_t status) {
+    hal().refuseCall(nth, status);
+}
+
+uint64_t operationCalls() {
+    return hal().operationCalls();
+}
+
 void holdConfirmations(bool hold) {
     hal().withAdapter([hold](Adapter &adapter) { adapter.holdConfirmations(hold); });
 }

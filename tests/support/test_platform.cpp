@@ -173,6 +173,7 @@ namespace {
 std::mutex mutex;
 std::vector<Event> published;
 std::vector<Callback> called_back;
+std::set<uint16_t> gone;
 oruOipc_serverConfig_t server{};
 oruOipc_Handler_t server_handle = 0;
 
@@ -225,16 +226,61 @@ Result sync(uint16_t function, std::vector<uint8_t> payload, uint16_t client) {
 Result async(uint16_t function, std::vector<uint8_t> payload, uint16_t client, uint16_t callback) {
     return call(ORU_OIPC_FUNCTION_ASYNC, function, std::move(payload), client, callback);
 }
+void disconnect(uint16_t client) {
+    {
+        const std::lock_guard lock(mutex);
+        gone.insert(client);
+    }
+    uint32_t length = 0, status = 0;
+    uint8_t buffer[8] = {};
+    oruOipc_parameter_t task{
+        client, ORU_OIPC_EVENT_UNICAST, 0, ORU_OIPC_EVENT_CLIENT_DISCONNECTED, &length, &status, buffer, 0};
+    (void)server.service_handler(&task);
+}
 } // namespace ipc
 
 // -------------------------------------------------------------------------------------------------------------- store
 namespace kvs {
 namespace {
-std::mutex mutex;
+std::mutex mutex; // guards content() too, but for tests that look into it
+bool failing = false;
+std::set<std::string> outdated_keys;
+
+bool refuses(const char *operation) {
+    const std::lock_guard lock(mutex);
+    return faults::hit(operation) || failing;
+}
+// A change of the keys that start with prefix.
+oru_status_t change(const char *operation, const std::string &prefix, const std::function<void()> &work) {
+    const bool refused = refuses(operation);
+    const std::lock_guard lock(mutex);
+    if (!refused) {
+        work();
+        std::erase_if(outdated_keys, [&](const std::string &key) { return key.rfind(prefix, 0) == 0; });
+        return 0;
+    }
+    if (prefix.back() != '.') {
+        outdated_keys.insert(prefix);
+    }
+    for (const auto &[key, value] : content()) {
+        if (key.rfind(prefix, 0) == 0) {
+            outdated_keys.insert(key);
+        }
+    }
+    return ORU_STATUS_GENERAL_ERROR;
+}
 } // namespace
 std::map<std::string, std::vector<uint8_t>> &content() {
     static auto *map = new std::map<std::string, std::vector<uint8_t>>;
     return *map;
+}
+void fail(bool on) {
+    const std::lock_guard lock(mutex);
+    failing = on;
+}
+std::set<std::string> outdated() {
+    const std::lock_guard lock(mutex);
+    return outdated_keys;
 }
 } // namespace kvs
 
@@ -247,6 +293,9 @@ void resetAll() {
     ipc::clear();
     log::clear();
     kvs::content().clear();
+    kvs::outdated_keys.clear();
+    kvs::failing = false;
+    ipc::gone.clear();
     const std::lock_guard lock(time::mutex);
     time::timers.clear();
 }
@@ -367,6 +416,9 @@ oru_status_t oruOipc_callback(oruOipc_Handler_t, oruOipc_nodeId_t client, const 
         return 0;
     }
     const std::lock_guard lock(ipc::mutex);
+    if (ipc::gone.contains(client)) {
+        return ORU_STATUS_NOT_FOUND;
+    }
     ipc::called_back.push_back(
         {client, callback->callback_id, ipc::copyOf(callback->parameters, callback->parameter_length)});
     return 0;
@@ -386,15 +438,11 @@ oru_status_t oruOipc_publishEvent(oruOipc_Handler_t, const oruOipc_eventParams_t
 
 // ------------------------------------------------------------------------------------------------------------ oru_kvs
 oru_status_t oruKeyValueDsHal_set(const char *key, const void *value, size_t value_size) {
-    if (faults::hit("oruKeyValueDsHal_set")) {
-        return ORU_STATUS_GENERAL_ERROR;
-    }
-    const std::lock_guard lock(testplat::kvs::mutex);
-    testplat::kvs::content()[key] = ipc::copyOf(value, value_size);
-    return 0;
+    return testplat::kvs::change("oruKeyValueDsHal_set", key,
+                                 [&] { testplat::kvs::content()[key] = ipc::copyOf(value, value_size); });
 }
 int32_t oruKeyValueDsHal_get(const char *key, void *buffer, size_t buffer_size) {
-    if (faults::hit("oruKeyValueDsHal_get")) {
+    if (testplat::kvs::refuses("oruKeyValueDsHal_get")) {
         return ORU_STATUS_GENERAL_ERROR;
     }
     const std::lock_guard lock(testplat::kvs::mutex);
@@ -403,19 +451,14 @@ int32_t oruKeyValueDsHal_get(const char *key, void *buffer, size_t buffer_size) 
         return ORU_STATUS_NOT_FOUND;
     }
     const size_t size = std::min(buffer_size, found->second.size());
-    memcpy(buffer, found->second.data(), size);
+    std::copy_n(found->second.begin(), size, static_cast<uint8_t *>(buffer));
     return static_cast<int32_t>(size);
 }
 oru_status_t oruKeyValueDsHal_remove(const char *key) {
-    if (faults::hit("oruKeyValueDsHal_remove")) {
-        return ORU_STATUS_GENERAL_ERROR;
-    }
-    const std::lock_guard lock(testplat::kvs::mutex);
-    testplat::kvs::content().erase(key);
-    return 0;
+    return testplat::kvs::change("oruKeyValueDsHal_remove", key, [&] { testplat::kvs::content().erase(key); });
 }
 oru_status_t oruKeyValueDsHal_listKeys(const char *group, oruKeyValueDsHal_listKeysCallback_t callback) {
-    if (faults::hit("oruKeyValueDsHal_listKeys")) {
+    if (testplat::kvs::refuses("oruKeyValueDsHal_listKeys")) {
         return ORU_STATUS_GENERAL_ERROR;
     }
     const std::string prefix = std::string(group) + ".";
@@ -436,13 +479,10 @@ oru_status_t oruKeyValueDsHal_listKeys(const char *group, oruKeyValueDsHal_listK
     return 0;
 }
 oru_status_t oruKeyValueDsHal_eraseGroup(const char *group) {
-    if (faults::hit("oruKeyValueDsHal_eraseGroup")) {
-        return ORU_STATUS_GENERAL_ERROR;
-    }
-    const std::lock_guard lock(testplat::kvs::mutex);
     const std::string prefix = std::string(group) + ".";
-    std::erase_if(testplat::kvs::content(), [&](const auto &entry) { return entry.first.rfind(prefix, 0) == 0; });
-    return 0;
+    return testplat::kvs::change("oruKeyValueDsHal_eraseGroup", prefix, [&] {
+        std::erase_if(testplat::kvs::content(), [&](const auto &entry) { return entry.first.rfind(prefix, 0) == 0; });
+    });
 }
 
 // ----------------------------------------------------------------------------------------------------------- oru_init

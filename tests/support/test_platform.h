@@ -14,6 +14,7 @@
 #include <functional>
 #include <map>
 #include <mutex>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -81,11 +82,15 @@ struct Result {
 };
 Result sync(uint16_t function, std::vector<uint8_t> payload, uint16_t client = 1);
 Result async(uint16_t function, std::vector<uint8_t> payload, uint16_t client = 1, uint16_t callback = 0x201);
+// The client goes away: the service's handler is told, and from then on no callback reaches it.
+void disconnect(uint16_t client);
 } // namespace ipc
 
 // ---- key-value store
 namespace kvs {
 std::map<std::string, std::vector<uint8_t>> &content();
+void fail(bool on);               // every operation fails, until told otherwise
+std::set<std::string> outdated(); // keys whose last change failed, whatever the reason
 } // namespace kvs
 
 // ---- radio (a library of its own, so that the virtual mesh can take its place)
