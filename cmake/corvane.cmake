@@ -19,6 +19,9 @@ if(CORVANE_SANITIZE)
         -fno-sanitize-recover=all)
     target_link_options(corvane_options INTERFACE -fsanitize=${CORVANE_SANITIZE})
 endif()
+if(CORVANE_FUZZ)
+    target_compile_options(corvane_options INTERFACE -fsanitize=fuzzer-no-link)
+endif()
 
 # corvane_layer(NAME SOURCES... LIBS...): one static library per platform layer.
 function(corvane_layer name)

@@ -1,0 +1,25 @@
+# SPDX-License-Identifier: Apache-2.0
+# corvane_fuzzer(NAME LIBS... INPUTS...): linked with libFuzzer it makes inputs up, otherwise it replays the kept ones,
+# which are those of corpus/NAME and the files in INPUTS.
+function(corvane_fuzzer name)
+    cmake_parse_arguments(ARG "" "" "LIBS;INPUTS" ${ARGN})
+    set(dir ${CMAKE_SOURCE_DIR}/tests/fuzz)
+    add_executable(fuzz_${name} ${dir}/fuzz_${name}.cpp)
+    target_link_libraries(fuzz_${name} PRIVATE ${ARG_LIBS} corvane_options)
+    target_compile_definitions(fuzz_${name} PRIVATE CORVANE_HOME_SCENARIO="${CMAKE_SOURCE_DIR}/scenarios/home.toml")
+    if(CORVANE_FUZZ)
+        target_link_options(fuzz_${name} PRIVATE -fsanitize=fuzzer)
+    else()
+        target_sources(fuzz_${name} PRIVATE ${dir}/replay_main.cpp)
+        add_test(NAME fuzz.${name} COMMAND fuzz_${name} ${dir}/corpus/${name} ${ARG_INPUTS})
+        set_tests_properties(fuzz.${name} PROPERTIES TIMEOUT 300)
+    endif()
+endfunction()
+
+corvane_fuzzer(config LIBS oru_config oru_log INPUTS ${CMAKE_SOURCE_DIR}/packaging/corvane.toml)
+corvane_fuzzer(store LIBS oru_kvs oru_config oru_log)
+corvane_fuzzer(scenario LIBS oru_zbhal oru_config oru_log INPUTS ${CMAKE_SOURCE_DIR}/scenarios/home.toml)
+corvane_fuzzer(device LIBS oru_zbhal oru_config oru_log)
+corvane_fuzzer(record LIBS corvane_test_radio corvane_test_platform GTest::gtest)
+corvane_fuzzer(air LIBS corvane_test_radio corvane_test_platform GTest::gtest)
+corvane_fuzzer(ipc LIBS corvane_service oru_zbhal oru_oipc oru_kvs oru_config oru_os oru_log)
