@@ -290,11 +290,11 @@ result_t readToEnd(FILE *file, std::string &text) {
 }
 
 result_t parseText(const std::string &text, parsed_t &parsed) {
-    const oruToml_refusal_t refusal = oruToml_refusal(text);
-    if (refusal.reason != nullptr) {
-        return problem_t{{refusal.line, refusal.column}, refusal.reason};
+    const oruToml_screened_t screened = oruToml_screen(text);
+    if (screened.reason != nullptr) {
+        return problem_t{{screened.line, screened.column}, screened.reason};
     }
-    const toml::parse_result result = toml::parse(std::string_view(text));
+    const toml::parse_result result = toml::parse(std::string_view(screened.text));
     if (!result) {
         return problem_t{result.error().source().begin, std::string(result.error().description())};
     }

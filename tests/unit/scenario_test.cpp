@@ -99,7 +99,7 @@ TEST(Scenario, FaultsAreNamedWithTheirPlace) {
         {"[[[", "f:1:"},
         {"a = " + std::string(100000, '['), "f:1:"},
         {"a" + std::string(5000, '.') + " = 1", "f:1:4098: more than 4096 full stops"},
-        {"name = \"\xff\xfe\"", "f:1:8: "},
+        {"name = \"\xff\xfe\"", "f:1:9: not a character in UTF-8"},
     };
     for (const auto &test : cases) {
         const std::string message = failure(test.text);

@@ -375,9 +375,9 @@ bool parseScenario(const std::string &text, const std::string &file, Scenario &s
     Scenario read;
     if (text.size() > kMaxFileSize) {
         fault.set({1, 1}, "a scenario must not be larger than 1 MiB");
-    } else if (const oruToml_refusal_t refusal = oruToml_refusal(text); refusal.reason != nullptr) {
-        fault.set({refusal.line, refusal.column}, refusal.reason);
-    } else if (const toml::parse_result parsed = toml::parse(text)) {
+    } else if (const oruToml_screened_t screened = oruToml_screen(text); screened.reason != nullptr) {
+        fault.set({screened.line, screened.column}, screened.reason);
+    } else if (const toml::parse_result parsed = toml::parse(std::string_view(screened.text))) {
         readScenario(parsed.table(), fault, read);
     } else {
         fault.set(parsed.error().source().begin, std::string(parsed.error().description()));
