@@ -141,6 +141,7 @@ TEST(CrashTest, NothingAnnouncedIsLostByKill) {
         daemon.start();
         Listener after(daemon);
         ASSERT_TRUE(after.connect());
+        ASSERT_TRUE(eventually([&] { return after.client.deviceCount().ok(); })); // calls are taken from then on
         for (const auto &[eui64, device] : expected) {
             corvane::Eui64 key{};
             memcpy(key.data(), device.device_info.eui64, key.size());
