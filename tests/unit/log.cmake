@@ -1,5 +1,3 @@
 # SPDX-License-Identifier: Apache-2.0
 find_package(spdlog REQUIRED)
-corvane_test(unit_log
-    SOURCES ${CMAKE_CURRENT_LIST_DIR}/log_test.cpp ${CMAKE_CURRENT_LIST_DIR}/log_allocations.cpp
-    LIBS oru_log spdlog::spdlog)
+corvane_test(unit_log SOURCES ${CMAKE_CURRENT_LIST_DIR}/log_test.cpp LIBS oru_log spdlog::spdlog)

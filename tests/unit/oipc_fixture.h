@@ -5,102 +5,172 @@
 #include "oipc_wire.h"
 #include "oru_config.h"
 #include "oru_oipc.h"
+#include <algorithm>
 #include <atomic>
-#include <chrono>
 #include <condition_variable>
+#include <cstring>
+#include <filesystem>
 #include <functional>
 #include <gtest/gtest.h>
-#include <map>
 #include <mutex>
-#include <optional>
+#include <poll.h>
 #include <string>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <thread>
+#include <unistd.h>
 #include <vector>
 
 namespace oipc_test {
 
 using Payload = std::vector<uint8_t>;
-constexpr auto PATIENCE = std::chrono::seconds(30); // far beyond what anything here takes
+using oipc::FrameType;
+constexpr auto PATIENCE = std::chrono::milliseconds(30000); // far beyond what anything here takes
 
-// Functions of the test service.
+// Functions of the test service; all others do what `custom` does.
 enum : uint16_t {
-    ECHO = 1,   // payload goes back unchanged
-    BLOCK = 2,  // waits until the gate opens, returns `blocked_result`
-    CUSTOM = 3, // what `custom` does
+    ECHO = 1000, // payload goes back unchanged
+    BLOCK,       // waits until the gate opens
+    CUSTOM,
 };
-
-class Service {
-public:
-    Service();
-    ~Service();
-
-    oru_status_t start(uint32_t max_clients = 10);
-    void stop();
-
-    void openGate();
-    bool waitForBlocked(int count); // that many calls wait at the gate
-    bool waitForEvent(uint16_t event, int count);
-    bool waitForLog(const std::string &text);
-    int countLog(const std::string &text);
-    int countEvent(uint16_t event);
-
-    oru_status_t callback(uint16_t client, uint16_t callback_id, const Payload &payload);
-    oru_status_t publish(uint16_t event_id, const Payload &payload);
-
-    std::string directory;
-    std::string path;
-    oruOipc_Handler_t handle = 0;
-    std::function<oru_status_t(oruOipc_parameter_t &)> custom; // set before clients call
-    oru_status_t blocked_result = ORU_STATUS_OK;
-
-    oru_status_t handleCall(oruOipc_parameter_t &task);
-    void log(const std::string &line);
-
-private:
-    template <class Predicate>
-    bool waitUntil(Predicate predicate);
-    oru_status_t block();
-
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    bool gate_open_ = false;
-    int blocked_ = 0;
-    std::map<uint16_t, int> events_;
-    std::vector<std::string> lines_;
-};
-
-struct RawFrame {
-    oipc::FrameHeader header;
-    Payload payload;
-    std::string text() const { return {payload.begin(), payload.end()}; }
-};
-
-class RawClient {
-public:
-    explicit RawClient(const std::string &path);
-    explicit RawClient(int fd) : fd_(fd) {}
-    ~RawClient() { close(); }
-    RawClient(RawClient &&other) noexcept : fd_(other.fd_) { other.fd_ = -1; }
-    RawClient(const RawClient &) = delete;
-
-    void close();
-    bool sendBytes(const Payload &bytes) const;
-    bool send(oipc::FrameHeader header, const Payload &payload = {}) const;
-    std::optional<RawFrame> receive() const; // nothing: the connection ended, or nothing came in time
-    bool ended() const;                      // the next thing to read is the end of the connection
-    std::optional<RawFrame> call(uint16_t function_id, const Payload &payload = {}) const;
-    uint16_t hello() const; // reads the greeting; 0 when something else came
-
-private:
-    int fd_;
-};
-
-// A listening socket of the test's own, to play the service.
-int listenAt(const std::string &path);
-int acceptFrom(int listener);
 
 class OipcTest : public testing::Test {
 protected:
-    Service service;
+    OipcTest() {
+        current = this;
+        useDirectory(directory);
+        config.service_uuid = ORU_OIPC_UUID_ZIGBEE;
+        config.service_handler = [](oruOipc_parameter_t *task) { return current->handleCall(*task); };
+        config.thread_option = ORU_OIPC_THREAD_NONBLOCKING;
+    }
+    ~OipcTest() override {
+        openGate();
+        stop();
+        std::filesystem::remove_all(directory);
+    }
+    static void useDirectory(const std::string &runtime_directory) {
+        oruConfig_t platform = oruConfig_defaults();
+        platform.runtime_directory = runtime_directory;
+        oruConfig_setForTesting(platform);
+    }
+    oru_status_t start() { return oruOipc_start(&handle, &config); }
+    void stop() { EXPECT_EQ(oruOipc_stop(&handle), handle != 0 ? ORU_STATUS_OK : ORU_STATUS_UNINITIALIZED); }
+    oru_status_t callback(uint16_t client, uint16_t callback_id, const Payload &payload) const {
+        const oruOipc_callbackParams_t parameters{ORU_OIPC_CALLBACK_ID, callback_id, payload.data(),
+                                                  static_cast<oruOipc_size_t>(payload.size())};
+        return oruOipc_callback(handle, client, &parameters);
+    }
+    oru_status_t publish(uint16_t event_id, const Payload &payload) const {
+        const oruOipc_eventParams_t event{event_id, payload.data(), static_cast<oruOipc_size_t>(payload.size())};
+        return oruOipc_publishEvent(handle, &event);
+    }
+    void openGate() {
+        const std::lock_guard lock(mutex_);
+        gate_open_ = true;
+        changed_.notify_all();
+    }
+    bool waitFor(const std::atomic<int> &value, int expected) {
+        std::unique_lock lock(mutex_);
+        return changed_.wait_for(lock, PATIENCE, [&] { return value == expected; });
+    }
+
+    std::string pattern = (std::filesystem::temp_directory_path() / "oipc-XXXXXX").string();
+    std::string directory = ::mkdtemp(pattern.data());
+    std::string path = directory + "/corvane.sock";
+    oruOipc_serverConfig_t config{};
+    oruOipc_Handler_t handle = 0;
+    std::function<oru_status_t(oruOipc_parameter_t &)> custom = [](auto &) { return ORU_STATUS_OK; };
+    std::atomic<int> connected{0}, disconnected{0}, blocked{0};
+
+private:
+    oru_status_t handleCall(oruOipc_parameter_t &task) {
+        if (task.type != ORU_OIPC_EVENT_UNICAST && task.function_id != BLOCK) {
+            return task.function_id == ECHO ? ORU_STATUS_OK : custom(task);
+        }
+        std::unique_lock lock(mutex_);
+        const bool call = task.type != ORU_OIPC_EVENT_UNICAST;
+        ++(call ? blocked : task.event_id == ORU_OIPC_EVENT_CLIENT_CONNECTED ? connected : disconnected);
+        changed_.notify_all();
+        changed_.wait(lock, [&] { return gate_open_ || !call; });
+        return call ? ORU_STATUS_CANCELED : ORU_STATUS_OK;
+    }
+
+    static inline OipcTest *current = nullptr;
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    bool gate_open_ = false;
+};
+
+struct RawFrame {
+    oipc::FrameHeader header{.type = FrameType{}}; // without a type: the connection has ended
+    Payload payload;
+};
+
+// A bound socket of the path's, connected or listening.
+template <class Join>
+int openSocket(const std::string &path, Join join) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
+    const int fd = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
+    EXPECT_EQ(join(fd, reinterpret_cast<const sockaddr *>(&address), socklen_t{sizeof address}), 0);
+    return fd;
+}
+
+// A listening socket of the test's own, to play the service.
+inline int listenAt(const std::string &path) {
+    const int fd = openSocket(path, ::bind);
+    EXPECT_EQ(::listen(fd, 4), 0);
+    return fd;
+}
+
+inline Payload frameOf(oipc::FrameHeader header, const Payload &payload = {}) {
+    header.payload_length = static_cast<uint32_t>(payload.size());
+    const auto encoded = oipc::encodeHeader(header);
+    Payload bytes(encoded.size() + payload.size());
+    std::ranges::copy(payload, std::ranges::copy(encoded, bytes.begin()).out);
+    return bytes;
+}
+
+class RawClient {
+public:
+    explicit RawClient(int fd) : fd_(fd) {}
+    explicit RawClient(const std::string &path) : fd_(openSocket(path, ::connect)) {}
+    ~RawClient() { ::close(fd_); }
+    RawClient(const RawClient &) = delete;
+    RawClient &operator=(const RawClient &) = delete;
+
+    int accept() const { return ::accept4(fd_, nullptr, nullptr, SOCK_CLOEXEC); }
+    void send(const Payload &frame) const {
+        EXPECT_EQ(::send(fd_, frame.data(), frame.size(), MSG_NOSIGNAL), std::ssize(frame));
+    }
+    RawFrame receive() const {
+        Payload bytes(oipc::MAX_FRAME);
+        pollfd entry{fd_, POLLIN, 0};
+        EXPECT_EQ(::poll(&entry, 1, static_cast<int>(PATIENCE.count())), 1) << "nothing came";
+        const ssize_t count = ::recv(fd_, bytes.data(), bytes.size(), MSG_DONTWAIT);
+        EXPECT_GE(count, 0) << "the connection was broken, not ended";
+        RawFrame frame;
+        if (count > 0) {
+            bytes.resize(static_cast<std::size_t>(count));
+            EXPECT_EQ(oipc::decodeHeader(bytes, bytes.size(), frame.header), oipc::Reason::None);
+            frame.payload.assign(bytes.begin() + oipc::HEADER_SIZE, bytes.end());
+        }
+        return frame;
+    }
+    RawFrame call(uint16_t function_id, const Payload &payload = {}) const {
+        send(frameOf({.type = FrameType::SyncCall, .id = function_id, .sequence = 77}, payload));
+        return receive();
+    }
+    uint16_t hello() const { // reads the greeting; 0 when something else came
+        oipc::Hello hello;
+        const RawFrame frame = receive();
+        const bool greeted = frame.header.type == FrameType::Hello && oipc::decodeHello(frame.payload, hello);
+        return greeted ? hello.client_id : uint16_t{0};
+    }
+
+private:
+    int fd_;
 };
 
 } // namespace oipc_test
