@@ -74,6 +74,7 @@ send lamp 9 => -10005)");
 TEST_P(HalTest, confirmationsComeExactlyOnce) {
     scenario_.devices = {device("a", 1), device("b", 2, mesh::Role::router, "a"),
                          device("c", 3, mesh::Role::sleepy_end_device)};
+    scenario_.devices[2].reports = {{1, 0x0006, 0x0000, 1000}};
     scenario_.air.loss = 0.2;
     scenario_.air.interference = 0.3;
     scenario_.air.max_in_flight = 12;
@@ -161,6 +162,10 @@ TEST_P(HalTest, adapterDescribesItself) {
     EXPECT_EQ(info.endpoints[0].cluster_count, 23);
     EXPECT_EQ(info.endpoints[1].device_id, 6);
     EXPECT_EQ(info.eui64[0], scenario_.coordinator.eui64[7]);
+    uint8_t version[2];
+    uint8_t count = 2;
+    EXPECT_EQ(oruZbHal_getFwVersion(version, &count), 0);
+    EXPECT_EQ(count, 2) << "never more than the capacity";
 }
 
 } // namespace zbhal_test
