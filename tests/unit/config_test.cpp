@@ -182,7 +182,7 @@ TEST_F(ConfigTest, UnusableFoldersStopTheStartWithOneLineEach) {
         {"/proc", "cannot be written: "}, // read-only for root as well
     };
     for (const auto &[path, reason] : cases) {
-        const std::string line = ".directory \"" + path + "\" " + reason;
+        const std::string line = std::string(".directory \"").append(path).append("\" ").append(reason);
         expectLine(start(path, folder, ORU_STATUS_GENERAL_ERROR), "store" + line);
         expectLine(start(folder, path, ORU_STATUS_GENERAL_ERROR), "ipc" + line);
     }

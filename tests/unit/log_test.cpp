@@ -70,7 +70,7 @@ protected:
     }
     Lines written(const std::string &suffix = "", const std::string &mark = "] ") const {
         const int descriptor = open((file.string() + suffix).c_str(), O_RDONLY);
-        const Lines lines = linesOf(descriptor, mark);
+        Lines lines = linesOf(descriptor, mark);
         close(descriptor);
         return lines;
     }

@@ -194,17 +194,18 @@ TEST_F(ClientTest, TimedOutCallDoesNotConfuseTheNext) {
 
 TEST_F(ClientTest, ManyThreadsShareOneClient) {
     connect();
+    const auto ask = [this](uint8_t thread) {
+        for (uint8_t i = 0; i < 100; ++i) {
+            Payload out(2);
+            EXPECT_TRUE(client.callSync(ECHO, Payload{thread, i}, out).ok());
+            EXPECT_EQ(out, (Payload{thread, i}));
+        }
+    };
     for (const bool own_thread : {false, true}) {
         EXPECT_EQ(own_thread && client.start(), own_thread);
         std::vector<std::jthread> threads;
         for (uint8_t t = 0; t < 6; ++t) {
-            threads.emplace_back([&, t] {
-                for (uint8_t i = 0; i < 100; ++i) {
-                    Payload out(2);
-                    EXPECT_TRUE(client.callSync(ECHO, Payload{t, i}, out).ok());
-                    EXPECT_EQ(out, (Payload{t, i}));
-                }
-            });
+            threads.emplace_back(ask, t);
         }
     }
     EXPECT_FALSE(client.start()) << "runs already";
@@ -316,7 +317,7 @@ TEST_F(ClientTest, AServiceThatTalksNonsenseLosesTheClient) {
     const RawClient listener(listenAt(path));
     for (const auto &[speech, expected] : rows) {
         Client fresh;
-        std::jthread played([&] {
+        std::jthread played([&, &speech = speech] {
             const RawClient peer(listener.accept());
             peer.send(frameOf({.type = FrameType::Hello}, {hello.begin(), hello.end()}));
             peer.receive(); // the call

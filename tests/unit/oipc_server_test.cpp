@@ -190,21 +190,22 @@ TEST_F(OipcTest, QueuedFramesKeepTheirOrderAndAFullQueueEndsTheConnection) {
 }
 
 TEST_F(OipcTest, EventsOfSeveralThreadsReachEveryClientInOneOrder) {
+    constexpr uint8_t THREADS = 4;
     constexpr uint8_t EACH = 50; // few enough for a reader that is not scheduled for a while
     ASSERT_EQ(start(), ORU_STATUS_OK);
     const RawClient one(path);
     const RawClient two(path);
     EXPECT_EQ(one.hello() + two.hello(), 1 + 2);
-    std::array<uint8_t, 4> next{};
+    std::array<uint8_t, THREADS> next{};
     std::vector<std::jthread> threads;
-    for (uint8_t t = 0; t < next.size(); ++t) {
+    for (uint8_t t = 0; t < THREADS; ++t) {
         threads.emplace_back([&, t] {
             for (uint8_t i = 0; i < EACH; ++i) {
                 EXPECT_EQ(publish(1025, {t, i}), ORU_STATUS_OK);
             }
         });
     }
-    for (std::size_t i = 0; i < next.size() * EACH; ++i) {
+    for (int i = 0; i < THREADS * EACH; ++i) {
         const Payload event = one.receive().payload;
         ASSERT_EQ(event.size(), 2U);
         EXPECT_EQ(event[1], next.at(event[0])++);

@@ -276,7 +276,7 @@ TEST(Timer, StartStopAndDeleteDecideUntilTheCallbackBegins) {
         EXPECT_EQ(oruTime_timerStop(&blocker.timer), ORU_STATUS_OK) << "must not wait for the running callback";
         EXPECT_EQ(oruTime_timerDelete(&blocker.timer), ORU_STATUS_OK);
     }
-    Blocker();
+    const Blocker after;
     EXPECT_EQ(rearmed.calls + kept.calls, 1 + 1);
     EXPECT_EQ(stopped.calls + postponed.calls + deleted.calls, 0);
     const auto armed = oruTime_testArmedTimers();
@@ -295,7 +295,7 @@ TEST(Timer, CallbackMayStopDeleteAndRestartItsOwnTimer) {
         Probe probe(action, type);
         probe.start(1);
         EXPECT_TRUE(eventually([&] { return probe.calls == 3; }));
-        Blocker();
+        const Blocker after;
         EXPECT_EQ(probe.calls, 3);
         EXPECT_TRUE(oruTime_testArmedTimers().empty());
     }
