@@ -56,22 +56,6 @@ private:
         const uint8_t n = input.u8();
         return n < 0xF0 ? known[n % std::size(known)] : input.u16();
     }
-    // A newcomer as it should be, so that what follows meets a device in every stage of its interrogation.
-    static void discover(const FakeDevice &device, uint8_t stages) {
-        device.join();
-        device.announce();
-        pump();
-        const std::function<void()> answers[] = {[&] {
-                                                     device.activeEndpoints({1, 2});
-                                                 },
-                                                 [&] { device.simpleDescriptor(1, {6}, {8}); },
-                                                 [&] { device.simpleDescriptor(2, {6}, {}); },
-                                                 [&] { device.nodeDescriptor(); }};
-        for (uint8_t i = 0; i < stages % 5; ++i) {
-            answers[i]();
-            pump();
-        }
-    }
     void step(fuzz::Input &input) {
         switch (input.u8() % 14) {
         case 0:
@@ -118,8 +102,11 @@ private:
         }
         case 11:
         case 12: {
-            const FakeDevice device = someone(input);
-            discover(device, input.u8());
+            const FakeDevice device = someone(input); // as it should be, up to some stage of its interrogation
+            device.join();
+            device.announce();
+            pump();
+            interview(device, 2, input.u8() % 5);
             break;
         }
         default:

@@ -30,17 +30,10 @@ public:
         return done ? "" : "refused";
     }
     std::string setFaults(const std::string &, const Faults &faults) override {
-        device_.faults() = faults;
-        return "";
+        return (device_.faults() = faults, "");
     }
-    std::string getFaults(const std::string &, Faults &faults) override {
-        faults = device_.faults();
-        return "";
-    }
-    std::string setAir(const AirSpec &air) override {
-        air_ = air;
-        return "";
-    }
+    std::string getFaults(const std::string &, Faults &faults) override { return (faults = device_.faults(), ""); }
+    std::string setAir(const AirSpec &air) override { return (air_ = air, ""); }
     AirSpec getAir() override { return air_; }
     std::string refuseNext(const std::string &, uint32_t, int32_t) override { return ""; }
     std::string adapterReset() override { return ""; }

@@ -2,8 +2,8 @@
 //
 // The whole daemon in this process, real socket and virtual radio; an input is what one client sends. Another client
 // must get its answers after each. State lives on between inputs, as it does between clients.
+#include "../support/raw_client.h"
 #include "fuzz_log.h"
-#include "oipc_wire.h"
 #include "oru_config.h"
 #include "oru_zigbee_api.h"
 #include "zb_alloc.h"
@@ -11,87 +11,26 @@
 #include "zb_main.h"
 #include "zb_timer.h"
 #include "zb_zts.h"
-#include <cstring>
-#include <poll.h>
-#include <sys/socket.h>
-#include <sys/un.h>
+#include <memory>
 #include <thread>
-#include <unistd.h>
+
+using testplat::RawClient, testplat::RawFrame, testplat::frameOf;
 
 namespace {
 
 constexpr int MAX_FRAMES = 30;
-constexpr int PATIENCE_MS = 60'000;
-
-class Connection {
-public:
-    Connection() { open(); }
-    ~Connection() { close(); }
-    Connection(const Connection &) = delete;
-    Connection &operator=(const Connection &) = delete;
-
-    void open() {
-        close();
-        fd_ = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        strncpy(address.sun_path, (fuzz::folder() + "/corvane.sock").c_str(), sizeof address.sun_path - 1);
-        connected_ = connect(fd_, reinterpret_cast<sockaddr *>(&address), sizeof address) == 0;
-    }
-    void close() {
-        if (fd_ >= 0) {
-            ::close(fd_);
-        }
-        fd_ = -1;
-    }
-    bool connected() const { return connected_; }
-    void write(const fuzz::Bytes &bytes) const {
-        (void)send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
-    }
-    // The next frame, or nothing when the connection has ended or nobody wrote in time.
-    fuzz::Bytes read(int timeout_ms) const {
-        fuzz::Bytes frame(oipc::MAX_FRAME);
-        pollfd wait{fd_, POLLIN, 0};
-        int ready = 0;
-        do { // a fuzzer's clock interrupts
-            ready = poll(&wait, 1, timeout_ms);
-        } while (ready < 0 && errno == EINTR);
-        if (ready != 1) {
-            return {};
-        }
-        const ssize_t size = recv(fd_, frame.data(), frame.size(), MSG_DONTWAIT);
-        frame.resize(size > 0 ? static_cast<size_t>(size) : 0);
-        return frame;
-    }
-
-private:
-    int fd_ = -1;
-    bool connected_ = false;
-};
-
-fuzz::Bytes frameOf(oipc::FrameHeader header, const fuzz::Bytes &payload) {
-    header.payload_length = static_cast<uint32_t>(payload.size());
-    const auto head = oipc::encodeHeader(header);
-    fuzz::Bytes frame(head.size() + payload.size());
-    std::copy(payload.begin(), payload.end(), std::copy(head.begin(), head.end(), frame.begin()));
-    return frame;
-}
-
 // A result that belongs to the call it answers: the other client is served, and served in order.
-void expectAnswer(const Connection &other, uint16_t function, uint32_t sequence) {
-    other.write(frameOf({oipc::FrameType::SyncCall, function, 0, sequence, 0, 0}, fuzz::Bytes(8)));
-    for (;;) {
-        const fuzz::Bytes frame = other.read(PATIENCE_MS);
-        fuzz::require(!frame.empty(), "the other client is served");
-        oipc::FrameHeader header;
-        fuzz::require(oipc::decodeHeader(frame, frame.size(), header) == oipc::Reason::None, "frames are whole");
-        if (header.type == oipc::FrameType::SyncResult) {
-            fuzz::require(header.sequence == sequence, "each result once");
+void expectAnswer(const RawClient &other, uint16_t function, uint32_t sequence) {
+    other.send(frameOf({oipc::FrameType::SyncCall, function, 0, sequence, 0, 0}, fuzz::Bytes(8)));
+    while (const RawFrame frame = other.receive()) {
+        if (frame.header.type == oipc::FrameType::SyncResult) {
+            fuzz::require(frame.header.sequence == sequence, "each result once");
             return;
         }
-        fuzz::require(header.type == oipc::FrameType::Event || header.type == oipc::FrameType::Hello,
+        fuzz::require(frame.header.type == oipc::FrameType::Event || frame.header.type == oipc::FrameType::Hello,
                       "callbacks go to those who asked");
     }
+    fuzz::require(false, "the other client is served, with whole frames");
 }
 
 void startDaemon() {
@@ -135,22 +74,23 @@ fuzz::Bytes next(fuzz::Input &input) {
 
 int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     static uint32_t sequence = (startDaemon(), 0);
-    static Connection other;
-    for (int i = 0; !other.connected() && i < 500; ++i) {
+    const std::string path = fuzz::folder() + "/corvane.sock";
+    static std::unique_ptr<RawClient> other;
+    for (int i = 0; (!other || !other->connected()) && i < 500; ++i) {
         usleep(10'000);
-        other.open();
+        other = std::make_unique<RawClient>(path);
     }
     fuzz::Input input(data, size);
-    Connection client;
+    const RawClient client(path);
     for (int n = 0; n < MAX_FRAMES && !input.empty(); ++n) {
-        client.write(next(input));
+        client.send(next(input), MSG_DONTWAIT);
         if (input.u8() % 4 == 0) {
-            (void)client.read(1);
+            (void)client.receive(1);
         }
     }
-    expectAnswer(other, ORU_ZB_SVC_SPING, ++sequence);
+    expectAnswer(*other, ORU_ZB_SVC_SPING, ++sequence);
     if (sequence % 16 == 0) { // as far as the main thread
-        expectAnswer(other, ORU_ZB_SVC_PING, ++sequence);
+        expectAnswer(*other, ORU_ZB_SVC_PING, ++sequence);
     }
     return 0;
 }

@@ -2,29 +2,8 @@
 //
 // The message path takes nothing from the heap: every allocation of the process is counted while messages of all kinds
 // go through the service.
+#include "../support/allocation_counter.h"
 #include "service_fixture.h"
-#include <cstdlib>
-#include <new>
-
-namespace {
-std::atomic<uint64_t> allocations{0};
-}
-
-// Both operators are replaced together; the compiler sees only one of them inlined.
-#pragma GCC diagnostic ignored "-Wmismatched-new-delete"
-// NOLINTBEGIN(misc-new-delete-overloads,cppcoreguidelines-no-malloc)
-void *operator new(size_t size) {
-    ++allocations;
-    void *block = malloc(size);
-    return block != nullptr ? block : throw std::bad_alloc();
-}
-void operator delete(void *block) noexcept {
-    free(block);
-}
-void operator delete(void *block, size_t) noexcept {
-    free(block);
-}
-// NOLINTEND(misc-new-delete-overloads,cppcoreguidelines-no-malloc)
 
 namespace {
 

@@ -4,7 +4,6 @@
 // once with that call alone failing, once with every call from there on. Each run is a process of its own, because some
 // failures legally end the service, and a hang or a crash must not take the test with it.
 #include "service_fixture.h"
-#include <csignal>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -36,12 +35,7 @@ protected:
         LAMP.join();
         LAMP.announce();
         pump();
-        LAMP.activeEndpoints({1});
-        pump();
-        LAMP.simpleDescriptor(1, {6}, {});
-        pump();
-        LAMP.nodeDescriptor();
-        pump();
+        interview(LAMP, 1);
     }
     void journeys() {
         (void)callAsync(ORU_ZB_SVC_FORMZ3NET_AUTO);
@@ -115,7 +109,6 @@ protected:
         for (uint64_t nth = 1; nth < 2000; ++nth) {
             const int verdict = run(nth, persistent);
             if (verdict == nothing_fired) {
-                RecordProperty("calls", static_cast<int>(nth - 1));
                 EXPECT_GT(nth, 200U);
                 EXPECT_LE(ended, persistent ? 40 : 3)
                     << "only the IPC start, its semaphore and the throttle may end it";

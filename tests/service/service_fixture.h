@@ -3,6 +3,7 @@
 // The whole service on the test platform, brought up in the order of the process entry. The test thread is the main
 // thread: pump() runs loop turns until the queue is empty.
 #pragma once
+#include "../support/records.h"
 #include "oru_os_testing.h"
 #include "test_platform.h"
 #include "zb_callbacks.h"
@@ -24,21 +25,10 @@
 #include <cstring>
 #include <future>
 #include <gtest/gtest.h>
+#include <numeric>
 
-using Bytes = std::vector<uint8_t>;
 using Eui64Bytes = std::array<uint8_t, 8>;
 
-template <typename T>
-Bytes bytesOf(const T &record) {
-    const auto *raw = reinterpret_cast<const uint8_t *>(&record);
-    return {raw, raw + sizeof record};
-}
-template <typename T>
-T recordOf(const Bytes &bytes) {
-    T record{};
-    std::copy_n(bytes.begin(), std::min(bytes.size(), sizeof record), reinterpret_cast<uint8_t *>(&record));
-    return record;
-}
 inline Bytes operator+(Bytes a, const Bytes &b) {
     a.insert(a.end(), b.begin(), b.end());
     return a;
@@ -47,22 +37,48 @@ inline Bytes le16(uint16_t v) {
     return {static_cast<uint8_t>(v & 0xFF), static_cast<uint8_t>(v >> 8)};
 }
 
+inline void resetProcess() { // what no shut-down resets
+    adapter_state = ORU_ZB_ADAPTER_OFF;
+    zb_pjoin_state = ORU_ZB_HAL_STATE_PJOIN_CLOSED;
+    zb_hal_signal = -1;
+    terminated = 0;
+    device_fail_to_join_counter = 0;
+    zigbee_zdo_sequence = 0;
+    burst_size = 10;
+    region_code = ORU_ZB_HAL_REGION_WORLD_WIDE;
+    attempts = 0;
+    test_without_qel = false;
+}
+// As the process entry does it; false when the service cannot run.
+inline bool startService(std::string device) {
+    (void)oruZb_timersInit();
+    (void)oruZb_databaseInit();
+    oruZb_ztsListInit();
+    oruZb_serverInit();
+    return oruZb_init(device.data()) == ORU_STATUS_OK;
+}
+inline void endService() {
+    oruZb_stop();
+    while (discovery_list_head.slh_first != nullptr) { // left behind on purpose by shut-down
+        (void)oruZb_deleteFromDiscoveryList(discovery_list_head.slh_first->device.device_info.eui64);
+    }
+    (void)oruSem_delete(zb_throttle_sem); // lives as long as the process otherwise
+    adapter_state = ORU_ZB_ADAPTER_OFF;
+}
+
+inline void pumpService() {
+    while (oruZb_hasMsg(oruZb_msgListHead) == ORU_STATUS_OK) {
+        oruZb_handleEvent();
+    }
+}
+
 class ServiceTest : public ::testing::Test {
 protected:
     void SetUp() override {
         testplat::resetAll();
         testplat::hal::reset();
-        adapter_state = ORU_ZB_ADAPTER_OFF;
-        zb_pjoin_state = ORU_ZB_HAL_STATE_PJOIN_CLOSED;
-        zb_hal_signal = -1;
-        terminated = 0;
-        device_fail_to_join_counter = 0;
-        zigbee_zdo_sequence = 0;
-        burst_size = 10;
+        resetProcess();
         throttle_sem_timeout_ms = 20;
-        region_code = ORU_ZB_HAL_REGION_WORLD_WIDE;
-        attempts = 0;
-        test_without_qel = false;
     }
     void TearDown() override {
         testplat::faults::off();
@@ -71,15 +87,9 @@ protected:
         }
     }
 
-    // As the process entry does it; false when oruZb_init failed.
     bool boot() {
         up_ = true;
-        (void)oruZb_timersInit();
-        (void)oruZb_databaseInit();
-        oruZb_ztsListInit();
-        oruZb_serverInit();
-        static char device[] = "/dev/ttyTEST0";
-        return oruZb_init(device) == ORU_STATUS_OK;
+        return startService("/dev/ttyTEST0");
     }
     // Up to a formed network, everything said so far forgotten.
     void bootReady() {
@@ -90,12 +100,7 @@ protected:
         forget();
     }
     void stop() {
-        oruZb_stop();
-        while (discovery_list_head.slh_first != nullptr) { // left behind on purpose by shut-down
-            (void)oruZb_deleteFromDiscoveryList(discovery_list_head.slh_first->device.device_info.eui64);
-        }
-        (void)oruSem_delete(zb_throttle_sem); // lives as long as the process otherwise
-        adapter_state = ORU_ZB_ADAPTER_OFF;
+        endService();
         up_ = false;
     }
     static void forget() {
@@ -104,11 +109,7 @@ protected:
         testplat::hal::clearCalls();
     }
     static void turn() { oruZb_handleEvent(); }
-    static void pump() {
-        while (oruZb_hasMsg(oruZb_msgListHead) == ORU_STATUS_OK) {
-            oruZb_handleEvent();
-        }
-    }
+    static void pump() { pumpService(); }
     static void advance(uint64_t ms) { // in steps, so that what a timer posted is handled at its time
         while (ms > 0) {
             const uint64_t step = std::min({ms, std::max<uint64_t>(testplat::time::untilNext(), 1)});
@@ -182,3 +183,15 @@ struct FakeDevice {
                                     Bytes{82} + le16(82) + le16(server_mask) + le16(82) + Bytes{0});
     }
 };
+
+// The device answers the questions that the service puts to it, as many as asked for, with endpoints 1..count.
+inline void interview(const FakeDevice &device, uint8_t count, int answers = INT_MAX) {
+    Bytes endpoints(count);
+    std::iota(endpoints.begin(), endpoints.end(), uint8_t{1});
+    for (int i = 0; i < std::min(answers, std::min<int>(count, 5) + 2); ++i) {
+        i == 0                         ? device.activeEndpoints(endpoints)
+        : i <= std::min<int>(count, 5) ? device.simpleDescriptor(static_cast<uint8_t>(i), {0x0000, 0x0006}, {0x0019})
+                                       : device.nodeDescriptor();
+        pumpService();
+    }
+}

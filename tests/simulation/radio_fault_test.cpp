@@ -59,7 +59,7 @@ public:
         run(5'000);
     }
     oruZb_device_t device() const { return deviceOf(scenario_.devices[1]); }
-    Bytes command() const { return bytesOf(clusterCommand(device().node_id)); }
+    Bytes command() const { return bytesOf(toggle(device().node_id)); }
     void sendAll(bool synchronous) {
         for (int i = 0; i < 3; ++i) {
             synchronous ? (void)sync(ORU_ZB_SVC_SEND_CLUSTER_CMD, command())
@@ -118,26 +118,15 @@ public:
     uint64_t calls() const { return calls_ != 0 ? calls_ : radio::operationCalls(); }
 
     void inject(Fault fault) {
-        switch (fault) {
-        case Fault::refused:
-            break; // armed before
-        case Fault::reset:
-            (void)air().adapterReset();
-            break;
-        case Fault::crash:
-            (void)air().adapterFatalError();
-            break;
-        case Fault::loses:
-            radio::holdConfirmations(true);
-            (void)radio::refuseNext("interpanCompletion", 100, 1);
-            break;
-        case Fault::fails:
-            (void)radio::refuseNext("confirmation", 100, ORU_ZB_HAL_MAC_NO_ACK);
-            break;
-        case Fault::hangs:
-            (void)air().adapterHang(10);
-            break;
-        }
+        const std::function<void()> injections[] = {
+            [] {}, // the refusal was armed before
+            [this] { (void)air().adapterReset(); },
+            [this] { (void)air().adapterFatalError(); },
+            [] { (radio::holdConfirmations(true), (void)radio::refuseNext("interpanCompletion", 100, 1)); },
+            [] { (void)radio::refuseNext("confirmation", 100, ORU_ZB_HAL_MAC_NO_ACK); },
+            [this] { (void)air().adapterHang(10); },
+        };
+        injections[static_cast<size_t>(fault)]();
     }
     // Without faults, and after a reset of an adapter that owes confirmations.
     void heal(bool owes) {

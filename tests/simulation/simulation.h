@@ -3,21 +3,8 @@
 // The whole service on the virtual mesh in virtual time, with the books that its clients could keep: which calls wait
 // for an answer, and which devices exist according to the events. check() compares the books with the service.
 #pragma once
-#include "oru_os_testing.h"
+#include "../service/service_fixture.h"
 #include "oru_zbhal_testing.h"
-#include "test_platform.h"
-#include "zb_database.h"
-#include "zb_discovery.h"
-#include "zb_main.h"
-#include "zb_region_info.h"
-#include "zb_server.h"
-#include "zb_svc.h"
-#include "zb_timer.h"
-#include "zb_util.h"
-#include "zb_zts.h"
-#include <algorithm>
-#include <cstring>
-#include <gtest/gtest.h>
 #include <map>
 #include <set>
 
@@ -25,20 +12,12 @@ namespace ipc = testplat::ipc;
 namespace radio = corvane::zbhal::testing;
 namespace mesh = corvane::mesh;
 
-using Bytes = std::vector<uint8_t>;
-
 // Present in sanitized builds, which keep freed memory back on purpose and are ten times slower.
 extern "C" __attribute__((weak)) void __asan_init();
 extern "C" __attribute__((weak)) void __tsan_init();
 
 inline bool sanitized() {
     return __asan_init != nullptr || __tsan_init != nullptr;
-}
-
-template <typename T>
-Bytes bytesOf(const T &record) {
-    const auto *raw = reinterpret_cast<const uint8_t *>(&record);
-    return {raw, raw + sizeof record};
 }
 
 inline int number(const char *name, int otherwise) {
@@ -69,16 +48,6 @@ inline mesh::Scenario scenarioOf(int devices, uint64_t seed) {
     return scenario;
 }
 
-inline oruZb_clusterCmd_t clusterCommand(uint16_t node_id) { // On/Off: on
-    oruZb_clusterCmd_t cmd{};
-    cmd.dest_node = node_id;
-    cmd.cluster_id = 0x0006;
-    cmd.profile_id = 0x0104;
-    cmd.dest_ep = cmd.src_ep = 1;
-    cmd.payload[0] = cmd.payload[2] = 1;
-    cmd.payload_len = 3;
-    return cmd;
-}
 inline oruZb_nodeInfo_t nodeOf(const oruZb_device_t &device) {
     oruZb_nodeInfo_t node{};
     node.id = device.node_id;
@@ -109,33 +78,22 @@ public:
     // As the process entry does it; false when the service cannot run.
     bool start() {
         up_ = true;
-        adapter_state = ORU_ZB_ADAPTER_OFF;
-        zb_pjoin_state = ORU_ZB_HAL_STATE_PJOIN_CLOSED;
-        zb_hal_signal = -1;
-        burst_size = 10;
+        resetProcess();
         throttle_sem_timeout_ms = 0;
-        (void)oruZb_timersInit();
-        (void)oruZb_databaseInit();
+        const bool up = startService("virtual:simulation");
         known_ = listedKeys();
-        oruZb_ztsListInit();
-        oruZb_serverInit();
-        static char device[] = "virtual:simulation";
-        return oruZb_init(device) == ORU_STATUS_OK;
+        return up;
     }
     // The end of the process: what was not handled is not answered any more.
     void stop() {
         testplat::faults::off();
         if (up_) {
-            oruZb_stop();
-            (void)oruSem_delete(zb_throttle_sem); // which lives as long as its process
+            endService();
             EXPECT_EQ(oruSync_testLiveSemaphores(), 0U);
             up_ = false;
         }
         open_calls_.clear();
         resetRadio();
-        while (discovery_list_head.slh_first != nullptr) {
-            (void)oruZb_deleteFromDiscoveryList(discovery_list_head.slh_first->device.device_info.eui64);
-        }
     }
 
     mesh::SimTarget &air() { return *radio::simTarget(); }

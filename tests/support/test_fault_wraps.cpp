@@ -7,41 +7,22 @@
 
 using testplat::faults::hit;
 
+constexpr oru_status_t NO_MEMORY = ORU_STATUS_OUT_OF_MEMORY, BROKEN = ORU_STATUS_GENERAL_ERROR;
+
+#define WRAP(result, operation, parameters, arguments, failure)                                                        \
+    result __real_##operation parameters;                                                                              \
+    result __wrap_##operation parameters {                                                                             \
+        return hit(#operation) ? failure : __real_##operation arguments;                                               \
+    }
+
 extern "C" {
-void *__real_oruAlloc_alloc(uint32_t module_id, uint32_t buffer_kind, size_t size);
-void *__wrap_oruAlloc_alloc(uint32_t module_id, uint32_t buffer_kind, size_t size) {
-    return hit("oruAlloc_alloc") ? nullptr : __real_oruAlloc_alloc(module_id, buffer_kind, size);
-}
-oru_status_t __real_oruMp_init(oruMp_handle_t *pool, size_t block_size, uint32_t block_count);
-oru_status_t __wrap_oruMp_init(oruMp_handle_t *pool, size_t block_size, uint32_t block_count) {
-    return hit("oruMp_init") ? ORU_STATUS_OUT_OF_MEMORY : __real_oruMp_init(pool, block_size, block_count);
-}
-void *__real_oruMp_alloc(oruMp_handle_t pool);
-void *__wrap_oruMp_alloc(oruMp_handle_t pool) {
-    return hit("oruMp_alloc") ? nullptr : __real_oruMp_alloc(pool);
-}
-void *__real_oruMp_allocSize(oruMp_handle_t pool, size_t size);
-void *__wrap_oruMp_allocSize(oruMp_handle_t pool, size_t size) {
-    return hit("oruMp_allocSize") ? nullptr : __real_oruMp_allocSize(pool, size);
-}
-oru_status_t __real_oruMutex_new(const oruMutex_attr_t *attributes, oruMutex_t *mutex);
-oru_status_t __wrap_oruMutex_new(const oruMutex_attr_t *attributes, oruMutex_t *mutex) {
-    return hit("oruMutex_new") ? ORU_STATUS_OUT_OF_MEMORY : __real_oruMutex_new(attributes, mutex);
-}
-oru_status_t __real_oruMutex_acquire(oruMutex_t mutex);
-oru_status_t __wrap_oruMutex_acquire(oruMutex_t mutex) {
-    return hit("oruMutex_acquire") ? ORU_STATUS_GENERAL_ERROR : __real_oruMutex_acquire(mutex);
-}
-oru_status_t __real_oruSem_new(uint32_t count, oruSemaphore_t *sem);
-oru_status_t __wrap_oruSem_new(uint32_t count, oruSemaphore_t *sem) {
-    return hit("oruSem_new") ? ORU_STATUS_OUT_OF_MEMORY : __real_oruSem_new(count, sem);
-}
-oru_status_t __real_oruSem_wait(oruSemaphore_t sem);
-oru_status_t __wrap_oruSem_wait(oruSemaphore_t sem) {
-    return hit("oruSem_wait") ? ORU_STATUS_GENERAL_ERROR : __real_oruSem_wait(sem);
-}
-oru_status_t __real_oruSem_waitTry(oruSemaphore_t sem);
-oru_status_t __wrap_oruSem_waitTry(oruSemaphore_t sem) {
-    return hit("oruSem_waitTry") ? ORU_STATUS_GENERAL_ERROR : __real_oruSem_waitTry(sem);
-}
+WRAP(void *, oruAlloc_alloc, (uint32_t module_id, uint32_t kind, size_t size), (module_id, kind, size), nullptr)
+WRAP(oru_status_t, oruMp_init, (oruMp_handle_t * pool, size_t size, uint32_t count), (pool, size, count), NO_MEMORY)
+WRAP(void *, oruMp_alloc, (oruMp_handle_t pool), (pool), nullptr)
+WRAP(void *, oruMp_allocSize, (oruMp_handle_t pool, size_t size), (pool, size), nullptr)
+WRAP(oru_status_t, oruMutex_new, (const oruMutex_attr_t *attributes, oruMutex_t *mutex), (attributes, mutex), NO_MEMORY)
+WRAP(oru_status_t, oruMutex_acquire, (oruMutex_t mutex), (mutex), BROKEN)
+WRAP(oru_status_t, oruSem_new, (uint32_t count, oruSemaphore_t *sem), (count, sem), NO_MEMORY)
+WRAP(oru_status_t, oruSem_wait, (oruSemaphore_t sem), (sem), BROKEN)
+WRAP(oru_status_t, oruSem_waitTry, (oruSemaphore_t sem), (sem), BROKEN)
 }

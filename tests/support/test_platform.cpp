@@ -78,6 +78,15 @@ Timer *find(const oruTimer_t *timer) {
     }
     return nullptr;
 }
+oru_status_t withTimer(const char *operation, const oruTimer_t *timer, const std::function<void(Timer &)> &work) {
+    const bool fails = faults::hit(operation);
+    const std::lock_guard lock(mutex);
+    Timer *found = find(timer);
+    if (!fails && found != nullptr) {
+        work(*found);
+    }
+    return fails ? ORU_STATUS_GENERAL_ERROR : found == nullptr ? ORU_STATUS_UNINITIALIZED : ORU_STATUS_OK;
+}
 Timer *soonest() {
     Timer *best = nullptr;
     for (Timer &t : timers) {
@@ -111,17 +120,6 @@ void advance(uint64_t ms) {
     }
     now_us = end;
 }
-std::vector<Armed> armed() {
-    const std::lock_guard lock(mutex);
-    std::vector<Armed> out;
-    for (const Timer &t : timers) {
-        if (t.due_us) {
-            out.push_back({t.callback, (*t.due_us - now_us) / 1000, t.type == ORUTIME_TIMER_PERIODIC});
-        }
-    }
-    std::sort(out.begin(), out.end(), [](const Armed &a, const Armed &b) { return a.remaining_ms < b.remaining_ms; });
-    return out;
-}
 uint64_t untilNext() {
     const std::lock_guard lock(mutex);
     const Timer *t = soonest();
@@ -137,11 +135,11 @@ size_t live() {
 namespace log {
 namespace {
 std::mutex mutex;
-std::vector<LogLine> captured;
+std::vector<std::string> captured;
 } // namespace
 bool echo = getenv("TEST_LOG") != nullptr;
 
-std::vector<LogLine> lines() {
+std::vector<std::string> lines() {
     const std::lock_guard lock(mutex);
     return captured;
 }
@@ -151,8 +149,8 @@ void clear() {
 }
 size_t count(const std::string &part) {
     const std::lock_guard lock(mutex);
-    return static_cast<size_t>(std::count_if(captured.begin(), captured.end(),
-                                             [&](const LogLine &l) { return l.text.find(part) != std::string::npos; }));
+    return static_cast<size_t>(
+        std::ranges::count_if(captured, [&](const std::string &line) { return line.find(part) != line.npos; }));
 }
 bool has(const std::string &part) {
     return count(part) > 0;
@@ -175,7 +173,6 @@ std::vector<Event> published;
 std::vector<Callback> called_back;
 std::set<uint16_t> gone;
 oruOipc_serverConfig_t server{};
-oruOipc_Handler_t server_handle = 0;
 
 std::vector<uint8_t> copyOf(const void *data, size_t size) {
     const auto *bytes = static_cast<const uint8_t *>(data);
@@ -213,12 +210,6 @@ void clear() {
     const std::lock_guard lock(mutex);
     published.clear();
     called_back.clear();
-}
-bool started() {
-    return server_handle != 0;
-}
-oruOipc_Handler_t handle() {
-    return server_handle;
 }
 Result sync(uint16_t function, std::vector<uint8_t> payload, uint16_t client) {
     return call(ORU_OIPC_FUNCTION_SYNC, function, std::move(payload), client, 0xFFFF);
@@ -304,6 +295,13 @@ void resetAll() {
 
 using namespace testplat;
 
+#define FAIL_WHEN_DUE(operation, status)                                                                               \
+    do {                                                                                                               \
+        if (faults::hit(operation)) {                                                                                  \
+            return status;                                                                                             \
+        }                                                                                                              \
+    } while (false)
+
 extern "C" {
 
 // ------------------------------------------------------------------------------------------------------------ oru_log
@@ -320,7 +318,7 @@ void oruLog_log(oruLog_id_t, oruLog_level_t level, const char *tag, const char *
     if (testplat::log::echo) {
         fprintf(stderr, "%d [%s] %s\n", level, tag, line);
     }
-    testplat::log::captured.push_back({level, line});
+    testplat::log::captured.emplace_back(line);
 }
 
 // ----------------------------------------------------------------------------------------------------------- oru_time
@@ -328,9 +326,7 @@ oru_status_t oruTime_clockTime(oruTime_clock_t, oruTime_timespec_t *now) {
     if (now == nullptr) {
         return ORU_STATUS_NULL_POINTER;
     }
-    if (faults::hit("oruTime_clockTime")) {
-        return ORU_STATUS_GENERAL_ERROR;
-    }
+    FAIL_WHEN_DUE("oruTime_clockTime", ORU_STATUS_GENERAL_ERROR);
     const std::lock_guard lock(testplat::time::mutex);
     now->seconds = static_cast<int64_t>(testplat::time::now_us / 1'000'000);
     now->nanoseconds = static_cast<int32_t>(testplat::time::now_us % 1'000'000 * 1000);
@@ -344,9 +340,7 @@ int64_t oruTime_timespecDiff(const oruTime_timespec_t *later, const oruTime_time
 }
 oru_status_t oruTime_timerNew(oruTimer_t *timer, oruTime_clock_t, oruTime_timerType_t type,
                               oruTime_timerCallback_t callback, void *context) {
-    if (faults::hit("oruTime_timerNew")) {
-        return ORU_STATUS_OUT_OF_MEMORY;
-    }
+    FAIL_WHEN_DUE("oruTime_timerNew", ORU_STATUS_OUT_OF_MEMORY);
     const std::lock_guard lock(testplat::time::mutex);
     if (testplat::time::find(timer) != nullptr) {
         return ORU_STATUS_ALREADY_INITIALIZED;
@@ -356,61 +350,36 @@ oru_status_t oruTime_timerNew(oruTimer_t *timer, oruTime_clock_t, oruTime_timerT
     return 0;
 }
 oru_status_t oruTime_timerStart(oruTimer_t *timer, uint32_t milliseconds) {
-    if (faults::hit("oruTime_timerStart")) {
-        return ORU_STATUS_GENERAL_ERROR;
-    }
-    const std::lock_guard lock(testplat::time::mutex);
-    auto *t = testplat::time::find(timer);
-    if (t == nullptr) {
-        return ORU_STATUS_UNINITIALIZED;
-    }
-    t->period_us = uint64_t{milliseconds} * 1000;
-    t->due_us = testplat::time::now_us + t->period_us;
-    t->order = testplat::time::next_order++;
-    return 0;
+    return testplat::time::withTimer("oruTime_timerStart", timer, [=](auto &t) {
+        t.period_us = uint64_t{milliseconds} * 1000;
+        t.due_us = testplat::time::now_us + t.period_us;
+        t.order = testplat::time::next_order++;
+    });
 }
 oru_status_t oruTime_timerStop(oruTimer_t *timer) {
-    if (faults::hit("oruTime_timerStop")) {
-        return ORU_STATUS_GENERAL_ERROR;
-    }
-    const std::lock_guard lock(testplat::time::mutex);
-    auto *t = testplat::time::find(timer);
-    if (t == nullptr) {
-        return ORU_STATUS_UNINITIALIZED;
-    }
-    t->due_us.reset();
-    return 0;
+    return testplat::time::withTimer("oruTime_timerStop", timer, [](auto &t) { t.due_us.reset(); });
 }
 oru_status_t oruTime_timerDelete(oruTimer_t *timer) {
-    if (faults::hit("oruTime_timerDelete")) {
-        return ORU_STATUS_GENERAL_ERROR;
-    }
-    const std::lock_guard lock(testplat::time::mutex);
-    if (testplat::time::find(timer) == nullptr) {
-        return ORU_STATUS_UNINITIALIZED;
-    }
-    std::erase_if(testplat::time::timers, [&](const auto &t) { return t.id == timer->id; });
-    timer->id = 0;
-    return 0;
+    const oru_status_t status = testplat::time::withTimer("oruTime_timerDelete", timer, [](auto &t) {
+        std::erase_if(testplat::time::timers, [id = t.id](const auto &other) { return other.id == id; });
+    });
+    timer->id = status == 0 ? 0 : timer->id;
+    return status;
 }
 
 // ----------------------------------------------------------------------------------------------------------- oru_oipc
 oru_status_t oruOipc_start(oruOipc_Handler_t *handle, const oruOipc_serverConfig_t *config) {
-    if (faults::hit("oruOipc_start")) {
-        return ORU_STATUS_GENERAL_ERROR;
-    }
+    FAIL_WHEN_DUE("oruOipc_start", ORU_STATUS_GENERAL_ERROR);
     ipc::server = *config;
-    *handle = ipc::server_handle = 1;
+    *handle = 1;
     return 0;
 }
 oru_status_t oruOipc_stop(oruOipc_Handler_t *handle) {
-    *handle = ipc::server_handle = 0;
+    *handle = 0;
     return faults::hit("oruOipc_stop") ? ORU_STATUS_GENERAL_ERROR : 0;
 }
 oru_status_t oruOipc_callback(oruOipc_Handler_t, oruOipc_nodeId_t client, const oruOipc_callbackParams_t *callback) {
-    if (faults::hit("oruOipc_callback")) {
-        return ORU_STATUS_NOT_FOUND;
-    }
+    FAIL_WHEN_DUE("oruOipc_callback", ORU_STATUS_NOT_FOUND);
     if (quiet) {
         ++quiet_events;
         return 0;
@@ -424,9 +393,7 @@ oru_status_t oruOipc_callback(oruOipc_Handler_t, oruOipc_nodeId_t client, const 
     return 0;
 }
 oru_status_t oruOipc_publishEvent(oruOipc_Handler_t, const oruOipc_eventParams_t *event) {
-    if (faults::hit("oruOipc_publishEvent")) {
-        return ORU_STATUS_BUSY;
-    }
+    FAIL_WHEN_DUE("oruOipc_publishEvent", ORU_STATUS_BUSY);
     if (quiet) {
         ++quiet_events;
         return 0;

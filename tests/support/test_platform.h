@@ -33,23 +33,13 @@ bool hit(const char *operation);         // true: this call has to fail
 namespace time {
 uint64_t nowMs();
 void advance(uint64_t ms); // fires due timers in order, on this thread, the clock standing at their due time
-struct Armed {
-    oruTime_timerCallback_t callback;
-    uint64_t remaining_ms;
-    bool periodic;
-};
-std::vector<Armed> armed(); // soonest first
-uint64_t untilNext();       // ms to the next expiry; UINT64_MAX when none is armed
-size_t live();              // timers that exist
+uint64_t untilNext();      // ms to the next expiry; UINT64_MAX when none is armed
+size_t live();             // timers that exist
 } // namespace time
 
 // ---- log
-struct LogLine {
-    oruLog_level_t level;
-    std::string text;
-};
 namespace log {
-std::vector<LogLine> lines();
+std::vector<std::string> lines();
 void clear();
 size_t count(const std::string &part); // lines that contain part
 bool has(const std::string &part);
@@ -72,8 +62,6 @@ std::vector<Event> events();
 std::vector<uint16_t> eventIds();
 std::vector<Callback> callbacks();
 void clear();
-bool started();
-oruOipc_Handler_t handle();
 // Call the service's handler on this thread, as the framework does.
 struct Result {
     oru_status_t returned;
@@ -113,7 +101,6 @@ void setResult(const std::string &operation, oru_status_t status); // from now o
 void useDescriptor(bool on);                                       // blocking mode: init stores a pipe end
 int descriptorReadEnd();
 std::vector<Sent> &sent();
-const oruZbHal_callbacks_t *callbacks();
 void confirm(size_t index, int32_t status = 0); // sent()[index]
 void confirmAll(int32_t status = 0);
 // Incoming frames and reports, delivered at once in this thread.
@@ -126,8 +113,6 @@ extern oruZbHal_adapterInfo_t adapter;
 extern oruZbHal_counters_t counters;
 extern std::vector<uint8_t> firmware;
 extern std::vector<oruZbHal_childTableEntry_t> children;
-extern std::vector<oruZbHal_routeTableEntry_t> routes;
-extern std::vector<oruZbHal_neighborTableEntry_t> neighbors;
 extern std::vector<oruZbHal_keyStruct_t> keys;
 extern std::function<void(Sent &)> on_send; // runs inside the send, before it returns
 } // namespace hal

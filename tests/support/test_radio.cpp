@@ -5,7 +5,6 @@
 #include <array>
 #include <cstdarg>
 #include <cstdio>
-#include <cstring>
 #include <unistd.h>
 
 namespace testplat::hal {
@@ -61,6 +60,14 @@ oru_status_t table_of(const char *name, const std::vector<T> &from, T *entries, 
     }
     return status;
 }
+template <typename T>
+oru_status_t given(const char *name, const T &from, T *to) {
+    const oru_status_t status = called(name, " ");
+    if (status == 0) {
+        *to = from;
+    }
+    return status;
+}
 } // namespace
 
 oruZbHal_networkParameters_t network{};
@@ -68,8 +75,6 @@ oruZbHal_adapterInfo_t adapter{};
 oruZbHal_counters_t counters{};
 std::vector<uint8_t> firmware;
 std::vector<oruZbHal_childTableEntry_t> children;
-std::vector<oruZbHal_routeTableEntry_t> routes;
-std::vector<oruZbHal_neighborTableEntry_t> neighbors;
 std::vector<oruZbHal_keyStruct_t> keys;
 std::function<void(Sent &)> on_send;
 
@@ -86,8 +91,6 @@ void reset() {
     counters = {};
     firmware = {5, 1, 2, 0};
     children.clear();
-    routes.clear();
-    neighbors.clear();
     keys.clear();
     on_send = nullptr;
 }
@@ -119,9 +122,6 @@ int descriptorReadEnd() {
 }
 std::vector<Sent> &sent() {
     return sends;
-}
-const oruZbHal_callbacks_t *callbacks() {
-    return table;
 }
 
 void confirm(size_t index, int32_t status) {
@@ -181,7 +181,18 @@ void testplat::quietConfirm() {
 using namespace testplat;
 using namespace testplat::hal;
 
+#define CALLED_ONLY(operation)                                                                                         \
+    oru_status_t oruZbHal_##operation(void) {                                                                          \
+        return called(#operation, " ");                                                                                \
+    }
+
 extern "C" {
+CALLED_ONLY(enable)
+CALLED_ONLY(disable)
+CALLED_ONLY(reset)
+CALLED_ONLY(factoryReset)
+CALLED_ONLY(leaveNetwork)
+CALLED_ONLY(clearTransientLinkKeys)
 oru_status_t oruZbHal_init(oruZbHal_callbacks_t *callback_table, int32_t *event_descriptor) {
     table = callback_table;
     const oru_status_t status = called("init", " ");
@@ -192,18 +203,6 @@ oru_status_t oruZbHal_init(oruZbHal_callbacks_t *callback_table, int32_t *event_
 }
 oru_status_t oruZbHal_setAdapterName(char *device) {
     return called("setAdapterName", "%s", device);
-}
-oru_status_t oruZbHal_enable(void) {
-    return called("enable", " ");
-}
-oru_status_t oruZbHal_disable(void) {
-    return called("disable", " ");
-}
-oru_status_t oruZbHal_reset(void) {
-    return called("reset", " ");
-}
-oru_status_t oruZbHal_factoryReset(void) {
-    return called("factoryReset", " ");
 }
 oru_status_t oruZbHal_processAction(void) {
     return 0;
@@ -222,15 +221,8 @@ oru_status_t oruZbHal_addEndpoint(uint8_t endpoint, uint16_t profile_id, uint16_
                                   uint8_t inputs, uint8_t outputs, const uint16_t *, const uint16_t *) {
     return called("addEndpoint", "%u,0x%x,%u,%u,%u,%u", endpoint, profile_id, device_id, version, inputs, outputs);
 }
-oru_status_t oruZbHal_leaveNetwork(void) {
-    return called("leaveNetwork", " ");
-}
 oru_status_t oruZbHal_getNetworkInfo(oruZbHal_networkParameters_t *params) {
-    const oru_status_t status = called("getNetworkInfo", " ");
-    if (status == 0) {
-        *params = hal::network;
-    }
-    return status;
+    return given("getNetworkInfo", hal::network, params);
 }
 oru_status_t oruZbHal_setRadioPower(int8_t power) {
     return called("setRadioPower", "%d", power);
@@ -246,9 +238,6 @@ oru_status_t oruZbHal_permitJoinZts(bool enable) {
 }
 oru_status_t oruZbHal_addInstallCode(uint8_t *eui64, uint8_t *, uint8_t length) {
     return called("addInstallCode", "%02x..%02x,%u", eui64[0], eui64[7], length);
-}
-oru_status_t oruZbHal_clearTransientLinkKeys(void) {
-    return called("clearTransientLinkKeys", " ");
 }
 oru_status_t oruZbHal_getKeyTableEntry(uint8_t index, oruZbHal_keyStruct_t *entry) {
     const oru_status_t status = called("getKeyTableEntry", "%u", index);
@@ -308,11 +297,7 @@ oru_status_t oruZbHal_getFwVersion(uint8_t *version, uint8_t *size) {
     return status;
 }
 oru_status_t oruZbHal_getAdapterInfo(oruZbHal_adapterInfo_t *info) {
-    const oru_status_t status = called("getAdapterInfo", " ");
-    if (status == 0) {
-        *info = hal::adapter;
-    }
-    return status;
+    return given("getAdapterInfo", hal::adapter, info);
 }
 oru_status_t oruZbHal_startScan(uint8_t type, uint32_t mask, uint8_t duration) {
     return called("startScan", "%u,0x%x,%u", type, mask, duration);
@@ -321,10 +306,10 @@ oru_status_t oruZbHal_getChildren(oruZbHal_childTableEntry_t *entries, uint8_t *
     return table_of("getChildren", hal::children, entries, size);
 }
 oru_status_t oruZbHal_getRouteTableEntries(oruZbHal_routeTableEntry_t *entries, uint8_t *size) {
-    return table_of("getRouteTableEntries", hal::routes, entries, size);
+    return table_of("getRouteTableEntries", {}, entries, size);
 }
 oru_status_t oruZbHal_getNeighbors(oruZbHal_neighborTableEntry_t *entries, uint8_t *size) {
-    return table_of("getNeighbors", hal::neighbors, entries, size);
+    return table_of("getNeighbors", {}, entries, size);
 }
 oru_status_t oruZbHal_getDebugCounters(oruZbHal_counters_t *out) {
     *out = hal::counters;

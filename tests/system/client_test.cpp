@@ -2,17 +2,15 @@
 //
 // Clients cannot hurt each other: whatever some of them do, the daemon keeps nothing of it and the others get their
 // answers and events.
-#include "oipc_wire.h"
+#include "../support/raw_client.h"
 #include "system_fixture.h"
 #include <algorithm>
 #include <grp.h>
-#include <poll.h>
 #include <random>
 
 namespace {
 
-using Bytes = std::vector<uint8_t>;
-using oipc::FrameType, oipc::Reason;
+using oipc::FrameType, oipc::Reason, testplat::RawClient, testplat::RawFrame;
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 constexpr bool SANITIZED = true;
@@ -20,60 +18,9 @@ constexpr bool SANITIZED = true;
 constexpr bool SANITIZED = false;
 #endif
 
-Bytes frame(FrameType type, uint16_t id, const Bytes &payload = {}, uint16_t callback_id = 0) {
-    const auto header = oipc::encodeHeader(
-        {.type = type, .id = id, .callback_id = callback_id, .payload_length = static_cast<uint32_t>(payload.size())});
-    Bytes bytes(header.size() + payload.size());
-    std::ranges::copy(payload, std::ranges::copy(header, bytes.begin()).out);
-    return bytes;
+Bytes callFrame(FrameType type, uint16_t id, const Bytes &payload = {}, uint16_t callback_id = 0) {
+    return testplat::frameOf({.type = type, .id = id, .callback_id = callback_id}, payload);
 }
-
-oruZb_clusterCmd_t toggle(uint16_t node_id) {
-    oruZb_clusterCmd_t cmd{};
-    cmd.dest_node = node_id;
-    cmd.cluster_id = 0x0006;
-    cmd.profile_id = 0x0104;
-    cmd.dest_ep = cmd.src_ep = 1;
-    cmd.payload[0] = 0x01;
-    cmd.payload[2] = 2;
-    cmd.payload_len = 3;
-    return cmd;
-}
-
-// A client that speaks raw frames. Allocates nothing, so that it works in a forked child.
-class Raw {
-public:
-    explicit Raw(const std::string &path) : fd_(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0)) {
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
-        connected = ::connect(fd_, reinterpret_cast<sockaddr *>(&address), sizeof address) == 0;
-    }
-    ~Raw() { close(fd_); }
-    Raw(const Raw &) = delete;
-    Raw &operator=(const Raw &) = delete;
-
-    bool send(const Bytes &bytes) const {
-        return ::send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size());
-    }
-    bool receive(oipc::FrameHeader &header) const { // false: the connection has ended, or nothing came
-        std::array<uint8_t, oipc::MAX_FRAME> buffer{};
-        const auto size = static_cast<std::size_t>(std::max<ssize_t>(read(buffer), 0));
-        return oipc::decodeHeader(std::span(buffer).first(size), size, header) == Reason::None;
-    }
-    bool ended() const {
-        std::array<uint8_t, 1> byte{};
-        return read(byte) == 0;
-    }
-    bool connected;
-
-private:
-    ssize_t read(std::span<uint8_t> buffer) const {
-        pollfd entry{fd_, POLLIN, 0};
-        return poll(&entry, 1, 30000) > 0 ? recv(fd_, buffer.data(), buffer.size(), 0) : -1;
-    }
-    int fd_;
-};
 
 long statusOf(const Daemon &daemon, const std::string &key) {
     std::ifstream in("/proc/" + std::to_string(daemon.pid()) + "/status");
@@ -129,15 +76,16 @@ protected:
     void expectUnharmed() {
         EXPECT_TRUE(eventually([&] { return resourcesOf(daemon) == before; }))
             << ::testing::PrintToString(resourcesOf(daemon)) << ", had " << ::testing::PrintToString(before);
-        std::vector<std::unique_ptr<Listener>> nine;
+        std::vector<std::unique_ptr<Listener>> nine; // more, and no eleventh client
         for (int i = 0; i < 9; ++i) {
             nine.push_back(std::make_unique<Listener>(daemon));
             ASSERT_TRUE(nine.back()->connect()) << i;
             EXPECT_EQ(nine.back()->client.serverPing().value, "spong");
         }
+        const oipc::FrameHeader answer = RawClient(socket_path).receive().header;
+        EXPECT_TRUE(answer.type == FrameType::Refusal && answer.status == ORU_STATUS_BUSY);
         EXPECT_TRUE(listener.client.connected());
         EXPECT_TRUE(listener.client.sendCommand(toggle(lamp)).ok());
-        nine.clear();
         EXPECT_EQ(daemon.end(SIGTERM), 0);
     }
 
@@ -168,16 +116,14 @@ TEST_F(ClientTest, KilledBeforeDuringAndAfterCalls) {
             }
         });
     }
-    const oruZb_clusterCmd_t command = toggle(lamp);
-    Bytes record(sizeof command);
-    memcpy(record.data(), &command, sizeof command);
+    const Bytes record = bytesOf(toggle(lamp));
     const std::vector<Bytes> frames = {
         {},
-        frame(FrameType::SyncCall, ORU_ZB_SVC_SPING, Bytes(8)),
-        frame(FrameType::SyncCall, ORU_ZB_SVC_GET_CONN_NODES, Bytes(4 + 748)),
-        frame(FrameType::SyncCall, ORU_ZB_SVC_SEND_CLUSTER_CMD, record),
-        frame(FrameType::AsyncCall, ORU_ZB_SVC_SEND_CLUSTER_CMD_ASYNC, record, 0x9001),
-        frame(FrameType::AsyncCall, ORU_ZB_SVC_APING, {}, 0x9002),
+        callFrame(FrameType::SyncCall, ORU_ZB_SVC_SPING, Bytes(8)),
+        callFrame(FrameType::SyncCall, ORU_ZB_SVC_GET_CONN_NODES, Bytes(4 + 748)),
+        callFrame(FrameType::SyncCall, ORU_ZB_SVC_SEND_CLUSTER_CMD, record),
+        callFrame(FrameType::AsyncCall, ORU_ZB_SVC_SEND_CLUSTER_CMD_ASYNC, record, 0x9001),
+        callFrame(FrameType::AsyncCall, ORU_ZB_SVC_APING, {}, 0x9002),
     };
     constexpr int ROUNDS = 400;
     for (int round = 0; round < ROUNDS; ++round) {
@@ -185,10 +131,9 @@ TEST_F(ClientTest, KilledBeforeDuringAndAfterCalls) {
         const auto life = std::chrono::microseconds(random() % 4000);
         const pid_t child = fork();
         if (child == 0) {
-            const Raw raw(socket_path);
-            oipc::FrameHeader header;
-            while (raw.receive(header)) { // asks again when greeted or answered
-                const bool next = header.type != FrameType::Event && header.type != FrameType::Callback;
+            const RawClient raw(socket_path);
+            while (const RawFrame frame = raw.receive()) { // asks again when greeted or answered
+                const bool next = frame.header.type != FrameType::Event && frame.header.type != FrameType::Callback;
                 (void)(next && !call.empty() && raw.send(call));
             }
             pause();
@@ -249,7 +194,7 @@ TEST_F(ClientTest, StoppedReadersCostTheOthersNothing) {
         readers.push_back(std::make_unique<Reader>(options));
     }
     ASSERT_NO_FATAL_FAILURE(form(DEVICES));
-    const Raw stopped[3] = {Raw(socket_path), Raw(socket_path), Raw(socket_path)};
+    const RawClient stopped[3] = {RawClient(socket_path), RawClient(socket_path), RawClient(socket_path)};
     const int first = listener.count(ORU_ZB_SVC_INCOMING_MSG);
     const auto begin = Clock::now();
     Latencies pings, server_pings;
@@ -278,13 +223,13 @@ TEST_F(ClientTest, StoppedReadersCostTheOthersNothing) {
         EXPECT_TRUE(reader->events == readers[0]->events);
     }
     EXPECT_GT(heard, 400);
-    for (const Raw &raw : stopped) { // gets what the kernel had taken, then the end
-        oipc::FrameHeader header;
+    for (const RawClient &raw : stopped) { // gets what the kernel had taken, then the end
         std::size_t kept = 0;
-        while (raw.receive(header)) {
+        RawFrame last;
+        for (last = raw.receive(); last; last = raw.receive()) {
             ++kept;
         }
-        EXPECT_TRUE(raw.ended());
+        EXPECT_EQ(last.header.type, testplat::ENDED);
         EXPECT_LT(kept, 600U);
     }
     EXPECT_LT(growth_kib, SANITIZED ? 65536 : 512); // sanitizers keep freed memory
@@ -296,28 +241,22 @@ TEST_F(ClientTest, ConnectStorms) {
     std::vector<std::jthread> storms;
     for (int storm = 0; storm < 4; ++storm) {
         storms.emplace_back([&, chance = std::mt19937(random())]() mutable {
-            std::vector<std::unique_ptr<Raw>> held;
+            std::vector<std::unique_ptr<RawClient>> held;
             for (int i = 0; i < 250; ++i) {
-                auto raw = std::make_unique<Raw>(socket_path);
-                EXPECT_TRUE(raw->connected);
-                const auto what = chance() % 5; // 0: gone at once
+                held.push_back(std::make_unique<RawClient>(socket_path));
+                const auto what = chance() % 4; // 0: says nothing
                 if (what == 1) {                // half a header, the greeting unread
-                    (void)raw->send(Bytes(chance() % 20, 0x43));
+                    held.back()->send(Bytes(chance() % 20, 0x43));
                 } else if (what == 2) { // a call, the answer unread
-                    (void)raw->send(frame(FrameType::SyncCall, ORU_ZB_SVC_SPING, Bytes(8)));
-                } else if (what == 3) { // stays for a while and says nothing
-                    held.push_back(std::move(raw));
-                } else if (what == 4) {
-                    oipc::FrameHeader header;
-                    EXPECT_TRUE(raw->receive(header));
-                    const bool in = header.type == FrameType::Hello;
+                    held.back()->send(callFrame(FrameType::SyncCall, ORU_ZB_SVC_SPING, Bytes(8)));
+                } else if (what == 3) {
+                    const oipc::FrameHeader answer = held.back()->receive().header;
+                    const bool in = answer.type == FrameType::Hello;
                     ++(in ? greeted : refused);
-                    EXPECT_TRUE(in || (header.type == FrameType::Refusal && header.status == ORU_STATUS_BUSY &&
-                                       header.id == static_cast<uint16_t>(Reason::TooManyClients) && raw->ended()));
+                    EXPECT_TRUE(in || (answer.type == FrameType::Refusal && answer.status == ORU_STATUS_BUSY &&
+                                       answer.id == static_cast<uint16_t>(Reason::TooManyClients)));
                 }
-                if (held.size() == 6) {
-                    held.clear();
-                }
+                held.resize(chance() % 3 == 0 ? 0 : std::min<std::size_t>(held.size(), 6));
             }
             --running;
         });
@@ -373,7 +312,7 @@ TEST_F(ClientTest, EveryFunctionAtOnceWithNonsense) {
     std::cout << calls << " calls, " << taken_over << " with status 0\n";
     EXPECT_EQ(unanswered, 0);
     EXPECT_GT(taken_over, 100);
-    EXPECT_TRUE(daemon.alive());
+    EXPECT_FALSE(daemon.hasEnded());
     EXPECT_TRUE(listener.client.serverPing().ok()); // "serror" while the radio is off
     clients.clear();
     // The radio may be off, forming, scanning or leaving: from off on, all is as after a start.
@@ -385,13 +324,8 @@ TEST_F(ClientTest, EveryFunctionAtOnceWithNonsense) {
     EXPECT_TRUE(listener.client.setBurstSize(10).ok());
     EXPECT_TRUE(listener.client.setThrottleTimeout(20ms).ok());
     EXPECT_TRUE(listener.client.enableRadio(nullptr).ok());
-    EXPECT_TRUE(eventually([&] { return listener.up(); }));
-    if (listener.client.adapterState().value == ORU_ZB_ADAPTER_ON) {
-        EXPECT_TRUE(listener.client.formNetworkManual(15, nullptr).ok());
-    }
-    EXPECT_TRUE(eventually([&] { return listener.client.adapterState().value == ORU_ZB_ADAPTER_SERVICE_READY; }));
     EXPECT_TRUE(listener.client.ztsDisable(nullptr).ok());
-    EXPECT_TRUE(listener.client.permitJoin(true).ok());
+    EXPECT_TRUE(listener.formAndOpen());
     const int discovered = listener.count(ORU_ZB_SVC_DEVICE_DISCOVERED);
     EXPECT_TRUE(daemon.simJoin(5));
     EXPECT_TRUE(eventually([&] { return listener.count(ORU_ZB_SVC_DEVICE_DISCOVERED) > discovered; }));
@@ -429,13 +363,11 @@ TEST(AccessTest, OthersAreTurnedAwayUnlessAllowed) {
             if (setgroups(1, &row.supplementary) != 0 || setgid(65534) != 0 || setuid(65534) != 0) {
                 _exit(100);
             }
-            const Raw raw(socket_path);
-            oipc::FrameHeader header;
-            const bool told = raw.receive(header);
-            const bool in = told && header.type == FrameType::Hello;
-            const bool refused = told && header.type == FrameType::Refusal &&
-                                 header.id == static_cast<uint16_t>(Reason::NotAllowed) && raw.ended();
-            _exit(in ? 1 : refused ? 2 : raw.connected ? 3 : 4);
+            const RawClient raw(socket_path);
+            const oipc::FrameHeader answer = raw.receive().header;
+            const bool refused = answer.type == FrameType::Refusal &&
+                                 answer.id == static_cast<uint16_t>(Reason::NotAllowed) && raw.ended();
+            _exit(answer.type == FrameType::Hello ? 1 : refused ? 2 : 3);
         }
         int status = 0;
         ASSERT_EQ(waitpid(child, &status, 0), child);
@@ -450,7 +382,7 @@ TEST(AccessTest, OthersAreTurnedAwayUnlessAllowed) {
 
 TEST_F(ClientTest, MalformedFramesEndTheirOwnConnectionOnly) {
     const auto with = [](std::size_t offset, uint8_t value) { // a good call with one byte changed
-        Bytes bytes = frame(FrameType::SyncCall, ORU_ZB_SVC_PING, Bytes(8));
+        Bytes bytes = callFrame(FrameType::SyncCall, ORU_ZB_SVC_PING, Bytes(8));
         bytes[offset] = value;
         return bytes;
     };
@@ -465,27 +397,26 @@ TEST_F(ClientTest, MalformedFramesEndTheirOwnConnectionOnly) {
         {with(19, 0xFF), Reason::TooLong},
     };
     for (const std::size_t size : {4097, 60000}) {
-        rows.emplace_back(frame(FrameType::SyncCall, ORU_ZB_SVC_PING, Bytes(size)), Reason::TooLong);
+        rows.emplace_back(callFrame(FrameType::SyncCall, ORU_ZB_SVC_PING, Bytes(size)), Reason::TooLong);
     }
     for (uint8_t type = 3; type <= 8; ++type) { // the service's own frames
         for (const uint16_t id : {ORU_ZB_SVC_PING, ORU_ZB_SVC_APING, ORU_ZB_SVC_DEVICE_LEFT}) {
-            rows.emplace_back(frame(static_cast<FrameType>(type), id, Bytes(12), 0x9000), Reason::UnknownType);
+            rows.emplace_back(callFrame(static_cast<FrameType>(type), id, Bytes(12), 0x9000), Reason::UnknownType);
         }
     }
     ASSERT_NO_FATAL_FAILURE(begin());
     for (std::size_t i = 0; i < rows.size(); ++i) {
         SCOPED_TRACE(i);
         const auto &[bytes, reason] = rows[i];
-        const Raw raw(socket_path);
-        ASSERT_TRUE(raw.send(frame(FrameType::SyncCall, ORU_ZB_SVC_SPING, Bytes(8)))); // answered all the same
+        const RawClient raw(socket_path);
+        ASSERT_TRUE(raw.send(callFrame(FrameType::SyncCall, ORU_ZB_SVC_SPING, Bytes(8)))); // answered all the same
         ASSERT_TRUE(raw.send(bytes));
         for (const FrameType expected : {FrameType::Hello, FrameType::SyncResult, FrameType::Refusal}) {
-            oipc::FrameHeader header;
-            ASSERT_TRUE(raw.receive(header));
-            ASSERT_EQ(header.type, expected);
+            const oipc::FrameHeader answer = raw.receive().header;
+            ASSERT_EQ(answer.type, expected);
             if (expected == FrameType::Refusal) {
-                EXPECT_EQ(header.id, static_cast<uint16_t>(reason));
-                EXPECT_EQ(header.status, oipc::reasonInfo(reason).status);
+                EXPECT_EQ(answer.id, static_cast<uint16_t>(reason));
+                EXPECT_EQ(answer.status, oipc::reasonInfo(reason).status);
             }
         }
         EXPECT_TRUE(raw.ended());

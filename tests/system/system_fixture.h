@@ -2,6 +2,7 @@
 //
 // The real daemon in a process of its own, in a folder of its own, on the virtual mesh: real sockets, real store.
 #pragma once
+#include "../support/records.h"
 #include "corvane_client.h"
 #include <atomic>
 #include <chrono>
@@ -117,7 +118,10 @@ public:
         pid_ = -1;
         return status;
     }
-    bool alive() const { return pid_ > 0 && waitpid(pid_, nullptr, WNOHANG) == 0; }
+    bool hasEnded() const { // its status stays for wait()
+        siginfo_t info{};
+        return waitid(P_PID, static_cast<id_t>(pid_), &info, WEXITED | WNOHANG | WNOWAIT) == 0 && info.si_pid != 0;
+    }
     pid_t pid() const { return pid_; }
 
     std::string path(const std::string &name) const { return folder_ + "/" + name; }

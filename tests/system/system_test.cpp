@@ -12,51 +12,6 @@ class SystemTest : public ::testing::TestWithParam<const char *> {};
 INSTANTIATE_TEST_SUITE_P(Modes, SystemTest, ::testing::Values("descriptor", "thread"),
                          [](const auto &row) { return std::string(row.param); });
 
-oruZb_clusterCmd_t onOff(uint16_t node_id, uint8_t command, uint8_t sequence) {
-    oruZb_clusterCmd_t cmd{};
-    cmd.dest_node = node_id;
-    cmd.cluster_id = 0x0006;
-    cmd.profile_id = 0x0104;
-    cmd.dest_ep = cmd.src_ep = 1;
-    cmd.payload[0] = 0x01;
-    cmd.payload[1] = sequence;
-    cmd.payload[2] = command;
-    cmd.payload_len = 3;
-    return cmd;
-}
-
-TEST_P(SystemTest, FormJoinDiscoverRestartCommand) {
-    Daemon daemon(GetParam());
-    daemon.start();
-    std::map<uint64_t, oruZb_device_t> before;
-    {
-        Listener listener(daemon);
-        ASSERT_TRUE(listener.connect());
-        ASSERT_TRUE(listener.formAndOpen());
-        for (int i = 0; i < 6; ++i) {
-            ASSERT_TRUE(daemon.simJoin(i)) << i;
-        }
-        ASSERT_TRUE(eventually([&] { return listener.discovered().size() == 6; }));
-        before = listener.discovered();
-    }
-    EXPECT_EQ(daemon.end(SIGTERM), 0);
-    daemon.start();
-    Listener listener(daemon);
-    ASSERT_TRUE(listener.connect());
-    ASSERT_TRUE(eventually([&] { return listener.client.adapterState().value == ORU_ZB_ADAPTER_SERVICE_READY; }));
-    ASSERT_EQ(listener.client.deviceCount().value, 6U);
-    for (uint32_t i = 0; i < 6; ++i) {
-        const auto device = listener.client.deviceByIndex(i);
-        ASSERT_TRUE(device.ok());
-        EXPECT_EQ(memcmp(&device.value, &before[Listener::eui(device.value)], sizeof device.value), 0) << i;
-    }
-    const uint16_t lamp = listener.client.deviceByIndex(0).value.node_id;
-    ASSERT_TRUE(listener.client.sendCommand(onOff(lamp, 2, 0x21)).ok());
-    EXPECT_TRUE(eventually([&] { return listener.count(ORU_ZB_SVC_SENDCMD_SUCCESS) == 1; }));
-    EXPECT_TRUE(eventually([&] { return listener.count(ORU_ZB_SVC_INCOMING_MSG) >= 1; })); // default response
-    EXPECT_EQ(daemon.end(SIGINT), 0);
-}
-
 // Devices join while known ones are sent away, until the daemon is gone.
 class Storm {
 public:
@@ -170,78 +125,21 @@ TEST_P(SystemTest, TerminatesWithinTwoSecondsUnderLoad) {
     ASSERT_TRUE(listeners[0]->formAndOpen());
     (void)daemon.simJoin(0);
     std::atomic<bool> over{false};
-    std::vector<std::thread> load;
+    std::vector<std::jthread> load;
     for (auto &listener : listeners) {
         load.emplace_back([&over, &listener] {
-            uint8_t sequence = 0;
             while (!over) {
-                (void)listener->client.sendCommandAsync(onOff(0x1234, 2, ++sequence), nullptr);
+                (void)listener->client.sendCommandAsync(toggle(0x1234), nullptr);
                 (void)listener->client.serverPing();
-                (void)listener->client.callAsync(ORU_ZB_SVC_APING, {}, nullptr);
+                (void)listener->client.asyncPing(nullptr);
             }
         });
     }
-    ASSERT_TRUE(eventually([&] { return listeners[0]->count(ORU_ZB_SVC_DEVICE_DISCOVERED) == 1; }));
+    EXPECT_TRUE(eventually([&] { return listeners[0]->count(ORU_ZB_SVC_DEVICE_DISCOVERED) == 1; }));
     const auto begin = Clock::now();
     EXPECT_EQ(daemon.end(SIGTERM), 0);
     EXPECT_LT(Clock::now() - begin, 2s);
     over = true;
-    for (std::thread &thread : load) {
-        thread.join();
-    }
-}
-
-TEST(LimitsTest, ElevenClientsASleeperAndNonsense) {
-    Daemon daemon;
-    daemon.start();
-    std::vector<std::unique_ptr<Listener>> listeners;
-    for (int i = 0; i < 9; ++i) {
-        listeners.push_back(std::make_unique<Listener>(daemon));
-        ASSERT_TRUE(listeners.back()->connect());
-    }
-    corvane::Client sleeper, eleventh; // nobody delivers for the sleeper
-    corvane::Options options;
-    options.socket_path = daemon.path("run/corvane.sock");
-    ASSERT_TRUE(sleeper.connect(options).ok());
-    const auto refused = eleventh.connect(options);
-    EXPECT_EQ(refused.transport, corvane::Transport::Refused);
-    EXPECT_EQ(refused.status, ORU_STATUS_BUSY);
-
-    ASSERT_TRUE(listeners[0]->formAndOpen());
-    (void)daemon.simJoin(0);
-    ASSERT_TRUE(eventually([&] { return listeners[0]->count(ORU_ZB_SVC_DEVICE_DISCOVERED) == 1; }));
-    const uint16_t lamp = listeners[0]->client.deviceByIndex(0).value.node_id;
-    std::atomic<int> worst_ms{0};
-    std::vector<std::thread> callers;
-    for (auto &listener : listeners) { // everybody at once, each with its own answers
-        callers.emplace_back([&, client = &listener->client] {
-            for (uint8_t n = 0; n < 20; ++n) {
-                const auto begin = Clock::now();
-                const auto answer = client->sendCommand(onOff(lamp, 2, n));
-                EXPECT_TRUE(answer.ok()) << answer.describe();
-                EXPECT_EQ(answer.value.payload[1], n);
-                EXPECT_EQ(client->ping().value, "pong");
-                const auto took = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - begin);
-                worst_ms = std::max(worst_ms.load(), static_cast<int>(took.count()));
-            }
-        });
-    }
-    for (std::thread &caller : callers) {
-        caller.join();
-    }
-    for (auto &listener : listeners) { // the sleeper costs nobody an event
-        EXPECT_TRUE(eventually([&] { return listener->count(ORU_ZB_SVC_SENDCMD_SUCCESS) == 180; }))
-            << listener->count(ORU_ZB_SVC_SENDCMD_SUCCESS);
-    }
-    EXPECT_LT(worst_ms, 5000);
-    for (uint32_t id = 0; id < 0x10000; id += 251) {
-        std::vector<uint8_t> out(8);
-        const std::vector<uint8_t> in(id % 4097, 0x5A);
-        (void)listeners[1]->client.callSync(static_cast<uint16_t>(id), in, out);
-        (void)listeners[2]->client.callAsync(static_cast<uint16_t>(id), in, nullptr);
-    }
-    EXPECT_EQ(listeners[3]->client.ping().value, "pong");
-    EXPECT_EQ(daemon.end(SIGTERM), 0);
 }
 
 TEST(BadInputTest, ClearErrors) {
@@ -281,13 +179,9 @@ TEST(BadInputTest, ClearErrors) {
         Daemon daemon;
         row.spoil(daemon);
         daemon.start();
-        ASSERT_TRUE(eventually(
-            [&] {
-                return !std::ifstream("/proc/" + std::to_string(daemon.pid()) + "/exe").good() ||
-                       daemon.said().find("started in") != std::string::npos;
-            },
-            10s));
-        const int status = daemon.said().find("started in") != std::string::npos ? daemon.end(SIGKILL) : daemon.wait();
+        const auto started = [&] { return daemon.said().find("started in") != std::string::npos; };
+        ASSERT_TRUE(eventually([&] { return daemon.hasEnded() || started(); }));
+        const int status = started() ? daemon.end(SIGKILL) : daemon.wait();
         EXPECT_TRUE(WIFEXITED(status)) << status;
         if (row.exit_status >= 0) {
             EXPECT_EQ(WEXITSTATUS(status), row.exit_status);

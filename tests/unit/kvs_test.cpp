@@ -11,7 +11,6 @@
 #include <map>
 #include <mutex>
 #include <sys/file.h>
-#include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
 
@@ -172,52 +171,6 @@ TEST_F(KvsTest, TheListingMayUseTheStoreAndStop) {
     EXPECT_EQ(oruKeyValueDsHal_listKeys("g", callback), 0);
     EXPECT_EQ(names_seen, (Names{"1", "2", "3"}));
     EXPECT_EQ(list("g").size(), 4U);
-}
-
-// A child writes records as fast as it can and reports each acknowledged one; it is killed in the middle. Every
-// acknowledged value must be there, and the one in flight must be whole or absent.
-TEST_F(KvsTest, AcknowledgedValuesSurviveKill) {
-    constexpr uint32_t keys = 8;
-    const auto key = [](uint32_t i) { return "zigbee.k" + std::to_string(i % keys); };
-    const auto value = [](uint32_t i) {
-        std::string text;
-        while (text.size() < 744) {
-            text.append(reinterpret_cast<const char *>(&i), sizeof i);
-        }
-        return text;
-    };
-    uint32_t acknowledged = 0;
-    for (uint32_t round = 1; round <= 5; round++) {
-        int ends[2];
-        ASSERT_EQ(pipe(ends), 0);
-        const pid_t child = fork();
-        if (child == 0) {
-            for (uint32_t i = acknowledged + 1; set(key(i), value(i)) == 0; i++) {
-                (void)!write(ends[1], &i, sizeof i);
-            }
-            _exit(1);
-        }
-        close(ends[1]);
-        uint32_t number = 0;
-        const uint32_t enough = acknowledged + 60 + 37 * round;
-        while (read(ends[0], &number, sizeof number) == sizeof number) {
-            acknowledged = number;
-            if (number == enough) {
-                kill(child, SIGKILL);
-            }
-        }
-        close(ends[0]);
-        int status = 0;
-        waitpid(child, &status, 0);
-        ASSERT_TRUE(WIFSIGNALED(status));
-        for (uint32_t i = acknowledged - keys + 1; i <= acknowledged; i++) {
-            const std::string stored = get(key(i));
-            const bool in_flight = i + keys == acknowledged + 1 && stored == value(acknowledged + 1);
-            EXPECT_TRUE(stored == value(i) || in_flight) << "round " << round << " record " << i;
-        }
-        restart();
-    }
-    EXPECT_EQ(errorLines(), 0U);
 }
 
 // One run of operations while the medium misbehaves from write `first` on for `count` writes. The model is what a

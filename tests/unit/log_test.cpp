@@ -1,36 +1,19 @@
 // SPDX-License-Identifier: Apache-2.0
+#include "../support/allocation_counter.h"
 #include "log_sinks.h"
 #include "oru_log_setup.h"
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <cstdlib>
 #include <fcntl.h>
 #include <filesystem>
 #include <gtest/gtest.h>
-#include <new>
 #include <regex>
 #include <sstream>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
-
-static size_t allocations = 0;
-
-// Both operators are replaced together; the compiler sees only one of them inlined.
-#pragma GCC diagnostic ignored "-Wmismatched-new-delete"
-void *operator new(size_t size) {
-    ++allocations;
-    void *block = std::malloc(size);
-    return block == nullptr ? throw std::bad_alloc() : block;
-}
-void operator delete(void *block) noexcept {
-    std::free(block);
-}
-void operator delete(void *block, size_t) noexcept {
-    std::free(block);
-}
 
 namespace {
 
@@ -93,7 +76,7 @@ TEST_F(Log, MakesOneHarmlessLineOfAnyTextWithoutAllocating) {
     };
     ASSERT_EQ(logTo(file), ORU_STATUS_OK) << error;
     log("first"); // may set up the time zone
-    const size_t before = allocations;
+    const uint64_t before = allocations;
     errno = EXDEV;
     for (const auto &[text, expected] : cases) {
         log(text);

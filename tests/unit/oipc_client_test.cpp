@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // The client library against the real server, and against a test's own idea of a service where that must misbehave.
+#include "../support/records.h"
 #include "corvane_client.h"
 #include "oipc_fixture.h"
 #include <array>
@@ -33,11 +34,6 @@ protected:
     corvane::Options options;
     Client client;
 };
-
-Payload bytesOf(const oruZb_getDevice_t &record) {
-    const auto *bytes = reinterpret_cast<const uint8_t *>(&record);
-    return {bytes, bytes + sizeof record};
-}
 
 } // namespace
 
@@ -318,7 +314,7 @@ TEST_F(ClientTest, AServiceThatTalksNonsenseLosesTheClient) {
     for (const auto &[speech, expected] : rows) {
         Client fresh;
         std::jthread played([&, &speech = speech] {
-            const RawClient peer(listener.accept());
+            const RawClient peer(::accept4(listener.fd(), nullptr, nullptr, SOCK_CLOEXEC));
             peer.send(frameOf({.type = FrameType::Hello}, {hello.begin(), hello.end()}));
             peer.receive(); // the call
             peer.send(speech);

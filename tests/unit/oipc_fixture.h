@@ -1,31 +1,27 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// A server on a socket in its own folder, with a service handler that tests steer, and a client that speaks raw frames.
+// A server on a socket in its own folder, with a service handler that tests steer.
 #pragma once
-#include "oipc_wire.h"
+#include "../support/raw_client.h"
 #include "oru_config.h"
 #include "oru_oipc.h"
 #include <algorithm>
 #include <atomic>
 #include <condition_variable>
-#include <cstring>
 #include <filesystem>
 #include <functional>
 #include <gtest/gtest.h>
 #include <mutex>
-#include <poll.h>
 #include <string>
-#include <sys/socket.h>
-#include <sys/un.h>
 #include <thread>
-#include <unistd.h>
 #include <vector>
 
 namespace oipc_test {
 
 using Payload = std::vector<uint8_t>;
 using oipc::FrameType;
-constexpr auto PATIENCE = std::chrono::milliseconds(30000); // far beyond what anything here takes
+using namespace testplat;
+constexpr auto PATIENCE = std::chrono::milliseconds(PATIENCE_MS);
 
 // Functions of the test service; all others do what `custom` does.
 enum : uint16_t {
@@ -101,22 +97,6 @@ private:
     bool gate_open_ = false;
 };
 
-struct RawFrame {
-    oipc::FrameHeader header{.type = FrameType{}}; // without a type: the connection has ended
-    Payload payload;
-};
-
-// A bound socket of the path's, connected or listening.
-template <class Join>
-int openSocket(const std::string &path, Join join) {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
-    const int fd = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
-    EXPECT_EQ(join(fd, reinterpret_cast<const sockaddr *>(&address), socklen_t{sizeof address}), 0);
-    return fd;
-}
-
 // A listening socket of the test's own, to play the service.
 inline int listenAt(const std::string &path) {
     const int fd = openSocket(path, ::bind);
@@ -124,53 +104,16 @@ inline int listenAt(const std::string &path) {
     return fd;
 }
 
-inline Payload frameOf(oipc::FrameHeader header, const Payload &payload = {}) {
-    header.payload_length = static_cast<uint32_t>(payload.size());
-    const auto encoded = oipc::encodeHeader(header);
-    Payload bytes(encoded.size() + payload.size());
-    std::ranges::copy(payload, std::ranges::copy(encoded, bytes.begin()).out);
-    return bytes;
+inline RawFrame call(const RawClient &client, uint16_t function_id, const Payload &payload = {}) {
+    EXPECT_TRUE(client.send(frameOf({.type = FrameType::SyncCall, .id = function_id, .sequence = 77}, payload)));
+    return client.receive();
 }
 
-class RawClient {
-public:
-    explicit RawClient(int fd) : fd_(fd) {}
-    explicit RawClient(const std::string &path) : fd_(openSocket(path, ::connect)) {}
-    ~RawClient() { ::close(fd_); }
-    RawClient(const RawClient &) = delete;
-    RawClient &operator=(const RawClient &) = delete;
-
-    int accept() const { return ::accept4(fd_, nullptr, nullptr, SOCK_CLOEXEC); }
-    void send(const Payload &frame) const {
-        EXPECT_EQ(::send(fd_, frame.data(), frame.size(), MSG_NOSIGNAL), std::ssize(frame));
-    }
-    RawFrame receive() const {
-        Payload bytes(oipc::MAX_FRAME);
-        pollfd entry{fd_, POLLIN, 0};
-        EXPECT_EQ(::poll(&entry, 1, static_cast<int>(PATIENCE.count())), 1) << "nothing came";
-        const ssize_t count = ::recv(fd_, bytes.data(), bytes.size(), MSG_DONTWAIT);
-        EXPECT_GE(count, 0) << "the connection was broken, not ended";
-        RawFrame frame;
-        if (count > 0) {
-            bytes.resize(static_cast<std::size_t>(count));
-            EXPECT_EQ(oipc::decodeHeader(bytes, bytes.size(), frame.header), oipc::Reason::None);
-            frame.payload.assign(bytes.begin() + oipc::HEADER_SIZE, bytes.end());
-        }
-        return frame;
-    }
-    RawFrame call(uint16_t function_id, const Payload &payload = {}) const {
-        send(frameOf({.type = FrameType::SyncCall, .id = function_id, .sequence = 77}, payload));
-        return receive();
-    }
-    uint16_t hello() const { // reads the greeting; 0 when something else came
-        oipc::Hello hello;
-        const RawFrame frame = receive();
-        const bool greeted = frame.header.type == FrameType::Hello && oipc::decodeHello(frame.payload, hello);
-        return greeted ? hello.client_id : uint16_t{0};
-    }
-
-private:
-    int fd_;
-};
+inline uint16_t hello(const RawClient &client) { // reads the greeting; 0 when something else came
+    oipc::Hello hello;
+    const RawFrame frame = client.receive();
+    const bool greeted = frame.header.type == FrameType::Hello && oipc::decodeHello(frame.payload(), hello);
+    return greeted ? hello.client_id : uint16_t{0};
+}
 
 } // namespace oipc_test

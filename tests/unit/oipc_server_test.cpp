@@ -44,7 +44,7 @@ TEST_F(OipcTest, StartRefusesWhatItCannotServe) {
     ::close(other); // leaves a stale socket behind
     ASSERT_EQ(start(), ORU_STATUS_OK);
     EXPECT_EQ(start(), ORU_STATUS_ALREADY_INITIALIZED);
-    EXPECT_EQ(RawClient(path).hello(), 1);
+    EXPECT_EQ(hello(RawClient(path)), 1);
     stop();
     EXPECT_FALSE(std::filesystem::exists(path));
 }
@@ -84,12 +84,12 @@ TEST_F(OipcTest, CallsGetAZeroedBufferAndTheirResultBack) {
     };
     ASSERT_EQ(start(), ORU_STATUS_OK);
     const RawClient client(path);
-    EXPECT_EQ(client.hello(), 1);
+    EXPECT_EQ(hello(client), 1);
     for (const auto &each : cases) {
-        const RawFrame result = client.call(CUSTOM, numbered(each.size));
+        const RawFrame result = call(client, CUSTOM, numbered(each.size));
         EXPECT_EQ(result.header.status, each.expected);
         EXPECT_EQ(result.header.sequence, 77U);
-        EXPECT_EQ(result.payload, Payload(each.size, 0xAA));
+        EXPECT_EQ(result.payload(), Payload(each.size, 0xAA));
     }
 }
 
@@ -101,23 +101,23 @@ TEST_F(OipcTest, CallbackMayOvertakeTheResultAndLimitsHold) {
     };
     ASSERT_EQ(start(), ORU_STATUS_OK);
     const RawClient client(path);
-    ASSERT_EQ(client.hello(), 1);
+    ASSERT_EQ(hello(client), 1);
     client.send(frameOf({.type = FrameType::AsyncCall, .id = CUSTOM, .callback_id = 515, .sequence = 5}, {1, 2}));
     const RawFrame called = client.receive();
     EXPECT_EQ(called.header.type, FrameType::Callback);
     EXPECT_EQ(called.header.id, 515);
-    EXPECT_EQ(called.payload, (Payload{9, 8, 7}));
+    EXPECT_EQ(called.payload(), (Payload{9, 8, 7}));
     const RawFrame result = client.receive();
     EXPECT_EQ(result.header.type, FrameType::AsyncResult);
     EXPECT_EQ(result.header.sequence, 5U);
-    EXPECT_TRUE(result.payload.empty());
+    EXPECT_TRUE(result.payload().empty());
 
     EXPECT_EQ(callback(2, 515, {}), ORU_STATUS_NOT_FOUND);
     const oruOipc_eventParams_t dangling{1, nullptr, 1};
     EXPECT_EQ(oruOipc_publishEvent(handle, &dangling), ORU_STATUS_NULL_POINTER);
     EXPECT_EQ(publish(1, Payload(101)), ORU_STATUS_DATA_LEN_INVALID);
     EXPECT_EQ(publish(1, Payload(100)), ORU_STATUS_OK);
-    EXPECT_EQ(client.receive().payload.size(), 100U);
+    EXPECT_EQ(client.receive().payload().size(), 100U);
     client.send(frameOf({.type = FrameType::SyncCall, .id = BLOCK}));
     for (int i = 0; i < 3; ++i) { // what comes behind a refused frame must not hide the refusal
         client.send(frameOf({.type = FrameType::SyncCall, .id = ECHO}, Payload(101)));
@@ -128,7 +128,7 @@ TEST_F(OipcTest, CallbackMayOvertakeTheResultAndLimitsHold) {
     stop(); // closes the server's end
     EXPECT_EQ(client.receive().header.type, FrameType::SyncResult);
     EXPECT_EQ(client.receive().header.id, static_cast<uint16_t>(Reason::TooLong));
-    EXPECT_EQ(client.receive().header.type, FrameType{});
+    EXPECT_EQ(client.receive().header.type, ENDED);
     ASSERT_EQ(start(), ORU_STATUS_OK);
     EXPECT_EQ(oruOipc_stop(&stale), ORU_STATUS_UNINITIALIZED);
 }
@@ -138,8 +138,8 @@ TEST_F(OipcTest, ClientsGoneDuringTheirCallsCountNoMoreButAreBounded) {
     ASSERT_EQ(start(), ORU_STATUS_OK);
     for (uint16_t id = 1; id <= 4; ++id) { // two at a time may be connected
         const RawClient doomed(path);
-        EXPECT_EQ(doomed.hello(), id) << "a client that has just gone makes room at once";
-        EXPECT_EQ(doomed.call(ECHO, {5}).payload, Payload{5}) << "others block";
+        EXPECT_EQ(hello(doomed), id) << "a client that has just gone makes room at once";
+        EXPECT_EQ(call(doomed, ECHO, {5}).payload(), Payload{5}) << "others block";
         doomed.send(frameOf({.type = FrameType::SyncCall, .id = BLOCK}, numbered(100)));
         ASSERT_TRUE(waitFor(blocked, id));
         EXPECT_EQ(callback(id, 600, {1}), ORU_STATUS_OK);
@@ -172,21 +172,21 @@ TEST_F(OipcTest, QueuedFramesKeepTheirOrderAndAFullQueueEndsTheConnection) {
         for (uint32_t i = 0; i < count; ++i) {
             const RawFrame frame = client.receive();
             ASSERT_EQ(frame.header.type, FrameType::Callback) << i;
-            ASSERT_EQ(oipc::get<uint32_t>(frame.payload, 0), i);
+            ASSERT_EQ(oipc::get<uint32_t>(frame.payload(), 0), i);
         }
     };
     const RawClient sleeper(path);
     const RawClient reader(path);
-    EXPECT_EQ(sleeper.hello() + reader.hello(), 1 + 2);
+    EXPECT_EQ(hello(sleeper) + hello(reader), 1 + 2);
     const uint32_t taken = fill(1, 100000);
     EXPECT_EQ(callback(1, 700, {}), ORU_STATUS_NOT_FOUND);
     expectFrames(sleeper, taken - uint32_t{oipc::QUEUE_FRAMES}); // those that the kernel had taken
-    EXPECT_EQ(sleeper.receive().header.type, FrameType{});
+    EXPECT_EQ(sleeper.receive().header.type, ENDED);
     for (int round = 0; round < 2; ++round) { // the second one goes across the end of the queue's places
         EXPECT_EQ(fill(2, taken - 10), taken - 10);
         expectFrames(reader, taken - 10);
     }
-    EXPECT_EQ(reader.call(ECHO, {1}).payload, Payload{1});
+    EXPECT_EQ(call(reader, ECHO, {1}).payload(), Payload{1});
 }
 
 TEST_F(OipcTest, EventsOfSeveralThreadsReachEveryClientInOneOrder) {
@@ -195,7 +195,7 @@ TEST_F(OipcTest, EventsOfSeveralThreadsReachEveryClientInOneOrder) {
     ASSERT_EQ(start(), ORU_STATUS_OK);
     const RawClient one(path);
     const RawClient two(path);
-    EXPECT_EQ(one.hello() + two.hello(), 1 + 2);
+    EXPECT_EQ(hello(one) + hello(two), 1 + 2);
     std::array<uint8_t, THREADS> next{};
     std::vector<std::jthread> threads;
     for (uint8_t t = 0; t < THREADS; ++t) {
@@ -206,10 +206,10 @@ TEST_F(OipcTest, EventsOfSeveralThreadsReachEveryClientInOneOrder) {
         });
     }
     for (int i = 0; i < THREADS * EACH; ++i) {
-        const Payload event = one.receive().payload;
+        const Payload event = one.receive().payload();
         ASSERT_EQ(event.size(), 2U);
         EXPECT_EQ(event[1], next.at(event[0])++);
-        EXPECT_EQ(two.receive().payload, event);
+        EXPECT_EQ(two.receive().payload(), event);
     }
 }
 
@@ -226,23 +226,23 @@ TEST_F(OipcTest, WithoutADescriptorAClientIsTurnedAwayAndTheNextIsServed) {
         }
         return ::connect(fd, address...);
     }));
-    EXPECT_EQ(unlucky.receive().header.type, FrameType{});
+    EXPECT_EQ(unlucky.receive().header.type, ENDED);
     all.clear();
     EXPECT_EQ(::setrlimit(RLIMIT_NOFILE, &former), 0);
-    EXPECT_EQ(RawClient(path).hello(), 1);
+    EXPECT_EQ(hello(RawClient(path)), 1);
 }
 
 TEST_F(OipcTest, StopWaitsForCallsUnderWayAndDeliversTheirResults) {
     ASSERT_EQ(start(), ORU_STATUS_OK);
     const RawClient busy(path);
     const RawClient idle(path);
-    EXPECT_EQ(busy.hello() + idle.hello(), 1 + 2);
+    EXPECT_EQ(hello(busy) + hello(idle), 1 + 2);
     busy.send(frameOf({.type = FrameType::SyncCall, .id = BLOCK}));
     busy.send(frameOf({.type = FrameType::SyncCall, .id = ECHO})); // waits behind it and is not taken any more
     ASSERT_TRUE(waitFor(blocked, 1));
     const auto copy = handle;
     auto stopped = std::async(std::launch::async, [this] { stop(); });
-    EXPECT_EQ(idle.receive().header.type, FrameType{});
+    EXPECT_EQ(idle.receive().header.type, ENDED);
     EXPECT_FALSE(std::filesystem::exists(path));
     EXPECT_EQ(stopped.wait_for(std::chrono::seconds(0)), std::future_status::timeout);
     const oruOipc_eventParams_t event{};
@@ -250,9 +250,9 @@ TEST_F(OipcTest, StopWaitsForCallsUnderWayAndDeliversTheirResults) {
     openGate();
     stopped.get();
     EXPECT_EQ(disconnected, 2);
-    for (const FrameType expected : {FrameType::SyncResult, FrameType::Refusal, FrameType{}}) {
+    for (const FrameType expected : {FrameType::SyncResult, FrameType::Refusal, ENDED}) {
         const RawFrame frame = busy.receive();
         EXPECT_EQ(frame.header.type, expected);
-        EXPECT_EQ(frame.header.status, expected == FrameType{} ? 0 : ORU_STATUS_CANCELED);
+        EXPECT_EQ(frame.header.status, expected == ENDED ? 0 : ORU_STATUS_CANCELED);
     }
 }

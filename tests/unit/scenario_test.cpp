@@ -16,40 +16,30 @@ namespace {
 const char *const kFaults = R"(name = => 1:8:
 zz = 1\naa = 1 => 1:1: unknown key "zz" in the scenario; known: name, seed
 name = 5 => 1:8: name must be a text
-name = "a\tb" => 1:8: name must have at most 32 characters, all printable ASCII
 name = "0123456789012345678901234567890123" => 1:8: name must have at most 32
-seed = -1 => 1:8: seed must be an integer from 0 to
 speed = nan => 1:9: speed must be a number
 air = 3 => 1:7: air must be a table: [air]
 [air]\nloss = 1.01 => 2:8: loss must be a number from 0 to 1
 [coordinator]\nfirmware_version = [1, 256] => 2:24: a part of firmware_version
-[coordinator]\nfirmware_version = [] => 2:20: firmware_version must be a list
 [coordinator]\neui64 = "ff:ff:ff:ff:ff:ff:ff:ff" => 2:9: eui64 must be eight hexadecimal bytes
 [energy_dbm]\n10 = -50 => 2:1: unknown key "10"
 [[foreign_network]]\nchannel = 11 => 1:1: foreign_network needs the key "pan_id"
-device = [1] => 1:11: device must hold tables only: [[device]]
 device = 1 => 1:10: device must be at most 500 tables
 [[device]]\nname = "a" => 1:1: device needs the key "eui64"
-[[device]]\nname = "a b"\neui64 = "02:00:00:00:00:00:00:01" => 2:8: name must be 1 to 32 of the
 [[device]]\nname = "a"\neui64 = "02-00-00-00-00-00-00-01" => 3:9: eui64 must be eight
 [[device]]\nname = "a"\neui64 = "02:00:c0:ff:fe:00:00:01" => 3:9: eui64 02:00:c0:ff:fe:00:00:01 is that of
-@a role = "coordinator" => 4:8: role must be "router",
 @a install_code_only = true => 4:21: install_code_only needs an install_code
 @a install_code = "83FED3407A939723A5C639B26916D505" => 4:16: install_code must be 36 hex
 @a install_code = "83FED3407A939723A5C639B26916D505B5C3" => 4:16: the CRC in the last two
 @a install_code = "83FED3407A939723A5C639B26916D505 C3B5"\nrole = 1 => 5:8:
 @a install_code_crc = "compute"\ninstall_code = "83FE" => 5:16: install_code must be 32 hex
-@a install_code_crc = "none" => 4:20: install_code_crc must be "given" or "compute"
-@a faults.silent = 1 => 4:17: silent must be true or false
 @a endpoint = [{device_id = 1}] => 4:13: endpoint needs the key "id"
 @a endpoint = [{id = 1}, {id = 1}] => 4:29: endpoint 1 is there twice
 @a endpoint = [{id = 1, input_clusters = [6, "on_off"]}] => 4:43: cluster listed twice in
 @a endpoint = [{id = 1, input_clusters = ["onoff"]}] => 4:40: unknown cluster "onoff"; known:
-@a endpoint = [{id = 1, input_clusters = [65536]}] => 4:40: a cluster must be a number from 0
 @a report = [{cluster = 6, attribute = 0}] => 4:11: the device has no endpoint 1
 @a endpoint = [{id = 1}]\nreport = [{cluster = 6, attribute = 0}] => 5:22: endpoint 1 does not have this cluster in
 @a endpoint = [{id = 1, input_clusters = [6]}]\nreport = [{cluster = 6, attribute = 0x4001}] => 5:37: the cluster has no
-@a endpoint = [{id = 1, input_clusters = [6]}]\nreport = [{cluster = 6, attribute = "x"}] => 5:37: the cluster has no
 @a @a => 5:8: name "a" is taken by the device in line 2
 @a [[device]]\nname = "b"\neui64 = "02:00:00:00:00:00:00:0a" => 6:9: eui64 02:00:00:00:00:00:00:0a is taken by
 @a parent = "x" => 4:10: parent "x" is not the name of a device
