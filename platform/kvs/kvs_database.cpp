@@ -14,7 +14,7 @@
 namespace {
 
 constexpr int schema_version = 1;
-constexpr int schema_limit = 256; // no release will get that far: a higher number is damage, not progress
+constexpr long schema_mark = 0x43560000; // "CV"; with the number of the schema it is the application_id
 
 constexpr const char *schema_sql =
     "BEGIN IMMEDIATE;"
@@ -22,8 +22,9 @@ constexpr const char *schema_sql =
     " PRIMARY KEY(\"group\", name)) WITHOUT ROWID;"
     "CREATE TABLE quarantine(id INTEGER PRIMARY KEY, \"group\", name, value, crc32c, reason TEXT, time TEXT);"
     "PRAGMA user_version=1;"
+    "PRAGMA application_id=1129709569;"
     "COMMIT";
-static_assert(schema_version == 1, "schema_sql writes the number too");
+static_assert(schema_version == 1 && schema_mark + schema_version == 1129709569, "schema_sql writes the numbers too");
 
 // Indexed by kvsStatementId_t.
 constexpr std::array<const char *, KVS_STATEMENT_COUNT> statement_sql = {
@@ -130,8 +131,12 @@ kvsResult_t foreign(const std::string &path, const std::string &what) {
 
 kvsResult_t createOrCheckSchema(sqlite3 *connection, const std::string &path) {
     std::string version;
+    std::string mark;
     std::string tables;
     kvsResult_t result = queryText(connection, path, "PRAGMA user_version", version);
+    if (result.ok()) {
+        result = queryText(connection, path, "PRAGMA application_id", mark);
+    }
     if (result.ok()) {
         result = queryText(connection, path, "SELECT count(*) FROM sqlite_master", tables);
     }
@@ -142,7 +147,8 @@ kvsResult_t createOrCheckSchema(sqlite3 *connection, const std::string &path) {
         return result;
     }
     const long number = strtol(version.c_str(), nullptr, 10);
-    if (number > schema_version && number < schema_limit) {
+    // A later release has written its number twice; once only is damage, not progress.
+    if (number > schema_version && strtol(mark.c_str(), nullptr, 10) == schema_mark + number) {
         return {KVS_NEWER_SCHEMA, "cannot use " + path + ": it was written by a newer release (schema " + version +
                                       ", this one knows up to " + std::to_string(schema_version) +
                                       "); install that release again or set another store.directory"};

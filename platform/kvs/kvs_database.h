@@ -3,7 +3,8 @@
 // The database file behind the key-value store: one connection to SQLite, its prepared statements, and the checks that
 // keep damage local. Not thread-safe; oru_kvs.cpp calls everything here under its mutex.
 //
-// File corvane.db, schema version 1 (PRAGMA user_version):
+// File corvane.db, schema version 1 (PRAGMA user_version, and again in the low half of application_id, whose high half
+// is "CV"):
 //   records     "group" TEXT, name TEXT, value BLOB, crc32c INTEGER; primary key (group, name), without rowid, so that
 //               a record lives in exactly one place of the file.
 //   quarantine  records that failed their check, as they were, with reason and UTC time.
