@@ -66,6 +66,7 @@ bool wantsColour(const Settings &settings, const MainOptions &options) {
 }
 
 int report(const Failure &failure, bool json) {
+    fmt::print(stderr, "corvanectl: {}\n", failure.what());
     if (json) {
         Json object;
         object["error"] = failure.what();
@@ -75,7 +76,6 @@ int report(const Failure &failure, bool json) {
         object.update(failure.details);
         printJson(object);
     }
-    fmt::print(stderr, "corvanectl: {}\n", failure.what());
     return static_cast<int>(failure.exit);
 }
 
@@ -148,8 +148,8 @@ int runProgram(int argc, char **argv) {
 int main(int argc, char **argv) {
     try {
         return corvane::ctl::runProgram(argc, argv);
-    } catch (const std::exception &error) { // out of memory and the like
-        std::fprintf(stderr, "corvanectl: %s\n", error.what());
+    } catch (const std::exception &error) { // out of memory, nowhere to write, and the like
+        (void)std::fprintf(stderr, "corvanectl: %s\n", error.what());
         return static_cast<int>(corvane::ctl::Exit::Refused);
     }
 }

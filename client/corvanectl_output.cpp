@@ -1,8 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "corvanectl_output.h"
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <fmt/format.h>
+#include <system_error>
 
 namespace corvane::ctl {
 
@@ -114,11 +116,11 @@ void printLine(std::string_view line) {
     while (line.ends_with(' ')) {
         line.remove_suffix(1);
     }
-    std::fwrite(line.data(), 1, line.size(), stdout);
-    if (!line.ends_with('\n')) {
-        std::fputc('\n', stdout);
+    const bool ended = line.ends_with('\n');
+    if (std::fwrite(line.data(), 1, line.size(), stdout) != line.size() ||
+        (!ended && std::fputc('\n', stdout) == EOF) || std::fflush(stdout) != 0) {
+        throw std::system_error(errno, std::generic_category(), "the output cannot be written");
     }
-    std::fflush(stdout);
 }
 
 std::string jsonLine(const Json &object) {

@@ -33,7 +33,7 @@ private:
     std::vector<std::vector<std::string>> rows_;
 };
 
-// Both write to standard output and flush.
+// Both write to standard output and flush; std::system_error when they cannot.
 void printLine(std::string_view line);
 void printJson(const Json &object);
 std::string jsonLine(const Json &object);

@@ -176,6 +176,14 @@ void addInstallCodes(Session &session, const std::vector<std::string> &words) {
                                devices.size(), devices.size() == 1 ? "" : "s", devices.size() == 1 ? "it" : "them"));
 }
 
+void enableInstallCodes(Session &session, bool enable) {
+    session.complete("install codes", [enable](Client &client, const Completion &done) {
+        return enable ? client.ztsEnable(done) : client.ztsDisable(done);
+    });
+    session.answer({{"status", 0}, {"install_codes", enable ? "enabled" : "disabled"}},
+                   enable ? "joining is open for devices with a known install code" : "joining is closed");
+}
+
 void addJoining(CLI::App &app, Session &session) {
     auto *permit_command = app.add_subcommand("permit", "Open or close the network for new devices");
     permit_command->require_subcommand(1);
@@ -200,16 +208,8 @@ void addJoining(CLI::App &app, Session &session) {
     });
     for (const bool enable : {true, false}) {
         codes->add_subcommand(enable ? "enable" : "disable", enable ? "Only these devices may join" : "Nobody may join")
-            ->callback([&session, enable] {
-                session.run = [&session, enable] {
-                    session.complete("install codes", [&](Client &client, const Completion &done) {
-                        return enable ? client.ztsEnable(done) : client.ztsDisable(done);
-                    });
-                    session.answer({{"status", 0}, {"install_codes", enable ? "enabled" : "disabled"}},
-                                   enable ? "joining is open for devices with a known install code"
-                                          : "joining is closed");
-                };
-            });
+            ->callback(
+                [&session, enable] { session.run = [&session, enable] { enableInstallCodes(session, enable); }; });
     }
 }
 

@@ -94,7 +94,7 @@ Json ask(const Session &session, const Json &request) {
     const Socket socket;
     connectTo(socket, session.simSocketPath());
     const auto deadline = Clock::now() + session.timeout();
-    const Json answer = Json::parse(exchange(socket, jsonLine(request) + "\n", deadline), nullptr, false);
+    Json answer = Json::parse(exchange(socket, jsonLine(request) + "\n", deadline), nullptr, false);
     if (!answer.is_object() || !answer.contains("ok") || !answer["ok"].is_boolean()) {
         throw Failure(Exit::Refused, "the virtual mesh answered something that is not understood; are its version and "
                                      "that of corvanectl the same?");

@@ -180,8 +180,9 @@ private:
         const std::size_t columns = 4;
         for (std::size_t i = 0; i < map_.detached.size(); ++i) {
             PlacedNode &node = layout_.nodes[map_.detached[i]];
+            const std::size_t row = 2 + i / columns;
             node.x = (static_cast<double>(i % columns) - (columns - 1) / 2.0) * DETACHED_COLUMN;
-            node.y = bottom + 2 * DETACHED_ROW + static_cast<double>(i / columns) * DETACHED_ROW;
+            node.y = bottom + static_cast<double>(row) * DETACHED_ROW;
         }
     }
 
@@ -482,7 +483,8 @@ std::string latencySvg(const std::vector<LatencySeries> &series) {
     svg += fmt::format("<text class=\"title\" x=\"{0}\" y=\"36\">Round trips</text>\n<text class=\"sub\" x=\"{0}\" "
                        "y=\"56\">from command to answer, ms; the bar marks the median</text>\n",
                        MARGIN);
-    for (double tick = 0; tick <= limit + step / 2; tick += step) {
+    for (int line = 0; line * step <= limit + step / 2; ++line) {
+        const double tick = line * step;
         svg += fmt::format("<line x1=\"{0:.1f}\" y1=\"{1:.1f}\" x2=\"{0:.1f}\" y2=\"{2:.1f}\" "
                            "stroke=\"#e4e7eb\"/><text class=\"addr mid\" x=\"{0:.1f}\" y=\"{3:.1f}\">{4:g}</text>\n",
                            xOf(tick), HEADER + MARGIN - 8, bottom, bottom + 18, tick);
