@@ -22,6 +22,7 @@
 #include <algorithm>
 #include <array>
 #include <chrono>
+#include <climits>
 #include <cstring>
 #include <future>
 #include <gtest/gtest.h>
@@ -50,12 +51,14 @@ inline void resetProcess() { // what no shut-down resets
     test_without_qel = false;
 }
 // As the process entry does it; false when the service cannot run.
-inline bool startService(std::string device) {
+inline bool startService(const char *device) {
+    static std::string name; // the service keeps the pointer
+    name = device;
     (void)oruZb_timersInit();
     (void)oruZb_databaseInit();
     oruZb_ztsListInit();
     oruZb_serverInit();
-    return oruZb_init(device.data()) == ORU_STATUS_OK;
+    return oruZb_init(name.data()) == ORU_STATUS_OK;
 }
 inline void endService() {
     oruZb_stop();

@@ -363,7 +363,9 @@ oru_status_t oruTime_timerDelete(oruTimer_t *timer) {
     const oru_status_t status = testplat::time::withTimer("oruTime_timerDelete", timer, [](auto &t) {
         std::erase_if(testplat::time::timers, [id = t.id](const auto &other) { return other.id == id; });
     });
-    timer->id = status == 0 ? 0 : timer->id;
+    if (status == ORU_STATUS_OK) {
+        timer->id = 0;
+    }
     return status;
 }
 
