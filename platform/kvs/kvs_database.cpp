@@ -226,7 +226,7 @@ kvsResult_t openAndCheck(kvsDatabase_t &database, int busy_timeout_ms) {
     sqlite3 *const connection = database.connection.get();
     (void)sqlite3_busy_timeout(connection, busy_timeout_ms);
     result = createOrCheckSchema(connection, path);
-    if (result.ok() && hasStrangeFormat(connection, path)) {
+    if ((result.ok() || (result.code & 0xFF) == SQLITE_READONLY) && hasStrangeFormat(connection, path)) {
         result = {SQLITE_CORRUPT, "cannot use " + path + ": its header is damaged"};
     }
     if (result.ok()) {
