@@ -84,7 +84,7 @@ public:
         if (size == 0) {
             frame.header.type = ENDED;
         } else if (oipc::decodeHeader(bytes, bytes.size(), frame.header) != oipc::Reason::None) {
-            frame.header.type = NOTHING;
+            frame.header = {.type = NOTHING}; // nor is its length to be believed
         }
         return frame;
     }
