@@ -8,6 +8,8 @@ namespace hal = testplat::hal;
 
 namespace {
 
+constexpr int32_t DESCRIPTOR = INT32_MAX; // makes it descriptor mode; nobody has to be woken
+
 class CommandTest : public ServiceTest {
 protected:
     void SetUp() override {
@@ -28,6 +30,13 @@ protected:
         return count;
     }
     static oruZb_clusterCmd_t lastEvent() { return recordOf<oruZb_clusterCmd_t>(ipc::events().back().payload); }
+    static std::chrono::steady_clock::duration sendToggles(int count) {
+        const auto before = std::chrono::steady_clock::now();
+        for (int i = 0; i < count; ++i) {
+            (void)callAsync(ORU_ZB_SVC_SEND_CLUSTER_CMD_ASYNC, bytesOf(toggle(0x1001)));
+        }
+        return std::chrono::steady_clock::now() - before;
+    }
     static uint32_t openTransactions() { return oruMp_testBlocksOut(mp_zb_txnl_handle); }
 };
 
@@ -76,18 +85,68 @@ TEST_F(CommandTest, EventByConfirmationStatus) {
 }
 
 TEST_F(CommandTest, EleventhSendWaitsAndGoesOut) {
-    for (int i = 0; i < 10; ++i) {
-        (void)callAsync(ORU_ZB_SVC_SEND_CLUSTER_CMD_ASYNC, bytesOf(toggle(0x1001)));
+    for (const bool descriptor : {false, true}) {
+        SCOPED_TRACE(descriptor);
+        zb_hal_signal = descriptor ? DESCRIPTOR : -1;
+        size_t turns = 0;
+        hal::on_process = [&turns] { ++turns; };
+        forget();
+        sent().clear();
+        sendToggles(10);
+        EXPECT_EQ(turns, 0U);
+        EXPECT_FALSE(testplat::log::has("throttle sem timed out"));
+        EXPECT_GE(sendToggles(1), std::chrono::milliseconds(20));
+        EXPECT_EQ(testplat::log::count("throttle sem timed out"), 1U);
+        EXPECT_LE(turns, descriptor ? 21U : 0U); // one before and one after each of at most twenty slices
+        EXPECT_EQ(sent().size(), 11U);
+        hal::confirmAll();
+        EXPECT_EQ(tokens(), 10U); // never above the burst size
+        EXPECT_EQ(openTransactions(), 0U);
     }
-    EXPECT_FALSE(testplat::log::has("throttle sem timed out"));
-    const auto before = std::chrono::steady_clock::now();
-    (void)callAsync(ORU_ZB_SVC_SEND_CLUSTER_CMD_ASYNC, bytesOf(toggle(0x1001)));
-    EXPECT_GE(std::chrono::steady_clock::now() - before, std::chrono::milliseconds(20));
-    EXPECT_TRUE(testplat::log::has("throttle sem timed out"));
-    EXPECT_EQ(sent().size(), 11U);
-    hal::confirmAll();
-    EXPECT_EQ(tokens(), 10U); // never above the burst size
-    EXPECT_EQ(openTransactions(), 0U);
+}
+
+TEST_F(CommandTest, WaitEndsWithALateConfirmationTheClockOrAFullQueue) {
+    struct Row {
+        bool descriptor;
+        uint32_t timeout_ms;
+        std::function<void(size_t turn)> in_turn;
+        size_t turns;   // until the wait is over
+        bool timed_out; // and has it got no token?
+    };
+    const auto confirm_in = [](size_t last) {
+        return [last](size_t turn) { turn == last ? hal::confirm(0) : (void)0; };
+    };
+    const auto fill_queue = [](size_t) {
+        while (!oruZb_msgQueueIsFull()) {
+            ASSERT_EQ(oruZb_timerPostServerMsg(ORU_ZB_SVC_INTERNAL_SERVICE_DISCOVERY), 0);
+        }
+    };
+    for (const Row &row : {Row{false, 60'000, confirm_in(3), 3, false}, // after more than two steps
+                           Row{false, 60'000, fill_queue, 1, true},     // the dispatcher may be waiting for a place
+                           Row{true, 0, {}, 1, true}, Row{true, 60'000, confirm_in(1), 1, false},
+                           Row{true, 60'000, confirm_in(30), 30, false},
+                           Row{true, 60'000, [](size_t) { testplat::time::advance(30'000); }, 2, true}}) {
+        SCOPED_TRACE(row.turns);
+        forget();
+        sent().clear();
+        zb_hal_signal = row.descriptor ? DESCRIPTOR : -1;
+        throttle_sem_timeout_ms = row.timeout_ms;
+        sendToggles(10);
+        size_t turns = 0;
+        hal::on_process = [&] {
+            ++turns;
+            if (row.in_turn) {
+                row.in_turn(turns);
+            }
+        };
+        oruZb_clusterCmd_t cmd = toggle(0x1001);
+        EXPECT_EQ(oruZb_doSendClusterCmd(&cmd, 0), 0);
+        EXPECT_EQ(turns, row.turns);
+        EXPECT_EQ(testplat::log::has("throttle sem timed out"), row.timed_out);
+        hal::on_process = nullptr;
+        hal::confirmAll();
+        pump();
+    }
 }
 
 TEST_F(CommandTest, RefusedSendsLeakNothing) {
@@ -104,9 +163,7 @@ TEST_F(CommandTest, RefusedSendsLeakNothing) {
     EXPECT_EQ(tokens(), 0U); // kept: the window refills with later confirmations
     throttle_sem_timeout_ms = 0;
     hal::setResult("sendZclUnicast", 0);
-    for (int i = 0; i < 10; ++i) {
-        (void)callAsync(ORU_ZB_SVC_SEND_CLUSTER_CMD_ASYNC, bytesOf(toggle(0x1001)));
-    }
+    sendToggles(10);
     hal::confirmAll();
     EXPECT_EQ(tokens(), 10U);
     expectAtRest();

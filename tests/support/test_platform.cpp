@@ -138,6 +138,7 @@ std::mutex mutex;
 std::vector<std::string> captured;
 } // namespace
 bool echo = getenv("TEST_LOG") != nullptr;
+std::function<void(const std::string &)> on_line;
 
 std::vector<std::string> lines() {
     const std::lock_guard lock(mutex);
@@ -287,6 +288,7 @@ void resetAll() {
     kvs::outdated_keys.clear();
     kvs::failing = false;
     ipc::gone.clear();
+    log::on_line = nullptr;
     const std::lock_guard lock(time::mutex);
     time::timers.clear();
 }
@@ -314,11 +316,15 @@ void oruLog_log(oruLog_id_t, oruLog_level_t level, const char *tag, const char *
     if (quiet) {
         return;
     }
-    const std::lock_guard lock(testplat::log::mutex);
+    std::unique_lock lock(testplat::log::mutex);
     if (testplat::log::echo) {
         fprintf(stderr, "%d [%s] %s\n", level, tag, line);
     }
     testplat::log::captured.emplace_back(line);
+    lock.unlock();
+    if (testplat::log::on_line) {
+        testplat::log::on_line(line);
+    }
 }
 
 // ----------------------------------------------------------------------------------------------------------- oru_time

@@ -43,7 +43,8 @@ std::vector<std::string> lines();
 void clear();
 size_t count(const std::string &part); // lines that contain part
 bool has(const std::string &part);
-extern bool echo; // also to standard error
+extern bool echo;                                            // also to standard error
+extern std::function<void(const std::string &line)> on_line; // runs in the thread that logs, without a lock
 } // namespace log
 
 // ---- IPC
@@ -115,6 +116,7 @@ extern std::vector<uint8_t> firmware;
 extern std::vector<oruZbHal_childTableEntry_t> children;
 extern std::vector<oruZbHal_keyStruct_t> keys;
 extern std::function<void(Sent &)> on_send; // runs inside the send, before it returns
+extern std::function<void()> on_process;    // runs inside every processAction
 } // namespace hal
 
 // Nothing is recorded and nothing allocated: for measuring what the service itself does.

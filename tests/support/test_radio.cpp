@@ -77,6 +77,7 @@ std::vector<uint8_t> firmware;
 std::vector<oruZbHal_childTableEntry_t> children;
 std::vector<oruZbHal_keyStruct_t> keys;
 std::function<void(Sent &)> on_send;
+std::function<void()> on_process;
 
 void reset() {
     const std::lock_guard lock(mutex);
@@ -93,6 +94,7 @@ void reset() {
     children.clear();
     keys.clear();
     on_send = nullptr;
+    on_process = nullptr;
 }
 std::vector<std::string> calls() {
     const std::lock_guard lock(mutex);
@@ -205,6 +207,9 @@ oru_status_t oruZbHal_setAdapterName(char *device) {
     return called("setAdapterName", "%s", device);
 }
 oru_status_t oruZbHal_processAction(void) {
+    if (on_process) {
+        on_process();
+    }
     return 0;
 }
 oru_status_t oruZbHal_runEvents(uint32_t) {

@@ -108,6 +108,11 @@ uint32_t oruZb_msgCount(oruZb_msgList *head) {
     return count;
 }
 
+bool oruZb_msgQueueIsFull() {
+    uint32_t places = 0;
+    return oruSem_getCount(zb_post_sem, &places) == ORU_STATUS_OK && places == 0;
+}
+
 // The consumer would wait for itself: without a free place it goes into overdraft, because a stack status or a leave
 // confirmation that it reports from inside a HAL call is never repeated.
 static oru_status_t takePlaceAsConsumer() {

@@ -29,9 +29,10 @@ namespace {
 constexpr uint16_t ZIGBEE_LIGHT_LINK_PROFILE = 0xC05E;
 constexpr uint16_t HOME_AUTOMATION_PROFILE = 0x0104;
 
-// A client may set any time-out; the wait is cut into slices so that a termination signal is seen meanwhile and the
-// HAL gets its turns: with its events on this thread, no confirmation could return a token otherwise.
-constexpr uint32_t WAIT_SLICE_MS = 20;
+// A client may set any time-out; the wait is cut into steps, so that a termination signal is seen meanwhile. In
+// descriptor mode nothing but this thread takes confirmations off the HAL, so it looks for them in much finer slices.
+constexpr uint32_t WAIT_STEP_MS = 20;
+constexpr uint32_t POLL_SLICE_MS = 1;
 
 // Guards the handle zb_throttle_sem and "read the count, compare, post" against a change of the burst size. A leaf.
 std::mutex throttle_mutex;
@@ -52,16 +53,52 @@ oruSemaphore_t throttleSem() {
 
 // Without a send in flight no confirmation is due and no token can come back, refused sends have kept them all: a long
 // time-out would then hold up everybody for nothing.
+bool noTokenCanCome() {
+    return terminated != 0 || sends_in_flight == 0;
+}
+
+// Thread mode: the HAL's dispatcher gives the token back. With every place in the queue taken it may itself be waiting,
+// for a place that only this thread can free: then the confirmation would come no sooner than the end of the wait.
 oru_status_t waitForToken(oruSemaphore_t sem, uint32_t timeout_ms) {
     for (;;) {
-        const uint32_t slice = std::min(timeout_ms, WAIT_SLICE_MS);
-        const oru_status_t status = oruSem_waitTimeout(sem, slice);
-        timeout_ms -= slice;
-        if (status != ORU_STATUS_TIMEOUT || timeout_ms == 0 || terminated != 0 || sends_in_flight == 0) {
+        const uint32_t step = std::min(timeout_ms, WAIT_STEP_MS);
+        const oru_status_t status = oruSem_waitTimeout(sem, step);
+        timeout_ms -= step;
+        if (status != ORU_STATUS_TIMEOUT || timeout_ms == 0 || noTokenCanCome() || oruZb_msgQueueIsFull()) {
             return status;
         }
         (void)oruZbHal_processAction();
     }
+}
+
+bool hasPassed(const oruTime_timespec_t &start, uint32_t timeout_ms) {
+    oruTime_timespec_t now{};
+    return oruTime_clockTime(ORUTIME_CLOCK_MONOTONIC, &now) == ORU_STATUS_OK &&
+           oruTime_timespecDiff(&now, &start) >= int64_t{timeout_ms} * 1000;
+}
+
+oru_status_t tryAfterDelivery(oruSemaphore_t sem) {
+    (void)oruZbHal_processAction();
+    return oruSem_waitTry(sem);
+}
+
+// Descriptor mode: confirmations are delivered by this thread only, inside the HAL's turns. The time-out ends the wait
+// by the clock, as slices last longer than they say, and by their number, should the clock fail.
+oru_status_t pollForToken(oruSemaphore_t sem, uint32_t timeout_ms) {
+    oruTime_timespec_t start{};
+    const bool timed = oruTime_clockTime(ORUTIME_CLOCK_MONOTONIC, &start) == ORU_STATUS_OK;
+    oru_status_t status = tryAfterDelivery(sem);
+    for (uint32_t waited_ms = 0; status == ORU_STATUS_TRY_AGAIN; waited_ms += POLL_SLICE_MS) {
+        const bool step_ends = waited_ms > 0 && waited_ms % WAIT_STEP_MS == 0;
+        if (waited_ms == timeout_ms || (timed && hasPassed(start, timeout_ms)) || (step_ends && noTokenCanCome())) {
+            return ORU_STATUS_TIMEOUT;
+        }
+        status = oruSem_waitTimeout(sem, POLL_SLICE_MS);
+        if (status == ORU_STATUS_TIMEOUT) {
+            status = tryAfterDelivery(sem);
+        }
+    }
+    return status;
 }
 
 void takeToken() {
@@ -69,7 +106,8 @@ void takeToken() {
     if (oruSem_waitTry(sem) != ORU_STATUS_TRY_AGAIN) {
         return;
     }
-    const oru_status_t status = waitForToken(sem, throttle_sem_timeout_ms);
+    const auto wait = oruZb_halUseSingleEventLoop() ? pollForToken : waitForToken;
+    const oru_status_t status = wait(sem, throttle_sem_timeout_ms);
     if (status == ORU_STATUS_TIMEOUT) {
         ZB_LOG_INFO("%s: %s(): throttle sem timed out", ZB_SVC, "oruZb_throttledSend");
     } else if (status != ORU_STATUS_OK) {

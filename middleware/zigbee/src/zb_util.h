@@ -49,6 +49,8 @@ oruZb_msgListItem_t *oruZb_takeMsgItem(oruZb_msgType_t msg_type);
 void oruZb_returnMsgItem(oruZb_msgListItem_t *item);
 // Messages in the queue now. Any thread.
 uint32_t oruZb_msgCount(oruZb_msgList *head);
+// Whether every place is taken, so that producers wait. Any thread.
+bool oruZb_msgQueueIsFull();
 // Wakes every producer that waits for a place once the intake gate is closed. Only the gate calls it.
 void oruZb_msgReleaseProducers();
 // list_mutex with the log lines of its failures; operation is the name printed in them.
