@@ -41,6 +41,56 @@ protected:
     }
 };
 
+TEST_F(DiscoveryTest, EveryListedEndpointAnswersBeforeTheDeviceIsStored) {
+    constexpr uint8_t TIME_OUT = 0, NODE = 0; // instead of an answering endpoint; of an endpoint that is asked
+    struct Row {
+        Bytes listed, answers, asked; // asked: after the list of endpoints and after each answer that asks anew
+        bool stored = true;
+    };
+    for (const Row &row : {Row{{1, 2, 3}, {1, 1, 1, 3, 3, 2}, {1, 2, 2, NODE}}, // late and doubled answers
+                           Row{{1, 2, 3}, {3, TIME_OUT, 1, 1, 2}, {1, 1, 1, 2, NODE}},
+                           Row{{4, 4, 5, 4, 5}, {4, 4, 5}, {4, 5, NODE}},         // listed twice, answered once
+                           Row{{1, 2}, {9, 255, 9, 1, 2}, {1, 1, 1, 1, 2, NODE}}, // strangers, three times
+                           Row{{1, 2}, {9, TIME_OUT, 9, 9, TIME_OUT}, {1, 1, 1, 1}, false},
+                           Row{{1, 2}, Bytes(300, 9) + Bytes{TIME_OUT}, {1, 1, 1, 1}, false}}) {
+        SCOPED_TRACE(::testing::PrintToString(row.answers));
+        LAMP.join();
+        LAMP.announce();
+        pump();
+        forget();
+        sent().clear();
+        LAMP.activeEndpoints(row.listed);
+        pump();
+        for (const uint8_t endpoint : row.answers) {
+            if (endpoint == TIME_OUT) {
+                advance(10'000);
+                continue;
+            }
+            advance(10); // what leaves the timer alone does not delay the next time-out
+            LAMP.simpleDescriptor(endpoint, {0x0006}, {0x0019});
+            pump();
+        }
+        Bytes asked;
+        for (const testplat::Sent &request : sent()) {
+            asked.push_back(request.aps.cluster_id == ZDO_SIMPLE_DESC_REQ ? request.frame.at(3) : NODE);
+        }
+        EXPECT_EQ(asked, row.asked);
+        EXPECT_EQ(oruZb_findNodeFailedDiscoveryList(LAMP.eui64.data()) == nullptr, row.stored);
+        LAMP.nodeDescriptor();
+        pump();
+        ASSERT_EQ(eventCount(ORU_ZB_SVC_DEVICE_DISCOVERED), row.stored ? 1U : 0U);
+        if (row.stored) {
+            const auto info = recordOf<oruZb_device_t>(ipc::events().back().payload).device_info;
+            for (size_t i = 0; i < row.listed.size(); ++i) {
+                const auto *first =
+                    std::ranges::find(info.endpoints, row.listed[i], &oruZbHal_endpointInfo_t::endpoint);
+                EXPECT_EQ(first->cluster_count, 2) << i;
+            }
+        }
+        expectAtRest();
+    }
+}
+
 TEST_F(DiscoveryTest, NewDevicesAreInterrogatedStoredAndAnnounced) {
     for (const uint8_t endpoints : Bytes{1, 2, 7}) {
         const FakeDevice device{{0x02, 1, 1, 1, 1, 1, 1, endpoints}, static_cast<uint16_t>(0x2000 + endpoints)};
@@ -94,7 +144,14 @@ TEST_F(DiscoveryTest, FourTimeOutsEndInTheFailedList) {
     EXPECT_EQ(current_discovery_item, nullptr);
     EXPECT_EQ(oruZb_findNodeDiscoveryList(LAMP.eui64.data()), nullptr);
     EXPECT_TRUE(leaveRequests().empty());
-    advance(10'000); // the response timer finds no current device: recovery begins
+    PLUG.join(); // a good interview in between only delays recovery
+    PLUG.announce();
+    pump();
+    interview(PLUG, 1);
+    EXPECT_EQ(eventCount(ORU_ZB_SVC_DEVICE_DISCOVERED), 1U);
+    advance(9'999);
+    EXPECT_TRUE(leaveRequests().empty());
+    advance(1); // the response timer finds no current device: recovery begins
     EXPECT_EQ(leaveRequests().size(), 1U);
 }
 

@@ -2,7 +2,7 @@
 //
 // Interrogation of new devices, one at a time, on the main thread.
 //
-//            join, rejoin            10 s passed, or announce
+//            join, rejoin          10 to 20 s passed, or announce
 //   (none) ---------------> +-------+ ----------------------> +-------+
 //                           |  NEW  |                         | READY |  both: waiting, any number of devices
 //                           +-------+                         +-------+
@@ -14,14 +14,17 @@
 //                                                           +-----------+   |
 //                                                                 |         |
 //                                                                 v         |
-//                                    next endpoint +---> +-------------+    |  four requests
-//                                                  +---- | SIMPLE_DESC | ---+  without a response
-//                                                        +-------------+    |
+//                                    next endpoint, +---> +-------------+   |  four time-outs; after four answers
+//                          or one that is unlisted  +---- | SIMPLE_DESC | --+  that cannot be stored, one
+//                                                         +-------------+   |
 //                                                                 |  last   |
 //                                                                 v         |
 //              +----------+                                 +-----------+   |
 //   (none) <-- | FINISHED | <------------------------------ | NODE_DESC | --+--> failed-discovery list
 //              +----------+    stored, clients are told     +-----------+
+//
+// Recovery of failed devices begins with a response time-out that finds no current device: 10 s after the failure, or
+// after the last of the good interviews that follow it.
 //
 // FROM -> TO [function]; the REQUEST_ of the long names is left out
 //   -           -> NEW          [oruZb_handleTrustCenterCallback]        join, or secured rejoin of a failed device
@@ -30,18 +33,19 @@
 //   READY       -> ACTIVE_EP    [oruZb_handleBeginDiscovery]             becomes current
 //   ACTIVE_EP   -> SIMPLE_DESC  [oruZb_handleActiveEndpointsResponse]    endpoints known
 //   SIMPLE_DESC -> SIMPLE_DESC  [oruZb_handleSimpleDescriptorResponse]   clusters of one endpoint known, more to ask
+//   SIMPLE_DESC -> SIMPLE_DESC  [oruZb_handleSimpleDescriptorResponse]   unlisted endpoint: asked again, three times
 //   SIMPLE_DESC -> NODE_DESC    [oruZb_handleSimpleDescriptorResponse]   clusters of the last endpoint known
 //   NODE_DESC   -> FINISHED     [oruZb_handleNodeDescriptorResponse]     stored, announced to clients, removed
 //   any REQUEST -> same         [oruZb_handleServiceDiscovery]           no response for 10 s, at most three times
-//   any REQUEST -> (failed)     [oruZb_handleServiceDiscovery]           no response for the fourth time
+//   any REQUEST -> (failed)     [oruZb_handleServiceDiscovery]           no response after three failures of any kind
 //
 // Invariants
 //   NEW, READY   not current; no request outstanding; num_retries is 0.
 //   REQUEST_*    is current_discovery_item, the only node in any REQUEST state; its request was posted to the queue and
 //                the response timer runs. The timer is stopped only by a response that belongs to the request, and
-//                started again before that handler returns, except after the last response.
-//   SIMPLE_DESC  endpoints are known; the one in slot endpoint_query_index is asked. With no endpoints at all nothing
-//                is sent, and the device fails after four time-outs.
+//                started again before that handler returns; after the last response for recovery only.
+//   SIMPLE_DESC  endpoints are known; the one in slot endpoint_query_index is asked, the first that has not answered.
+//                With no endpoints at all nothing is sent, and the device fails after four time-outs.
 //   FINISHED     only inside oruZb_handleNodeDescriptorResponse.
 // Every change of state but the one to FINISHED goes through oruZb_prepareForDiscoveryState, which restarts the count
 // of retries. Handlers work on a copy of the current node: joins change addresses in the list from another thread.
@@ -53,7 +57,9 @@
 #include "zb_timer.h"
 #include "zb_util.h"
 #include "zb_zdo.h"
+#include <algorithm>
 #include <array>
+#include <bit>
 #include <cstdio>
 
 static constexpr uint8_t MAX_REQUEST_RETRIES = 3;
@@ -80,6 +86,10 @@ static oruZb_msgType_t requestMessage(oruZb_device_discovery_state state) {
     return ORU_ZB_SVC_INVALID_MSG;
 }
 
+// Slots of the current device whose simple descriptor is known, bit 0 the first; main thread, good from the
+// Active_EP_rsp on.
+static uint32_t answered_slots;
+
 // --------------------------------------------------------------------------------------------- steps of the machine
 // The current node keeps existing between scopes: only this thread frees it. Null when no device is current.
 static oruZb_node_t *currentItem() {
@@ -87,10 +97,13 @@ static oruZb_node_t *currentItem() {
     return current_discovery_item;
 }
 
-// Returns the new count.
+// Returns the new count, which stops at its highest value.
 static uint8_t countRetry(oruZb_node_t *item) {
     const std::lock_guard<std::mutex> lock(discovery_mutex);
-    return ++item->action.num_retries;
+    if (item->action.num_retries < UINT8_MAX) {
+        ++item->action.num_retries;
+    }
+    return item->action.num_retries;
 }
 
 static void requestAndAwait() {
@@ -105,10 +118,8 @@ static void stopResponseTimer(const char *operation) {
     }
 }
 
-static void deleteDiscoveredOrFailed(const char *operation, uint8_t *eui64) {
-    if (oruZb_deleteFromDiscoveryList(eui64) == ORU_STATUS_NOT_FOUND) {
-        ZB_LOG_ERROR("%s: %s(): Failed to delete from discovery list, entry not found", ZB_DISCOVERY, operation);
-    }
+static void logNotListed(const char *operation) {
+    ZB_LOG_ERROR("%s: %s(): Failed to delete from discovery list, entry not found", ZB_DISCOVERY, operation);
 }
 
 oru_status_t oruZb_handleBeginDiscovery() {
@@ -153,7 +164,9 @@ static void abandonCurrentItem() {
     if (oruZb_addOrUpdateToFailedDiscoveryList(info.eui64, failed.device.node_id, info.capabilities) == nullptr) {
         oruZb_printDeviceError("oruZb_addOrUpdateToFailedDiscoveryList failed", info.eui64);
     }
-    deleteDiscoveredOrFailed("oruZb_handleServiceDiscovery", info.eui64);
+    if (oruZb_deleteFromDiscoveryList(info.eui64) == ORU_STATUS_NOT_FOUND) {
+        logNotListed("oruZb_handleServiceDiscovery");
+    }
     oruZb_scheduleBeginDiscovery(0);
 }
 
@@ -251,6 +264,16 @@ oru_status_t oruZb_handleIncomingZdoMsg(uint16_t cluster_id, uint8_t *message, u
     }
 }
 
+// Slots of endpoints that the list names a second time: their first slot is the one that answers are stored in.
+static uint32_t repeatedEndpoints(std::span<const uint8_t> endpoints) {
+    uint32_t slots = 0;
+    for (size_t i = 0; i < endpoints.size() && i < ORU_ZB_HAL_MAX_ENDPOINTS; i++) {
+        const auto earlier = endpoints.first(i);
+        slots |= std::ranges::find(earlier, endpoints[i]) != earlier.end() ? 1U << i : 0U;
+    }
+    return slots;
+}
+
 oru_status_t oruZb_handleActiveEndpointsResponse(uint8_t *message, uint16_t length) {
     if (message == nullptr) {
         return ORU_STATUS_NULL_POINTER;
@@ -287,6 +310,7 @@ oru_status_t oruZb_handleActiveEndpointsResponse(uint8_t *message, uint16_t leng
         oruZb_printDeviceError("Failed to set endpoints in device database", current.device.device_info.eui64);
         countRetry(item);
     } else {
+        answered_slots = repeatedEndpoints(endpoints);
         oruZb_prepareForDiscoveryState(item, ORU_ZB_DEVICE_DISCOVERY_REQUEST_SIMPLE_DESC);
     }
     requestAndAwait();
@@ -338,9 +362,34 @@ static oru_status_t parseSimpleDescriptor(std::span<const uint8_t> bytes, simple
     return frame.ok() && bytes.size() % 2 != 0 ? ORU_STATUS_OK : ORU_STATUS_DATA_LEN_INVALID;
 }
 
-// Stores what one endpoint answered and moves on to the next one, or to the node descriptor after the last. A late or
-// repeated response of another endpoint is stored where it belongs and counts as the answer all the same.
-static void storeSimpleDescriptor(oruZb_node_t *item, simpleDescriptor &descriptor) {
+// What a simple descriptor means for the interrogation.
+enum class answerKind {
+    first,     // of its endpoint
+    repeated,  // late or doubled: stored, and nothing else changes
+    unlisted,  // of an endpoint that the device did not list: a failure, asked again
+    exhausting // such a failure after three others: the time-out ends it
+};
+
+static answerKind kindOfAnswer(oruZb_node_t &current, uint8_t endpoint) {
+    const uint8_t slot = oruZb_getIndexFromEndpoint(&current, endpoint);
+    if (slot < current.device.device_info.endpoint_count) {
+        return (answered_slots >> slot & 1U) == 0 ? answerKind::first : answerKind::repeated;
+    }
+    return current.action.num_retries < MAX_REQUEST_RETRIES ? answerKind::unlisted : answerKind::exhausting;
+}
+
+// On to the first endpoint that has not answered, or to the node descriptor when all have.
+static void moveOn(oruZb_node_t *item, uint8_t answered_endpoint) {
+    answered_slots |= 1U << oruZb_getIndexFromEndpoint(item, answered_endpoint);
+    const std::lock_guard<std::mutex> lock(discovery_mutex);
+    const uint8_t count = item->device.device_info.endpoint_count;
+    const auto next = std::min<uint8_t>(static_cast<uint8_t>(std::countr_one(answered_slots)), count);
+    item->action.endpoint_query_index = next;
+    oruZb_prepareForDiscoveryStateLocked(item, next < count ? ORU_ZB_DEVICE_DISCOVERY_REQUEST_SIMPLE_DESC
+                                                            : ORU_ZB_DEVICE_DISCOVERY_REQUEST_NODE_DESC);
+}
+
+static void storeSimpleDescriptor(oruZb_node_t *item, simpleDescriptor &descriptor, answerKind kind) {
     const oruZbHal_clusterList_t clusters = {
         .in_cluster_count = descriptor.in_count,
         .in_cluster_list = descriptor.in.data(),
@@ -353,12 +402,9 @@ static void storeSimpleDescriptor(oruZb_node_t *item, simpleDescriptor &descript
     if (oruZb_setClustersForEndpoint(item, &clusters) != ORU_STATUS_OK) {
         oruZb_printDeviceError("failed to set clusters in device database", item->device.device_info.eui64);
         countRetry(item);
-        return;
+    } else if (kind == answerKind::first) {
+        moveOn(item, descriptor.endpoint);
     }
-    const std::lock_guard<std::mutex> lock(discovery_mutex);
-    const bool more = ++item->action.endpoint_query_index < item->device.device_info.endpoint_count;
-    oruZb_prepareForDiscoveryStateLocked(item, more ? ORU_ZB_DEVICE_DISCOVERY_REQUEST_SIMPLE_DESC
-                                                    : ORU_ZB_DEVICE_DISCOVERY_REQUEST_NODE_DESC);
 }
 
 oru_status_t oruZb_handleSimpleDescriptorResponse(uint8_t *message, uint16_t length) {
@@ -389,12 +435,18 @@ oru_status_t oruZb_handleSimpleDescriptorResponse(uint8_t *message, uint16_t len
                     descriptor.node_id);
         return ORU_STATUS_CANCELED;
     }
-    stopResponseTimer(__func__);
+    const answerKind kind = kindOfAnswer(current, descriptor.endpoint);
+    const bool asks_again = kind == answerKind::first || kind == answerKind::unlisted;
+    if (asks_again) {
+        stopResponseTimer(__func__);
+    }
     ZB_LOG_INFO("%s: %s for node_id 0x%x", ZB_DISCOVERY, __func__, descriptor.node_id);
     ZB_LOG_INFO("%s: Found %d server clusters and %d client clusters on EP %d", ZB_DISCOVERY, descriptor.in_count,
                 descriptor.out_count, descriptor.endpoint);
-    storeSimpleDescriptor(currentItem(), descriptor);
-    requestAndAwait();
+    storeSimpleDescriptor(currentItem(), descriptor, kind);
+    if (asks_again) {
+        requestAndAwait();
+    }
     return ORU_STATUS_OK;
 }
 
@@ -426,7 +478,9 @@ static void finishDevice(oruZb_node_t *item) {
         finished = *item;
     }
     oruZb_notifyDeviceDiscovered(&finished.device);
-    deleteDiscoveredOrFailed("oruZb_handleNodeDescriptorResponse", finished.device.device_info.eui64);
+    if (oruZb_deleteFromDiscoveryList(finished.device.device_info.eui64) == ORU_STATUS_NOT_FOUND) {
+        logNotListed("oruZb_handleNodeDescriptorResponse");
+    }
 }
 
 static void logNodeDescriptor(const char *operation, const nodeDescriptor &descriptor) {
@@ -475,6 +529,10 @@ oru_status_t oruZb_handleNodeDescriptorResponse(uint8_t *message, uint16_t lengt
     }
     if (!oruZb_discoveryListIsEmpty()) {
         oruZb_scheduleBeginDiscovery(0);
+    }
+    // The answer has stopped the timer that recovery was waiting for.
+    if (currentItem() == nullptr && !oruZb_failedDiscoveryListIsEmpty()) {
+        oruZb_scheduleServiceDiscovery(DISCOVERY_WAIT_MS);
     }
     return ORU_STATUS_OK;
 }

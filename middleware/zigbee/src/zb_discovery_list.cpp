@@ -364,7 +364,7 @@ oru_status_t oruZb_setClustersForEndpoint(oruZb_node_t *item, const oruZbHal_clu
     }
     const discoveryLock lock(discovery_mutex);
     const uint8_t index = endpointIndex(item, cluster_list->endpoint);
-    if (index == NO_ENDPOINT_INDEX) {
+    if (index >= item->device.device_info.endpoint_count) { // a slot beyond the count is not in use, whatever it holds
         ZB_LOG_ERROR("%s: endpoint %d does not exist for device", ZB_DISCOVERY, cluster_list->endpoint);
         return ORU_STATUS_NOT_FOUND;
     }

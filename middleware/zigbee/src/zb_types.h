@@ -167,9 +167,9 @@ enum oruZb_device_discovery_state : int32_t {
 
 struct oruZb_discoveryAction_t {
     oruZb_device_discovery_state discovery_state;
-    uint8_t endpoint_query_index; // slot whose simple descriptor is wanted next
+    uint8_t endpoint_query_index; // slot whose simple descriptor is wanted next; the count when none is
     uint32_t expiry_time;         // seconds of the platform clock after which a NEW node is READY
-    uint8_t num_retries;          // time-outs in the current state; recovery attempts in the failed list
+    uint8_t num_retries;          // failures in the current state; recovery attempts in the failed list
 };
 
 struct node {
