@@ -91,6 +91,52 @@ TEST_F(DiscoveryTest, EveryListedEndpointAnswersBeforeTheDeviceIsStored) {
     }
 }
 
+TEST_F(DiscoveryTest, DeviceThatJoinsAgainStaysInDiscovery) {
+    FakeDevice again = LAMP; // with a new address
+    again.node_id = 0x4444;
+    // Under interrogation: it goes on at the new address.
+    LAMP.join();
+    LAMP.announce();
+    pump();
+    interview(LAMP, 2, 2);
+    again.join();
+    advance(10'000);
+    EXPECT_EQ(zdoTo(again.node_id), (std::vector<uint16_t>{ZDO_SIMPLE_DESC_REQ}));
+    again.simpleDescriptor(2, {}, {});
+    pump();
+    // While it is being stored, before and after its record is there: from the beginning.
+    for (const char *moment : {"oruZb_notifyDeviceDiscovered node_id", "zb_db_add"}) {
+        SCOPED_TRACE(moment);
+        forget();
+        sent().clear();
+        again.node_id++;
+        bool joined = false;
+        testplat::log::on_line = [&](const std::string &line) {
+            if (!joined && line.find(moment) != line.npos) {
+                joined = true;
+                again.join();
+            }
+        };
+        const FakeDevice before{LAMP.eui64, static_cast<uint16_t>(again.node_id - 1)};
+        before.nodeDescriptor();
+        pump();
+        EXPECT_EQ(ipc::eventIds(), (std::vector<uint16_t>{ORU_ZB_SVC_DEVICE_DISCOVERED, ORU_ZB_SVC_DEVICE_LEFT}));
+        EXPECT_EQ(oruZb_databaseGetDeviceCount(), 0U);
+        ASSERT_NE(oruZb_findNodeDiscoveryList(LAMP.eui64.data()), nullptr);
+        EXPECT_FALSE(testplat::log::has("Device not found in DB"));
+        again.announce();
+        pump();
+        interview(again, 1, 2);
+        EXPECT_EQ(device_fail_to_join_counter, 1U);
+    }
+    again.nodeDescriptor();
+    pump();
+    EXPECT_EQ(oruZb_databaseGetDeviceCount(), 1U);
+    EXPECT_EQ(device_fail_to_join_counter, 0U);
+    EXPECT_EQ(discovery_list_head.slh_first, nullptr);
+    expectAtRest();
+}
+
 TEST_F(DiscoveryTest, NewDevicesAreInterrogatedStoredAndAnnounced) {
     for (const uint8_t endpoints : Bytes{1, 2, 7}) {
         const FakeDevice device{{0x02, 1, 1, 1, 1, 1, 1, endpoints}, static_cast<uint16_t>(0x2000 + endpoints)};

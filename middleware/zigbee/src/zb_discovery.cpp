@@ -5,20 +5,20 @@
 //            join, rejoin          10 to 20 s passed, or announce
 //   (none) ---------------> +-------+ ----------------------> +-------+
 //                           |  NEW  |                         | READY |  both: waiting, any number of devices
-//                           +-------+                         +-------+
-//                                                                 |  no other device is current
-//   ==============================================================|==  below: the one current device
-//                                                                 v
-//                                                           +-----------+
-//                                                           | ACTIVE_EP | --+
-//                                                           +-----------+   |
-//                                                                 |         |
-//                                                                 v         |
-//                                    next endpoint, +---> +-------------+   |  four time-outs; after four answers
-//                          or one that is unlisted  +---- | SIMPLE_DESC | --+  that cannot be stored, one
-//                                                         +-------------+   |
-//                                                                 |  last   |
-//                                                                 v         |
+//                   +-----> +-------+                         +-------+
+//                   |                                             |  no other device is current
+//   ================|=============================================|==  below: the one current device
+//                   |                                             v
+//                   |                                       +-----------+
+//                   |  joined again                         | ACTIVE_EP | --+
+//                   |  while it was                         +-----------+   |
+//                   |  being stored                               |         |
+//                   |                                             v         |
+//                   |                next endpoint, +---> +-------------+   |  four time-outs; after four answers
+//                   |      or one that is unlisted  +---- | SIMPLE_DESC | --+  that cannot be stored, one
+//                   |                                     +-------------+   |
+//                   |                                             |  last   |
+//                   |                                             v         |
 //              +----------+                                 +-----------+   |
 //   (none) <-- | FINISHED | <------------------------------ | NODE_DESC | --+--> failed-discovery list
 //              +----------+    stored, clients are told     +-----------+
@@ -36,6 +36,7 @@
 //   SIMPLE_DESC -> SIMPLE_DESC  [oruZb_handleSimpleDescriptorResponse]   unlisted endpoint: asked again, three times
 //   SIMPLE_DESC -> NODE_DESC    [oruZb_handleSimpleDescriptorResponse]   clusters of the last endpoint known
 //   NODE_DESC   -> FINISHED     [oruZb_handleNodeDescriptorResponse]     stored, announced to clients, removed
+//   FINISHED    -> NEW          [oruZb_releaseFinishedNode]              joined again meanwhile
 //   any REQUEST -> same         [oruZb_handleServiceDiscovery]           no response for 10 s, at most three times
 //   any REQUEST -> (failed)     [oruZb_handleServiceDiscovery]           no response after three failures of any kind
 //
@@ -54,6 +55,7 @@
 #include "zb_discovery_internal.h"
 #include "zb_frame.h"
 #include "zb_server.h"
+#include "zb_svc.h"
 #include "zb_timer.h"
 #include "zb_util.h"
 #include "zb_zdo.h"
@@ -478,8 +480,19 @@ static void finishDevice(oruZb_node_t *item) {
         finished = *item;
     }
     oruZb_notifyDeviceDiscovered(&finished.device);
-    if (oruZb_deleteFromDiscoveryList(finished.device.device_info.eui64) == ORU_STATUS_NOT_FOUND) {
+    uint8_t *eui64 = finished.device.device_info.eui64;
+    switch (oruZb_releaseFinishedNode(eui64)) {
+    case finishedNode::deleted:
+        break;
+    case finishedNode::missing:
         logNotListed("oruZb_handleNodeDescriptorResponse");
+        break;
+    case finishedNode::renewed_stored:
+        oruZb_handleDeviceLeft(eui64);
+        [[fallthrough]];
+    case finishedNode::renewed:
+        device_fail_to_join_counter.fetch_add(1); // a join that entered discovery
+        break;
     }
 }
 

@@ -23,7 +23,20 @@ oruZb_node_t *oruZb_findNodeLocked(const oruZb_nodeList &list, const uint8_t *eu
 void oruZb_prepareForDiscoveryStateLocked(oruZb_node_t *item, oruZb_device_discovery_state state);
 oruZb_node_t *oruZb_addToDiscoveryListLocked(const uint8_t *eui64, uint16_t node_id, uint8_t capabilities);
 
+// Remembers a join whose device is listed already, if that node is FINISHED. removal_queued: the database held a record
+// of the device, and its removal is on its way.
+void oruZb_noteJoinOfFinishedNodeLocked(const uint8_t *eui64, bool removal_queued);
+
+// How a FINISHED node ended: in NEW when its device joined while it was being stored.
+enum class finishedNode {
+    deleted,
+    missing,       // not listed
+    renewed,       // the record just stored is about to be removed
+    renewed_stored // the record just stored is of the join before and still there
+};
+
 // These take discovery_mutex themselves.
+finishedNode oruZb_releaseFinishedNode(const uint8_t *eui64); // main thread
 bool oruZb_discoveryListIsEmpty();
 bool oruZb_failedDiscoveryListIsEmpty();
 bool oruZb_copyCurrentItem(oruZb_node_t *copy); // false, copy untouched: no device is being interrogated

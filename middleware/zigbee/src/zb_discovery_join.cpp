@@ -8,6 +8,8 @@
 //
 //   report            discovery list         failed list   database                 clients
 //   unsecured join    added in NEW           removed       old record removed       DEVICE_JOINED
+//    ... while listed address refreshed;     -             old record removed       -
+//                     FINISHED: NEW
 //   secured rejoin    -                      -             unknown: told to leave   known: DEVICE_SECURED_REJOIN
 //    ... of a failed  added in NEW           removed       -                        DEVICE_SECURED_REJOIN
 //   unsecured rejoin  -                      -             -                        DEVICE_UNSECURED_REJOIN
@@ -80,11 +82,11 @@ oru_status_t oruZb_postDeviceLeftToMsgQueue(oruZb_device_t *device) {
 }
 
 // A device that joins afresh while the database still holds it. Its old record is removed on the main thread, later,
-// but before the record of the new discovery is added.
-static void removeStaleEntry(uint8_t *eui64) {
+// but before the record of the new discovery is added. True: its removal is on its way.
+static bool removeStaleEntry(uint8_t *eui64) {
     oruZb_device_t stored{};
     if (oruZb_databaseGetDeviceByEui64(eui64, &stored) != ORU_STATUS_OK) {
-        return;
+        return false;
     }
     ZB_LOG_INFO("%s: %s(): Stale device entry found in DB. Last 2 bytes of mac_id: %2.2x%2.2x", ZB_DISCOVERY,
                 TRUST_CENTER_HANDLER, eui64[6], eui64[7]);
@@ -93,6 +95,7 @@ static void removeStaleEntry(uint8_t *eui64) {
         ZB_LOG_ERROR("%s: %s(): Could not post to message queue, status: %d", ZB_DISCOVERY, TRUST_CENTER_HANDLER,
                      status);
     }
+    return status == ORU_STATUS_OK;
 }
 
 // ------------------------------------------------------------------------------------------------ trust-centre reports
@@ -105,13 +108,15 @@ static void deleteFailedDevice(uint8_t *eui64) {
 }
 
 // False: already listed (its address is updated then) or out of memory.
-static bool enterDiscovery(const uint8_t *eui64, uint16_t node_id) {
+static bool enterDiscovery(const uint8_t *eui64, uint16_t node_id, bool removal_queued) {
     const std::lock_guard<std::mutex> lock(discovery_mutex);
     oruZb_node_t *item = oruZb_addToDiscoveryListLocked(eui64, node_id, UNKNOWN_CAPABILITIES);
-    if (item != nullptr) {
-        oruZb_prepareForDiscoveryStateLocked(item, ORU_ZB_DEVICE_DISCOVERY_NEW);
+    if (item == nullptr) {
+        oruZb_noteJoinOfFinishedNodeLocked(eui64, removal_queued);
+        return false;
     }
-    return item != nullptr;
+    oruZb_prepareForDiscoveryStateLocked(item, ORU_ZB_DEVICE_DISCOVERY_NEW);
+    return true;
 }
 
 static void handleUnsecuredRejoin(const oruZb_device_t &device) {
@@ -146,7 +151,7 @@ static void restartFailedDiscovery(oruZb_device_t &device) {
     uint8_t *eui64 = device.device_info.eui64;
     ZB_LOG_INFO("%s: %s: Device Rejoin, Restart device discovery for 0x%4.4x, mac_id(last 2 bytes):%2.2x%2.2x",
                 ZB_DISCOVERY, TRUST_CENTER_HANDLER, device.node_id, eui64[6], eui64[7]);
-    if (enterDiscovery(eui64, device.node_id)) {
+    if (enterDiscovery(eui64, device.node_id, false)) {
         deleteFailedDevice(eui64);
         oruZb_scheduleBeginDiscovery(DISCOVERY_WAIT_MS);
     }
@@ -174,10 +179,10 @@ static void handleUnsecuredJoin(oruZb_device_t &device) {
                     ZB_DISCOVERY, TRUST_CENTER_HANDLER, device.node_id, eui64[6], eui64[7]);
         return;
     }
-    removeStaleEntry(eui64);
+    const bool removal_queued = removeStaleEntry(eui64);
     ZB_LOG_INFO("%s: %s(): Device join for node_id: 0x%x, mac_id(last 2 bytes):%2.2x%2.2x", ZB_DISCOVERY,
                 TRUST_CENTER_HANDLER, device.node_id, eui64[6], eui64[7]);
-    if (!enterDiscovery(eui64, device.node_id)) {
+    if (!enterDiscovery(eui64, device.node_id, removal_queued)) {
         return;
     }
     device_fail_to_join_counter.fetch_add(1);

@@ -16,6 +16,7 @@
 #include "zb_zdo.h"
 #include <algorithm>
 #include <cstring>
+#include <utility>
 
 static constexpr uint8_t CAPABILITY_RX_ON_WHEN_IDLE = 0x08; // MAC capability flags of the Zigbee specification
 static constexpr uint32_t SLEEPY_EXPIRY_S = 10;
@@ -238,6 +239,33 @@ oru_status_t oruZb_deleteFromDiscoveryList(uint8_t *eui64) {
         current_discovery_item = nullptr; // only the current node is ever deleted
     }
     return status;
+}
+
+// The join that met the FINISHED node, of which there is one at most; guarded by discovery_mutex.
+static struct { bool met, removal_queued; } join_of_finished;
+
+void oruZb_noteJoinOfFinishedNodeLocked(const uint8_t *eui64, bool removal_queued) {
+    const oruZb_node_t *item = oruZb_findNodeLocked(discovery_list_head, eui64);
+    if (item != nullptr && item->action.discovery_state == ORU_ZB_DEVICE_DISCOVERY_FINISHED) {
+        join_of_finished = {true, removal_queued};
+    }
+}
+
+finishedNode oruZb_releaseFinishedNode(const uint8_t *eui64) {
+    const discoveryLock lock(discovery_mutex);
+    const auto join = std::exchange(join_of_finished, {});
+    oruZb_node_t *item = oruZb_findNodeLocked(discovery_list_head, eui64);
+    if (item == nullptr) {
+        return finishedNode::missing;
+    }
+    current_discovery_item = nullptr;
+    if (join.met) {
+        describeNode(item, eui64, item->device.node_id, 0); // capabilities unknown, as after every join
+        oruZb_prepareForDiscoveryStateLocked(item, ORU_ZB_DEVICE_DISCOVERY_NEW);
+        return join.removal_queued ? finishedNode::renewed : finishedNode::renewed_stored;
+    }
+    (void)deleteNodeLocked(discovery_list_head, discovery_list_init, eui64);
+    return finishedNode::deleted;
 }
 
 void oruZb_markExpiredNodesReady() {
