@@ -201,6 +201,25 @@ TEST_F(DiscoveryTest, FourTimeOutsEndInTheFailedList) {
     EXPECT_EQ(leaveRequests().size(), 1U);
 }
 
+TEST_F(DiscoveryTest, DeviceThatObeysButNeverAnswersGetsSixNewAttemptsAndIsToldOfOnceADay) {
+    const FakeDevice mute{{0x02, 0x11, 0x22, 0, 0, 0, 0xBB, 0x01}, 0x1B01};
+    for (size_t day = 1; day <= 2; ++day) {
+        mute.join();
+        for (int round = 1; round <= 6; ++round) {
+            mute.announce();
+            pump();
+            advance(55'000); // four requests, then two leave requests
+            ASSERT_NE(oruZb_findNodeFailedDiscoveryList(mute.eui64.data()), nullptr);
+            EXPECT_EQ(testplat::log::count("comes back but never answers"), round < 3 ? day - 1 : day);
+            mute.update(ORU_ZB_HAL_STANDARD_SECURITY_SECURED_REJOIN);
+        }
+        sent().clear();
+        advance(86'400'000);
+        EXPECT_EQ(leaveRequests().size(), 6U);
+        EXPECT_EQ(failed_discovery_list_head.slh_first, nullptr);
+    }
+}
+
 TEST_F(DiscoveryTest, ResponsesOfEveryWrongLengthAreRefusedAndTheRequestIsRepeated) {
     struct Step {
         uint16_t cluster;

@@ -169,6 +169,7 @@ static void abandonCurrentItem() {
     if (oruZb_deleteFromDiscoveryList(info.eui64) == ORU_STATUS_NOT_FOUND) {
         logNotListed("oruZb_handleServiceDiscovery");
     }
+    oruZb_noteFailedDiscovery(info.eui64);
     oruZb_scheduleBeginDiscovery(0);
 }
 

@@ -40,3 +40,6 @@ finishedNode oruZb_releaseFinishedNode(const uint8_t *eui64); // main thread
 bool oruZb_discoveryListIsEmpty();
 bool oruZb_failedDiscoveryListIsEmpty();
 bool oruZb_copyCurrentItem(oruZb_node_t *copy); // false, copy untouched: no device is being interrogated
+
+// Counts a failed interrogation, and tells once a day of a device that keeps the interrogator busy. Main thread.
+void oruZb_noteFailedDiscovery(const uint8_t *eui64);

@@ -17,10 +17,18 @@
 #include "zb_util.h"
 #include "zb_zdo.h"
 #include <algorithm>
+#include <array>
+#include <iterator>
 
 static constexpr uint8_t MAX_RECOVERY_RETRIES = 5; // after the first attempt
 static constexpr uint32_t FAST_WAKEUP_MS = 200;
 static constexpr uint32_t STANDARD_WAKEUP_MS = 10'000;
+
+// A device that rejoins when told to but never answers keeps the interrogator busy most of the time.
+static constexpr uint32_t FAILURES_WORTH_TELLING = 3;
+static constexpr uint32_t FAILURE_MEMORY_S = 3600; // failures further apart have nothing to do with each other
+static constexpr uint32_t TELL_INTERVAL_S = 86'400;
+static constexpr size_t REMEMBERED_DEVICES = 8;
 
 struct recoveryCursor {
     bool set;
@@ -124,4 +132,45 @@ void oruZb_handleDeviceRecovery() {
         ZB_LOG_ERROR("%s: %s: Device recovery standard wakeup timer start failed.", ZB_DISCOVERY, __func__);
         oruZb_cleanupFailedDiscoveryList();
     }
+}
+
+// ----------------------------------------------------------------------------------------------- devices that keep
+// failing
+struct failureHistory {
+    oruZbHal_eui64_t eui64;
+    uint32_t failures;
+    uint32_t last_s; // seconds of the platform clock; 0: never
+    uint32_t told_s; // likewise
+};
+
+static std::array<failureHistory, REMEMBERED_DEVICES> histories{}; // main thread
+
+// A device that is not remembered takes the place of the one whose last failure is longest ago.
+static failureHistory &historyOf(const uint8_t *eui64) {
+    const auto known = std::ranges::find_if(histories, [eui64](const failureHistory &history) {
+        return history.failures > 0 && std::equal(std::begin(history.eui64), std::end(history.eui64), eui64);
+    });
+    if (known != histories.end()) {
+        return *known;
+    }
+    failureHistory &oldest = *std::ranges::min_element(histories, {}, &failureHistory::last_s);
+    oldest = {};
+    std::copy_n(eui64, sizeof(oruZbHal_eui64_t), oldest.eui64);
+    return oldest;
+}
+
+void oruZb_noteFailedDiscovery(const uint8_t *eui64) {
+    failureHistory &history = historyOf(eui64);
+    const uint32_t now_s = oruZb_getCurrentTimeSec();
+    history.failures = now_s - history.last_s > FAILURE_MEMORY_S ? 1 : history.failures + 1;
+    history.last_s = now_s;
+    if (history.failures < FAILURES_WORTH_TELLING ||
+        (history.told_s != 0 && now_s - history.told_s < TELL_INTERVAL_S)) {
+        return;
+    }
+    history.told_s = now_s;
+    ZB_LOG_WARN("%s: device %02x:%02x:%02x:%02x:%02x:%02x:%02x:%02x comes back but never answers, %u failures so far, "
+                "and holds up the discovery of others: stop joining, or reset the device or switch it off",
+                ZB_DISCOVERY, eui64[0], eui64[1], eui64[2], eui64[3], eui64[4], eui64[5], eui64[6], eui64[7],
+                history.failures);
 }
