@@ -18,8 +18,7 @@ enum { // answers of oruZb_kvsListKeysCallback to the store
     ORU_ZB_KVS_LIST_KEYS_STOP = -1,
 };
 
-// ---------------------------------------------------------------------------------------------------- life, main
-// thread
+// -------------------------------------------------------------------------------------------------- life, main thread
 
 // Creates the mutex and loads every stored device; once, before any other thread can reach the list. Returns the
 // status of the mutex or of the store's listing. Devices loaded before a failure stay in the list.

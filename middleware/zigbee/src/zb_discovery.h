@@ -19,8 +19,8 @@ extern int failed_discovery_list_init;
 extern oruZb_node_t *current_discovery_item; // the device being interrogated, a member of the discovery list, or null
 extern std::atomic<uint32_t> device_fail_to_join_counter; // joins whose discovery has not completed
 
-// ------------------------------------------------------------------------------------------------------ lists and
-// nodes Nodes belong to their list. A pointer into the discovery list is good on the main thread until that thread
+// ---------------------------------------------------------------------------------------------------- lists and nodes
+// Nodes belong to their list. A pointer into the discovery list is good on the main thread until that thread
 // deletes the node; one into the failed-discovery list says no more than that the device was there, for the HAL may
 // remove it.
 

@@ -132,8 +132,7 @@ struct oruZb_txnList {
     oruZb_txnListItem_t **tqh_last;
 };
 
-// ------------------------------------------------------------------------------------------------------ device
-// database
+// ---------------------------------------------------------------------------------------------------- device database
 struct oruZb_latencyInfo_t { // milliseconds, since the item was created or the last daily upload
     uint32_t max_latency;
     uint32_t min_latency; // 0: no sample yet
