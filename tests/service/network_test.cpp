@@ -274,6 +274,41 @@ TEST_F(NetworkTest, NodeLeave) {
     EXPECT_EQ(lastStatus(), ORU_STATUS_NULL_POINTER);
 }
 
+TEST_F(NetworkTest, AnAddressBelongsToTheDeviceThatWasStoredLast) {
+    const auto nodeIdOf = [](uint8_t last) { // in memory and in the store
+        oruZb_device_t device{};
+        const uint8_t eui64[8] = {0, 0, 0, 0, 0, 0, 0, last};
+        EXPECT_EQ(oruZb_databaseGetDeviceByEui64(eui64, &device), 0);
+        char key[65];
+        EXPECT_EQ(oruZb_kvsConvertEUI64ToKey(key, sizeof key, eui64), 0);
+        EXPECT_EQ(recordOf<oruZb_device_t>(testplat::kvs::content()[key]).node_id, device.node_id);
+        return device.node_id;
+    };
+    const auto leave = [](uint8_t last) {
+        uint8_t eui64[8] = {0, 0, 0, 0, 0, 0, 0, last};
+        oruZb_handleDeviceLeft(eui64);
+    };
+    addDevice(0x1001, 1);
+    addDevice(0x1002, 2);
+    addDevice(0x1001, 3);
+    addDevice(0x1001, 3); // its own second record is no stranger
+    EXPECT_EQ(nodeIdOf(1), 0xFFFE);
+    EXPECT_EQ(nodeIdOf(2), 0x1002);
+    EXPECT_EQ(nodeIdOf(3), 0x1001);
+    uint8_t first[8] = {0, 0, 0, 0, 0, 0, 0, 1};
+    EXPECT_EQ(oruZb_databaseUpdateNodeId(first, 0x1002), 0);
+    EXPECT_EQ(nodeIdOf(1), 0x1002);
+    EXPECT_EQ(nodeIdOf(2), 0xFFFE);
+    addDevice(0xFFFE, 4); // two without an address: the one that left goes
+    EXPECT_EQ(nodeIdOf(2), 0xFFFE);
+    leave(2);
+    EXPECT_EQ(nodeIdOf(4), 0xFFFE);
+    EXPECT_TRUE(testplat::log::has("oruZb_handleDeviceLeft: removing fffe from DB"));
+    EXPECT_TRUE(testplat::log::has("Removed device 0xfffe from database"));
+    EXPECT_EQ(testplat::kvs::content().size(), 3U);
+    EXPECT_EQ(recordOf<oruZb_device_t>(ipc::events().back().payload).device_info.eui64[7], 2);
+}
+
 TEST_F(NetworkTest, InterpanMakesNetworkCallsBusyAndEnds) {
     oruZb_interpan_t frame{};
     frame.sequence = 42;

@@ -58,6 +58,25 @@ static oru_status_t copyFirstMatch(const char *operation, oruZb_device_t *p, Mat
     return ORU_STATUS_OK;
 }
 
+// The mutex is held. A network has one device to an address: who else is listed with the owner's has left it unnoticed,
+// and must not be reached, or removed, in its place.
+static void takeNodeIdFromOthers(const oruZb_device_t &owner) {
+    for (oruZb_deviceListItem_t *item = device_list_head.slh_first; item != nullptr; item = item->entries.sle_next) {
+        if (item->device.node_id != owner.node_id || owner.node_id == ORU_ZB_NODE_ID_UNKNOWN ||
+            sameEui64(*item, owner.device_info.eui64)) {
+            continue;
+        }
+        const uint8_t *eui64 = item->device.device_info.eui64;
+        ZB_LOG_INFO(
+            "%s: Device node ID 0x%4.4x belongs to another device now, mac_id(last 2 bytes):%2.2x%2.2x has none",
+            ZB_DATABASE, owner.node_id, eui64[6], eui64[7]);
+        item->device.node_id = ORU_ZB_NODE_ID_UNKNOWN;
+        if (oruZb_kvsAddOrUpdateDeviceInfo(&item->device) != ORU_STATUS_OK) {
+            ZB_LOG_ERROR("%s: Error: Unable to add to/update devices DB", ZB_DATABASE);
+        }
+    }
+}
+
 oru_status_t oruZb_databaseInit() {
     oru_status_t status = oruMutex_new(nullptr, &device_list_mutex);
     if (status != ORU_STATUS_OK) {
@@ -125,6 +144,10 @@ oru_status_t oruZb_databaseAddDevice(oruZb_device_t *device) {
     if (status != ORU_STATUS_OK) {
         ZB_LOG_ERROR("%s: Error: Unable to add to/update devices DB", ZB_DATABASE);
     }
+    const deviceListLock lock(__func__);
+    if (lock.status() == ORU_STATUS_OK) {
+        takeNodeIdFromOthers(*device);
+    }
     return status;
 }
 
@@ -172,24 +195,27 @@ oru_status_t oruZb_databaseUpdateNodeId(uint8_t *eui64, oruZbHal_nodeId_t node_i
         return ORU_STATUS_NOT_FOUND;
     }
     item->device.node_id = node_id;
-    return oruZb_kvsAddOrUpdateDeviceInfo(&item->device); // a refusal is the caller's to log
+    const oru_status_t status = oruZb_kvsAddOrUpdateDeviceInfo(&item->device); // a refusal is the caller's to log
+    takeNodeIdFromOthers(item->device);
+    return status;
 }
 
-oru_status_t oruZb_databaseRemoveDevice(oruZbHal_nodeId_t node_id) {
-    deviceListLock lock(__func__);
+template <typename Match>
+static oru_status_t removeFirstMatch(oruZbHal_nodeId_t node_id, Match match) {
+    constexpr char operation[] = "oruZb_databaseRemoveDevice";
+    deviceListLock lock(operation);
     if (lock.status() != ORU_STATUS_OK) {
         return lock.status();
     }
-    oruZb_deviceListItem_t *item = findListItem(
-        [node_id](const oruZb_deviceListItem_t &candidate) { return candidate.device.node_id == node_id; });
+    oruZb_deviceListItem_t *item = findListItem(match);
     if (item == nullptr) {
         lock.release();
-        ZB_LOG_WARN("%s: %s: NodeId 0x%x: No such device to remove", ZB_DATABASE, __func__, node_id);
+        ZB_LOG_WARN("%s: %s: NodeId 0x%x: No such device to remove", ZB_DATABASE, operation, node_id);
         return ORU_STATUS_NOT_FOUND;
     }
     const oru_status_t status = oruZb_kvsDeleteDeviceInfo(&item->device);
     if (status != ORU_STATUS_OK) {
-        ZB_LOG_ERROR("%s: %s: Unable to delete from devices DB, status: %d", ZB_DATABASE, __func__, status);
+        ZB_LOG_ERROR("%s: %s: Unable to delete from devices DB, status: %d", ZB_DATABASE, operation, status);
         return status;
     }
     unlinkListItem(item);
@@ -197,6 +223,20 @@ oru_status_t oruZb_databaseRemoveDevice(oruZbHal_nodeId_t node_id) {
     --device_count;
     ZB_LOG_INFO("%s: Removed device 0x%04x from database", ZB_DATABASE, node_id);
     return ORU_STATUS_OK;
+}
+
+oru_status_t oruZb_databaseRemoveDevice(oruZbHal_nodeId_t node_id) {
+    return removeFirstMatch(node_id,
+                            [node_id](const oruZb_deviceListItem_t &item) { return item.device.node_id == node_id; });
+}
+
+oru_status_t oruZb_databaseRemoveLeftDevice(const oruZb_device_t *device) {
+    if (device == nullptr) {
+        return ORU_STATUS_NULL_POINTER;
+    }
+    return removeFirstMatch(device->node_id, [device](const oruZb_deviceListItem_t &item) {
+        return item.device.node_id == device->node_id && sameEui64(item, device->device_info.eui64);
+    });
 }
 
 oru_status_t oruZb_databasePrintDevices() {

@@ -13,6 +13,10 @@ extern deviceList device_list_head;        // newest item first; guarded by devi
 extern std::atomic<uint32_t> device_count; // written under device_list_mutex, read without
 extern oruMutex_t device_list_mutex;       // taken after txn_list_mutex; nothing of the service is taken inside it
 
+// In the list and in the store: the node id of a device whose address was given to another one, until it announces a
+// new one. Writing a record (an add or a change of node id) takes its node id from every other EUI-64.
+constexpr oruZbHal_nodeId_t ORU_ZB_NODE_ID_UNKNOWN = 0xFFFE;
+
 enum { // answers of oruZb_kvsListKeysCallback to the store
     ORU_ZB_KVS_LIST_KEYS_CONTINUE = 0,
     ORU_ZB_KVS_LIST_KEYS_STOP = -1,
@@ -40,6 +44,8 @@ oru_status_t oruZb_databaseUpdateNodeId(uint8_t *eui64, oruZbHal_nodeId_t node_i
 // Removes the first item with this node id, from the store first: when the store refuses, the item stays and the
 // store's status is returned. ORU_STATUS_NOT_FOUND when no item has the node id.
 oru_status_t oruZb_databaseRemoveDevice(oruZbHal_nodeId_t node_id);
+// The same for the first item that has both the node id and the EUI-64 of the record.
+oru_status_t oruZb_databaseRemoveLeftDevice(const oruZb_device_t *device);
 // Erases the store only; callers follow with oruZb_databaseDeInit.
 oru_status_t oruZb_databaseRemoveAll();
 

@@ -197,7 +197,7 @@ void oruZb_handleDeviceLeft(uint8_t *eui64) {
         return;
     }
     ZB_LOG_INFO("%s: %s: removing %4.4x from DB", ZB_SVC, __func__, device.node_id);
-    const oru_status_t status = oruZb_databaseRemoveDevice(device.node_id);
+    const oru_status_t status = oruZb_databaseRemoveLeftDevice(&device);
     if (status != ORU_STATUS_OK) {
         ZB_LOG_ERROR("%s: %s: Failed to remove device from database, status:%d", ZB_SVC, __func__, status);
         return;
