@@ -187,6 +187,22 @@ TEST_F(NetworkTest, CountryCodeRetries) {
     EXPECT_EQ(testplat::log::count("Region and Tx power settings done"), 1U);
     advance(1'000'000);
     EXPECT_EQ(testplat::log::count("Region and Tx power settings done"), 1U);
+    // A client's region that comes between the tenth failure and the fallback stays.
+    hal::setResult("setRegion", 0);
+    oruZb_testWithoutQEL(false);
+    attempts = 9;
+    testplat::log::clear();
+    testplat::log::on_line = [](const std::string &line) {
+        if (line.find("Failed 10 times") != line.npos) {
+            (void)oruZb_doSetRegion("JP");
+        }
+    };
+    (void)oruZb_handleQelAccess();
+    EXPECT_EQ(oruZb_getRegionCode(), ORU_ZB_HAL_REGION_JAPAN);
+    EXPECT_EQ(lastCall(), "getNetworkInfo( )");
+    EXPECT_EQ(hal::calls().at(hal::calls().size() - 2), "setRegion(2)");
+    advance(1'000'000);
+    EXPECT_EQ(attempts, 0);
 }
 
 TEST_F(NetworkTest, RadioOnAndOffByState) {

@@ -159,16 +159,21 @@ oru_status_t oruZb_queryQelRegionCode() {
     return oruZb_setRegionCode(code);
 }
 
-static void fallBackToWorldWide(const char *operation) {
+// False: a client has set the region meanwhile, and it stays.
+static bool fallBackToWorldWide(const char *operation) {
+    const std::lock_guard lock(region_mutex);
+    if (test_without_qel) {
+        return false;
+    }
     ZB_LOG_ERROR("%s: %s(): unable to read country code from KVS, set region_code to World Wide Safe.%d!", ZB_REGION,
                  operation, ORU_ZB_HAL_REGION_WORLD_WIDE);
-    const std::lock_guard lock(region_mutex);
     region_code = ORU_ZB_HAL_REGION_WORLD_WIDE;
     const oru_status_t status = applyRegion();
     if (status != ORU_STATUS_OK) {
         ZB_LOG_ERROR("%s: %s: set region %d failed, status:%d", ZB_REGION, operation, ORU_ZB_HAL_REGION_WORLD_WIDE,
                      status);
     }
+    return true;
 }
 
 static oru_status_t startLongWait(const char *operation) {
@@ -192,8 +197,7 @@ oru_status_t oruZb_handleQelAccess() {
     ZB_LOG_ERROR("%s: %s(): Failed %d times to get/set country code!", ZB_REGION, __func__, failures);
     if (failures > MAX_ATTEMPTS) {
         attempts = 0;
-        fallBackToWorldWide(__func__);
-        return startLongWait(__func__);
+        return fallBackToWorldWide(__func__) ? startLongWait(__func__) : status;
     }
     status = oruTime_timerStart(&qel_ready_timer, RETRY_WAIT_MS);
     if (status != ORU_STATUS_OK) {
