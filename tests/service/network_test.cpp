@@ -112,8 +112,18 @@ TEST_F(NetworkTest, AllowlistSizesOrderAndMode) {
     EXPECT_EQ(callAsync(ORU_ZB_SVC_ZTS_DISABLE), 0);
     EXPECT_EQ(lastStatus(), 7);
     EXPECT_EQ(oruZb_getPjoinState(), ORU_ZB_HAL_STATE_ZTS_PJOIN_OPEN);
-    EXPECT_EQ(callSync(ORU_ZB_SVC_ZTS_CLEAR_DEVICES).returned, 0);
-    EXPECT_EQ(zts_device_list_head.slh_first, nullptr);
+    for (int round = 0; round < 2; ++round) {
+        EXPECT_EQ(callSync(ORU_ZB_SVC_ZTS_CLEAR_DEVICES).returned, 0);
+        EXPECT_EQ(zts_device_list_head.slh_first, nullptr);
+        std::vector<oruZb_ztsDeviceInfo_t> many(5000);
+        many[4095].mac_address[0] = 0xC0;
+        many[4096].mac_address[0] = 0xD0;
+        auto *list = reinterpret_cast<oruZb_ztsDeviceInfoList_t *>(many.data());
+        EXPECT_EQ(oruZb_doZtsAddDevices(static_cast<uint32_t>(many.size() * sizeof many[0]), list),
+                  ORU_STATUS_OUT_OF_MEMORY);
+        EXPECT_TRUE(oruZb_ztsOnAllowlist(many[4095].mac_address)); // the last that fits
+        EXPECT_FALSE(oruZb_ztsOnAllowlist(many[4096].mac_address));
+    }
 }
 
 TEST_F(NetworkTest, RegionCodes) {

@@ -12,18 +12,33 @@
 
 ztsDeviceList zts_device_list_head{};
 
-// Guards zts_device_list_head and every item. Taken inside discovery_mutex, never around another service lock.
+static constexpr uint32_t MAX_ZTS_DEVICES = 4096;
+
+static uint32_t zts_device_count; // items of the list
+
+// Guards zts_device_list_head, every item and their count. Taken inside discovery_mutex, never around another service
+// lock.
 static std::mutex zts_mutex;
 static_assert(std::is_trivially_destructible_v<std::mutex>, "threads may still use it while the process exits");
 
 void oruZb_ztsListInit() {
     const std::lock_guard lock(zts_mutex);
     zts_device_list_head.slh_first = nullptr;
+    zts_device_count = 0;
+}
+
+static bool isFull() {
+    const std::lock_guard lock(zts_mutex);
+    return zts_device_count >= MAX_ZTS_DEVICES;
 }
 
 oru_status_t oruZb_ztsListAddDevice(oruZb_ztsDeviceInfo_t *device_info) {
     if (device_info == nullptr) {
         return ORU_STATUS_NULL_POINTER;
+    }
+    if (isFull()) {
+        ZB_LOG_ERROR("%s: %s: the allowlist is full, it holds %u devices", ZB_SVC, __func__, MAX_ZTS_DEVICES);
+        return ORU_STATUS_OUT_OF_MEMORY;
     }
     auto *item = static_cast<oruZb_ztsListItem_t *>(oruZb_allocMemory(sizeof(oruZb_ztsListItem_t)));
     if (item == nullptr) {
@@ -36,6 +51,7 @@ oru_status_t oruZb_ztsListAddDevice(oruZb_ztsDeviceInfo_t *device_info) {
         const std::lock_guard lock(zts_mutex);
         item->entries.sle_next = zts_device_list_head.slh_first;
         zts_device_list_head.slh_first = item;
+        ++zts_device_count;
     }
     const uint8_t *mac = device_info->mac_address;
     const uint8_t *code = device_info->install_code;
@@ -52,6 +68,7 @@ void oruZb_ztsListRemoveAllDevices() {
             zts_device_list_head.slh_first = item->entries.sle_next;
             oruZb_freeMemory(item);
         }
+        zts_device_count = 0;
     }
     ZB_LOG_INFO("%s: All ZTS devices are removed from the allowlist", ZB_SVC);
 }
