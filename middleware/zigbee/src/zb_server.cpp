@@ -207,6 +207,9 @@ oru_status_t oruZb_sendServerMsg(oruOipc_parameter_t *task) {
     pass.leave();
     status = oruSem_wait(sync_call_sem);
     if (status != ORU_STATUS_OK) {
+        if (oruZb_gateIsClosed()) {
+            status = ORU_STATUS_CANCELED; // shut-down has deleted the semaphore, before the wait or during it
+        }
         ZB_LOG_ERROR("%s: %s: oruSem_wait() failed, status: %d ", ZB_SVC, __func__, status);
         return status;
     }
