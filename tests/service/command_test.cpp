@@ -84,6 +84,20 @@ TEST_F(CommandTest, EventByConfirmationStatus) {
     EXPECT_TRUE(testplat::log::has("zb_zcl_command_failed, device info:e1-0a0000-0100"));
 }
 
+TEST_F(CommandTest, OutcomeByteForByte) {
+    Bytes payload(100);
+    std::iota(payload.begin(), payload.end(), uint8_t{1});
+    const Bytes address = {0x34, 0x12, 0x78, 0x56, 0xBC, 0x9A, 0x0D, 0x0E}; // node, cluster, profile, endpoints
+    const Bytes cmd = address + payload + Bytes{100, 0, 0x44, 0x11, 0xEE, 0xEE, 0xEE, 0xEE, 0xEE, 0xEE, 0xEE, 0xEE};
+    EXPECT_EQ(callAsync(ORU_ZB_SVC_SEND_CLUSTER_CMD_ASYNC, cmd, 0xABCD, 0x0277), 0);
+    EXPECT_EQ(bytesOf(sent()[0].aps), (Bytes{0xBC, 0x9A, 0x78, 0x56, 0x0E, 0x0D, 0x44, 0x11, 0, 0, 1, 0}));
+    EXPECT_EQ(sent()[0].frame, payload);
+    hal::confirm(0, 225);
+    EXPECT_EQ(ipc::eventIds().back(), ORU_ZB_SVC_CHANNEL_BUSY);
+    const Bytes event = address + payload + Bytes{100, 0, 0, 0, 0x77, 0x02, 0, 0, 225, 0, 0, 0};
+    EXPECT_EQ(ipc::events().back().payload, event);
+}
+
 TEST_F(CommandTest, EleventhSendWaitsAndGoesOut) {
     for (const bool descriptor : {false, true}) {
         SCOPED_TRACE(descriptor);

@@ -434,10 +434,16 @@ TEST_F(DiscoveryTest, RecoveryOrderSpacingFlagsAndEnd) {
 }
 
 TEST_F(DiscoveryTest, ZdoFramesAndSequence) {
-    Bytes body(82, 7);
-    EXPECT_EQ(oruZb_sendBindingRequest(0x1001, body.data(), 81), ORU_STATUS_OK);
-    EXPECT_EQ(sent().back().frame.size(), 82U);
-    EXPECT_EQ(oruZb_sendBindingRequest(0x1001, body.data(), 82), ORU_STATUS_PARAM_OUT_OF_RANGE);
+    const auto bind = [](const Bytes &body) { return callSync(ORU_ZB_SVC_BINDING, le16(0x1234) + body).returned; };
+    Bytes body(81);
+    std::iota(body.begin(), body.end(), uint8_t{0x40});
+    EXPECT_EQ(bind(body), ORU_STATUS_OK);
+    EXPECT_EQ(sent().back().destination, 0x1234);
+    EXPECT_EQ(sent().back().frame, Bytes{1} + body);
+    EXPECT_EQ(bytesOf(sent().back().aps), (Bytes{0, 0, 0x21, 0, 0, 0, 0x40, 0x11, 0, 0, 0, 0}));
+    EXPECT_EQ(bind(Bytes(82)), ORU_STATUS_PARAM_OUT_OF_RANGE);
+    EXPECT_EQ(bind(Bytes(256)), ORU_STATUS_BAD_PARAM);
+    EXPECT_EQ(sent().size(), 1U);
     EXPECT_EQ(oruZb_sendBindingRequest(0x1001, nullptr, 1), ORU_STATUS_NULL_POINTER);
     uint8_t eui64[8] = {0x00, 0x11, 0x22, 0x33, 0x44, 0x55, 0x66, 0x77};
     EXPECT_EQ(oruZb_sendNodeLeaveNetworkRequest(0x1001, eui64, 0x80), ORU_STATUS_OK);

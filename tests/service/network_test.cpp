@@ -66,6 +66,10 @@ TEST_F(NetworkTest, FormationMasks) {
         EXPECT_EQ(hal::count("formNetworkAuto"), valid ? 1U : 0U);
         EXPECT_EQ(ipc::callbacks().size(), valid ? 1U : 0U);
     }
+    EXPECT_EQ(oruZb_addEndpoint(), 0);
+    EXPECT_EQ(lastCall(),
+              "addEndpoint(1,0x104,7,1,6: 0 3 6 8 19 a,17: 0 3 6 8 300 4 101 20 500 1 b05 201 406 400 402 102 "
+              "fc57)");
     hal::setResult("formNetworkAuto", 196);
     (void)callAsync(ORU_ZB_SVC_FORMZ3NET_AUTO);
     EXPECT_EQ(lastStatus(), 196);
@@ -390,11 +394,11 @@ TEST_F(NetworkTest, InterpanWithoutCompletionResetsTheAdapterOnce) {
 }
 
 TEST_F(NetworkTest, Queries) {
-    hal::network = {{1, 2, 3, 4, 5, 6, 7, 8}, 0xABCD, 11, 20, {}, 0, 0, 0};
+    hal::network = {{1, 2, 3, 4, 5, 6, 7, 8}, 0xABCD, -11, 20, {}, 0, 0, 0};
+    EXPECT_EQ(callSync(3, Bytes(32, 0xEE)).payload,
+              (Bytes{1,    2,    3,    4,    5,    6,    7,    8,    0xCD, 0xAB, 0,    0,    20,   0x4B, 0x4C, 0x4D,
+                     0x4E, 0x4F, 0x50, 0x51, 0x52, 0x53, 0x54, 0x55, 0x56, 0x57, 0x58, 0x59, 0x5A, 0xF5, 0xEE, 0xEE}));
     const auto info = [] { return recordOf<oruZb_networkInfo_t>(callSync(3, Bytes(32)).payload); };
-    EXPECT_EQ(info().panid, 0xABCDU);
-    EXPECT_EQ(info().network_key[15], 0x5A);
-    EXPECT_EQ(info().extended_panid, 0x0807060504030201U);
     hal::setResult("getNetworkInfo", 1);
     hal::setResult("getKey", 1);
     EXPECT_EQ(info().panid, 0xFFFFFFFFU);
@@ -470,6 +474,29 @@ TEST_F(NetworkTest, NodePagesAndLookUps) {
             EXPECT_EQ(result.payload, bytesOf(request)); // left alone
         }
     }
+}
+
+TEST_F(NetworkTest, NodeListByteForByte) {
+    constexpr size_t CLUSTERS = 35;
+    Bytes nodes;
+    for (uint8_t n = 1; n <= 2; ++n) {
+        const auto word = [n](size_t value) { return le16(static_cast<uint16_t>(n * 0x4000 + value)); };
+        const Bytes head = word(0x1A2) + word(0x2B3); // node id, manufacturer code
+        Bytes info = {n, 0x11, 0x22, 0x33, 0x44, 0x55, 0x66, 0x77, static_cast<uint8_t>(0x80 + n), 5};
+        for (uint8_t endpoint = 1; endpoint <= 5; ++endpoint) {
+            info = info + word(0x300U + endpoint) + word(0x400U + endpoint) +
+                   Bytes{static_cast<uint8_t>(0x10 * n + endpoint), CLUSTERS};
+            for (size_t cluster = 1; cluster <= CLUSTERS; ++cluster) {
+                info = info + word(endpoint * 0x100U + cluster) + Bytes{static_cast<uint8_t>(cluster % 2), 0xFF};
+            }
+        }
+        auto device = recordOf<oruZb_device_t>(head + info);
+        ASSERT_EQ(oruZb_databaseAddDevice(&device), 0);
+        nodes = head + Bytes(4, 0xEE) + info + nodes; // the type is not written; the newest comes first
+        ASSERT_EQ(testplat::kvs::content().rbegin()->second, head + info);
+    }
+    const Bytes answer = callSync(ORU_ZB_SVC_GET_CONN_NODES, Bytes(4) + Bytes(2 * 748, 0xEE)).payload;
+    EXPECT_EQ(answer, Bytes({2, 0, 0, 0}) + nodes); // and the position after the last
 }
 
 TEST_F(NetworkTest, StoredRecordsOfEveryKind) {

@@ -5,6 +5,9 @@
 #include <array>
 #include <cstdarg>
 #include <cstdio>
+#include <numeric>
+#include <span>
+#include <sstream>
 #include <unistd.h>
 
 namespace testplat::hal {
@@ -37,7 +40,7 @@ __attribute__((format(printf, 2, 3))) oru_status_t called(const char *operation,
     if (quiet) {
         return 0;
     }
-    char arguments[160];
+    char arguments[256];
     va_list list;
     va_start(list, format);
     vsnprintf(arguments, sizeof arguments, format, list);
@@ -223,8 +226,17 @@ oru_status_t oruZbHal_formNetworkAuto(uint8_t mode, uint32_t primary, uint32_t s
     return called("formNetworkAuto", "%u,0x%x,0x%x,%u,%d", mode, primary, secondary, final_channel, region);
 }
 oru_status_t oruZbHal_addEndpoint(uint8_t endpoint, uint16_t profile_id, uint16_t device_id, uint8_t version,
-                                  uint8_t inputs, uint8_t outputs, const uint16_t *, const uint16_t *) {
-    return called("addEndpoint", "%u,0x%x,%u,%u,%u,%u", endpoint, profile_id, device_id, version, inputs, outputs);
+                                  uint8_t inputs, uint8_t outputs, const uint16_t *input_list,
+                                  const uint16_t *output_list) {
+    const auto text = [](const uint16_t *list, uint8_t count) {
+        std::ostringstream out;
+        for (const uint16_t id : std::span(list, count)) {
+            out << ' ' << std::hex << id;
+        }
+        return out.str();
+    };
+    return called("addEndpoint", "%u,0x%x,%u,%u,%u:%s,%u:%s", endpoint, profile_id, device_id, version, inputs,
+                  text(input_list, inputs).c_str(), outputs, text(output_list, outputs).c_str());
 }
 oru_status_t oruZbHal_getNetworkInfo(oruZbHal_networkParameters_t *params) {
     return given("getNetworkInfo", hal::network, params);
@@ -254,7 +266,7 @@ oru_status_t oruZbHal_getKeyTableEntry(uint8_t index, oruZbHal_keyStruct_t *entr
 oru_status_t oruZbHal_getKey(oruZbHal_keyType_t type, oruZbHal_keyStruct_t *key) {
     const oru_status_t status = called("getKey", "%d", type);
     if (status == 0) {
-        std::fill_n(key->key.contents, 16, uint8_t{0x5A});
+        std::iota(key->key.contents, key->key.contents + 16, uint8_t{0x4B});
     }
     return status;
 }
