@@ -4,6 +4,7 @@
 #include <numeric>
 #include <random>
 #include <set>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 
 namespace {
@@ -192,6 +193,23 @@ TEST(BadInputTest, ClearErrors) {
             EXPECT_NE(daemon.said().find(part), std::string::npos) << part << "\n" << daemon.said();
         }
     }
+}
+
+TEST(DaemonOptionTest, ServiceGoesOnInAChildProcess) {
+    prctl(PR_SET_CHILD_SUBREAPER, 1); // the end of the child is then reported here
+    Daemon daemon;
+    daemon.arguments.insert(daemon.arguments.begin(), "-B");
+    daemon.in_child = [] { setpgid(0, 0); };
+    const pid_t group = daemon.start();
+    EXPECT_EQ(daemon.wait(), 0);
+    Listener listener(daemon);
+    EXPECT_TRUE(listener.connect() && listener.formAndOpen());
+    EXPECT_NE(daemon.said().find("oruZb_svc: daemon created"), std::string::npos);
+    ASSERT_EQ(kill(-group, SIGTERM), 0);
+    int status = -1;
+    EXPECT_GT(waitpid(-group, &status, 0), 0);
+    EXPECT_EQ(status, 0);
+    prctl(PR_SET_CHILD_SUBREAPER, 0);
 }
 
 TEST(SecondDaemonTest, LeavesTheFirstAlone) {
