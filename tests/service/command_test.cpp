@@ -135,11 +135,11 @@ TEST_F(CommandTest, WaitEndsWithALateConfirmationTheClockOrAFullQueue) {
             ASSERT_EQ(oruZb_timerPostServerMsg(ORU_ZB_SVC_INTERNAL_SERVICE_DISCOVERY), 0);
         }
     };
-    for (const Row &row : {Row{false, 60'000, confirm_in(3), 3, false}, // after more than two steps
-                           Row{false, 60'000, fill_queue, 1, true},     // the dispatcher may be waiting for a place
-                           Row{true, 0, {}, 1, true}, Row{true, 60'000, confirm_in(1), 1, false},
-                           Row{true, 60'000, confirm_in(30), 30, false},
-                           Row{true, 60'000, [](size_t) { testplat::time::advance(30'000); }, 2, true}}) {
+    for (const Row &row : {Row{false, 2'000, confirm_in(3), 3, false}, // after more than two steps
+                           Row{false, 2'000, fill_queue, 1, true},     // the dispatcher may be waiting for a place
+                           Row{true, 0, {}, 1, true}, Row{true, 2'000, confirm_in(1), 1, false},
+                           Row{true, 2'000, confirm_in(30), 30, false},
+                           Row{true, 2'000, [](size_t) { testplat::time::advance(1'000); }, 2, true}}) {
         SCOPED_TRACE(row.turns);
         forget();
         sent().clear();

@@ -86,6 +86,9 @@ TEST_F(DiscoveryTest, EveryListedEndpointAnswersBeforeTheDeviceIsStored) {
                     std::ranges::find(info.endpoints, row.listed[i], &oruZbHal_endpointInfo_t::endpoint);
                 EXPECT_EQ(first->cluster_count, 2) << i;
             }
+            for (size_t i = row.listed.size(); i < 5; ++i) {
+                EXPECT_EQ(info.endpoints[i].cluster_count, 0xFF) << i; // not in use
+            }
         }
         expectAtRest();
     }
@@ -420,6 +423,8 @@ TEST_F(DiscoveryTest, RecoveryOrderSpacingFlagsAndEnd) {
     PLUG.update(ORU_ZB_HAL_DEVICE_LEFT); // the cursor's device vanishes: the pass restarts at the head
     advance(200);
     EXPECT_EQ(leaveRequests().back().first, 0x1003);
+    Eui64Bytes sensor_eui64 = SENSOR.eui64; // entered again after three requests: six more
+    ASSERT_NE(oruZb_addOrUpdateToFailedDiscoveryList(sensor_eui64.data(), SENSOR.node_id, 0), nullptr);
     advance(120'000);
     EXPECT_EQ(failed_discovery_list_head.slh_first, nullptr);
     size_t lamp = 0, sensor = 0;
@@ -428,7 +433,7 @@ TEST_F(DiscoveryTest, RecoveryOrderSpacingFlagsAndEnd) {
         sensor += node_id == 0x1003 ? 1U : 0U;
     }
     EXPECT_EQ(lamp, 6U);
-    EXPECT_EQ(sensor, 6U);
+    EXPECT_EQ(sensor, 9U);
     EXPECT_EQ(testplat::log::count("Failed to Recover"), 2U);
     EXPECT_EQ(testplat::time::untilNext() > 10'000, true); // recovery does not wake any more
 }
