@@ -365,11 +365,4 @@ TEST_F(CoreTest, CallerThatComesToItsWaitAfterShutDownIsCanceledToo) {
     EXPECT_EQ(ipc::sync(ORU_ZB_SVC_SPING, Bytes(8)).returned, ORU_STATUS_CANCELED);
 }
 
-TEST_F(CoreTest, StartAnnouncesThatTheAdapterIsTurningOn) {
-    ASSERT_TRUE(boot());
-    EXPECT_EQ(ipc::eventIds(), (std::vector<uint16_t>{ORU_ZB_SVC_ADAPTER_ENABLING}));
-    EXPECT_TRUE(ipc::events()[0].payload.empty());
-    EXPECT_EQ(adapter_state, ORU_ZB_ADAPTER_TURNING_ON);
-}
-
 } // namespace

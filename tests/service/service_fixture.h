@@ -97,6 +97,7 @@ protected:
     // Up to a formed network, everything said so far forgotten.
     void bootReady() {
         ASSERT_TRUE(boot());
+        EXPECT_EQ(testplat::ipc::eventIds(), (std::vector<uint16_t>{ORU_ZB_SVC_ADAPTER_ENABLING}));
         testplat::hal::stackStatus(ORU_ZB_HAL_STACK_ENABLED_NETWORK_UP);
         pump();
         ASSERT_EQ(adapter_state, ORU_ZB_ADAPTER_SERVICE_READY);
