@@ -6,8 +6,8 @@
 //
 // A call runs on the thread of its client, so calls of different clients run at the same time and those of one client
 // one after the other. The framework blocks all signals in its threads and holds none of its locks while a handler
-// runs. Nothing here waits for a client to read: what the socket does not take is queued (64 frames for each client),
-// and a client whose queue is full is disconnected. What is sent to one client arrives in the order of the calls; all
+// runs. Nothing here waits for a client to read: what the socket does not take is queued (257 KiB for each client), and
+// a client whose queue is full is disconnected. What is sent to one client arrives in the order of the calls; all
 // clients see events in the same order.
 #pragma once
 #include "oru_status.h"
@@ -64,8 +64,10 @@ typedef oru_status_t (*oruOipc_serviceHandler_t)(oruOipc_parameter_t *task);
 struct oruOipc_serverConfig_t {
     uint32_t service_uuid; // told to clients in the greeting, at most 0xFFFF
     oruOipc_serviceHandler_t service_handler;
-    oruOipc_size_t max_payload_size;      // bytes, at most 4096 (the protocol's limit); 0: 4096
-    uint32_t max_client_count;            // at most 64; 0: 10. Further clients are refused, the handler is not asked
+    oruOipc_size_t max_payload_size; // bytes, at most 4096 (the protocol's limit); 0: 4096
+    // At most 64; 0: 10. Further clients are refused, the handler is not asked. Unless it is 1, the last place is for
+    // root and the process's own user.
+    uint32_t max_client_count;
     oruOipc_threadOption_t thread_option; // ORU_OIPC_THREAD_NONBLOCKING
     // everything below stays zero = framework default
     int32_t role;
@@ -100,9 +102,10 @@ struct oruOipc_eventParams_t {
 
 extern "C" {
 // Creates the socket `corvane.sock` in the configured runtime directory and serves it; returns when the threads run.
-// Calls may arrive before it returns. The socket gets the configured mode and the first configured group. A socket file
-// left by a process that has ended is replaced. Clients are admitted when their user, as the kernel reports it, is
-// root, the process's own or a configured one, or when their process is a member of a configured group.
+// Calls may arrive before it returns. A socket file left by a process that has ended is replaced, and one that is
+// deleted while the server runs is made again within a second or two. Clients are admitted when their user, as the
+// kernel reports it, is root, the process's own or a configured one, or when their process is a member of a configured
+// group. The socket has the configured mode, or 0666 when users or groups other than the process's own are configured.
 //
 //   handle   receives the server's handle, only on success
 //   config   copied
@@ -115,12 +118,13 @@ extern "C" {
 // ORU_STATUS_ALREADY_EXISTS       another process serves the socket, or its path is something other than a socket
 // ORU_STATUS_NOT_FOUND            the runtime directory does not exist
 // ORU_STATUS_BUSY                 another process is starting in the same directory at this moment
+// ORU_STATUS_OUT_OF_MEMORY
 // ORU_STATUS_GENERAL_ERROR        the system refused; the log says what
 oru_status_t oruOipc_start(oruOipc_Handler_t *handle, const oruOipc_serverConfig_t *config);
 
 // Takes no new client and no new call, waits until every handler call has come back and all threads have ended, removes
-// the socket and sets the handle to 0. Results of the calls that were under way are still sent. The caller sees to it
-// that no handler waits for ever. Not from a handler.
+// the socket unless another process has replaced it, and sets the handle to 0. Results of the calls that were under way
+// are still sent. The caller sees to it that no handler waits for ever. Not from a handler.
 //
 // ORU_STATUS_OK
 // ORU_STATUS_NULL_POINTER   handle is null

@@ -2,28 +2,43 @@
 #include "oipc_connection.h"
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <poll.h>
 #include <sys/socket.h>
 
 namespace oipc {
 
 void OutgoingQueue::push(const FrameHeader &header, Bytes payload) {
-    Frame &frame = (*frames_)[(first_ + count_) % QUEUE_FRAMES];
-    const auto encoded = encodeHeader(header);
-    const auto end = std::ranges::copy(encoded, frame.bytes.begin()).out;
-    std::ranges::copy(payload, end);
-    frame.size = encoded.size() + payload.size();
-    ++count_;
+    append(encodeHeader(header));
+    append(payload);
 }
 
-Bytes OutgoingQueue::front() const {
-    const Frame &frame = (*frames_)[first_];
-    return Bytes(frame.bytes).first(frame.size);
+void OutgoingQueue::append(Bytes bytes) {
+    const std::size_t begin = (first_ + used_) % QUEUE_BYTES;
+    const std::size_t fit = std::min(bytes.size(), QUEUE_BYTES - begin);
+    std::ranges::copy(bytes.first(fit), ring_->begin() + static_cast<std::ptrdiff_t>(begin));
+    std::ranges::copy(bytes.subspan(fit), ring_->begin());
+    used_ += bytes.size();
+}
+
+std::size_t OutgoingQueue::frontSize() const {
+    std::array<uint8_t, HEADER_SIZE> header{};
+    for (std::size_t i = 0; i < header.size(); ++i) {
+        header[i] = (*ring_)[(first_ + i) % QUEUE_BYTES];
+    }
+    return HEADER_SIZE + get<uint32_t>(header, PAYLOAD_LENGTH_OFFSET);
+}
+
+std::array<Bytes, 2> OutgoingQueue::front() const {
+    const std::size_t size = frontSize();
+    const std::size_t fit = std::min(size, QUEUE_BYTES - first_);
+    return {Bytes(*ring_).subspan(first_, fit), Bytes(*ring_).first(size - fit)};
 }
 
 void OutgoingQueue::pop() {
-    first_ = (first_ + 1) % QUEUE_FRAMES;
-    --count_;
+    const std::size_t size = frontSize();
+    first_ = (first_ + size) % QUEUE_BYTES;
+    used_ -= size;
 }
 
 namespace {
@@ -68,7 +83,7 @@ SendResult Connection::send(const FrameHeader &header, Bytes payload) {
             return SendResult::Closed;
         }
     }
-    if (queue_.full()) {
+    if (queue_.room() < HEADER_SIZE + payload.size()) {
         closed_ = true;
         queue_.clear();
         overflowed = true;
@@ -82,7 +97,8 @@ SendResult Connection::send(const FrameHeader &header, Bytes payload) {
 bool Connection::flush() {
     const std::lock_guard lock(mutex_);
     while (!queue_.empty()) {
-        std::array parts{part(queue_.front())};
+        const auto [front, rest] = queue_.front();
+        std::array parts{part(front), part(rest)};
         const auto written = writeMessage(fd(), parts);
         if (written == Written::NoRoom) {
             return true;
@@ -137,6 +153,24 @@ void Connection::endCalls() {
 bool Connection::peerGone() const {
     pollfd entry{fd(), 0, 0}; // hang-up is reported without being asked for
     return ::poll(&entry, 1, 0) > 0 && (entry.revents & (POLLHUP | POLLERR)) != 0;
+}
+
+Refusal refusalOf(Reason reason) {
+    const auto &info = reasonInfo(reason);
+    const Bytes text(reinterpret_cast<const uint8_t *>(info.text), std::strlen(info.text));
+    return {{.type = FrameType::Refusal,
+             .id = static_cast<uint16_t>(reason),
+             .status = info.status,
+             .payload_length = static_cast<uint32_t>(text.size())},
+            text};
+}
+
+void turnAway(int fd, Reason reason) {
+    const auto [header, text] = refusalOf(reason);
+    const auto encoded = encodeHeader(header);
+    std::array parts{part(encoded), part(text)};
+    (void)writeMessage(fd, parts);
+    shutdownAndDrain(fd);
 }
 
 } // namespace oipc

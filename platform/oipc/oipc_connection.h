@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // One client: its socket, the payload buffer of the call under way and the frames that wait for the client to read.
-// Shared by the client's handler thread, the writer thread and every thread that sends to the client; the last one to
-// let go closes the socket. All memory is taken when the client connects, none per frame.
+// Shared by the client's handler thread, the server's io thread and every thread that sends to the client; the last one
+// to let go closes the socket. All memory is taken when the client connects, none per frame.
 #pragma once
 #include "oipc_socket.h"
 #include "oipc_wire.h"
@@ -15,30 +15,28 @@ namespace oipc {
 
 using Bytes = std::span<const uint8_t>;
 
-constexpr std::size_t QUEUE_FRAMES = 64;
+constexpr std::size_t QUEUE_BYTES = 64 * MAX_FRAME; // 257 KiB
 
-// Frames that the kernel did not take yet, first in, first out, in preallocated places.
+// Frames that the kernel did not take yet, first in, first out, one behind the other in a ring of bytes.
 class OutgoingQueue {
 public:
-    OutgoingQueue() : frames_(std::make_unique<Frames>()) {}
+    // The system gives the memory as it is used: a client that reads in time never costs it.
+    OutgoingQueue() : ring_(std::make_unique_for_overwrite<std::array<uint8_t, QUEUE_BYTES>>()) {}
 
-    bool empty() const { return count_ == 0; }
-    bool full() const { return count_ == QUEUE_FRAMES; }
-    void push(const FrameHeader &header, Bytes payload); // not when full
-    Bytes front() const;
+    bool empty() const { return used_ == 0; }
+    std::size_t room() const { return QUEUE_BYTES - used_; } // bytes
+    void push(const FrameHeader &header, Bytes payload);     // where there is room for both
+    std::array<Bytes, 2> front() const;                      // of the first frame; the second part may be empty
     void pop();
-    void clear() { count_ = 0; }
+    void clear() { used_ = 0; }
 
 private:
-    struct Frame {
-        std::size_t size;
-        std::array<uint8_t, MAX_FRAME> bytes;
-    };
-    using Frames = std::array<Frame, QUEUE_FRAMES>;
+    void append(Bytes bytes);
+    std::size_t frontSize() const;
 
-    std::unique_ptr<Frames> frames_;
+    std::unique_ptr<std::array<uint8_t, QUEUE_BYTES>> ring_;
     std::size_t first_ = 0;
-    std::size_t count_ = 0;
+    std::size_t used_ = 0;
 };
 
 enum class SendResult : uint8_t {
@@ -51,7 +49,8 @@ enum class SendResult : uint8_t {
 
 class Connection {
 public:
-    Connection(Fd socket, uint16_t client_id, Peer credentials)
+    // Takes the socket only when there is memory for the queue.
+    Connection(Fd &&socket, uint16_t client_id, Peer credentials)
         : id(client_id), peer(std::move(credentials)), fd_(std::move(socket)) {}
 
     int fd() const { return fd_.get(); }
@@ -81,11 +80,20 @@ public:
     std::atomic<bool> overflowed{false};
 
 private:
+    OutgoingQueue queue_;
     Fd fd_;
     std::mutex mutex_; // guards queue_ and closed_; nothing is called under it that takes another lock
-    OutgoingQueue queue_;
     bool closed_ = false;
     alignas(8) std::array<uint8_t, MAX_PAYLOAD> payload_{};
 };
+
+// The last frame of a connection.
+struct Refusal {
+    FrameHeader header;
+    Bytes text;
+};
+Refusal refusalOf(Reason reason);
+// For a peer that got no connection: needs no memory and never waits.
+void turnAway(int fd, Reason reason);
 
 } // namespace oipc

@@ -7,10 +7,11 @@
 #include <csignal>
 #include <cstring>
 #include <fcntl.h>
+#include <new>
+#include <poll.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
-#include <system_error>
 #include <unistd.h>
 
 namespace oipc {
@@ -45,12 +46,15 @@ private:
     sigset_t former_{};
 };
 
+constexpr std::chrono::seconds HOUSEKEEPING_INTERVAL{1};
+constexpr int SHORTAGE_PAUSE_MS = 50;
+
 template <class Function>
 bool createThread(std::thread &thread, Function function) {
     try {
         thread = std::thread(std::move(function));
         return true;
-    } catch (const std::system_error &error) {
+    } catch (const std::exception &error) { // no memory, or too many threads
         OIPC_LOG(ORU_LOG_ERROR, "cannot create a thread: %s", error.what());
         return false;
     }
@@ -65,19 +69,45 @@ Server::Server(ServerSettings settings) : settings_(std::move(settings)) {
 
 Server::~Server() = default;
 
+namespace {
+
+oru_status_t statusOf(Socket_file_result result) {
+    switch (result) {
+    case Socket_file_result::ok:
+        return ORU_STATUS_OK;
+    case Socket_file_result::bad_path:
+        return ORU_STATUS_PARAM_OUT_OF_RANGE;
+    case Socket_file_result::no_folder:
+        return ORU_STATUS_NOT_FOUND;
+    case Socket_file_result::busy:
+        return ORU_STATUS_BUSY;
+    case Socket_file_result::not_a_socket:
+    case Socket_file_result::served:
+        return ORU_STATUS_ALREADY_EXISTS;
+    case Socket_file_result::failed:
+        return ORU_STATUS_GENERAL_ERROR;
+    }
+    return ORU_STATUS_GENERAL_ERROR;
+}
+
+} // namespace
+
 oru_status_t Server::start() {
     rules_ = resolveAccess(settings_.socket);
-    auto status = openDescriptors();
-    if (status == ORU_STATUS_OK) {
-        status = openListener(settings_.socket, rules_, listener_);
+    if (const auto status = openDescriptors(); status != ORU_STATUS_OK) {
+        return status;
     }
-    if (status == ORU_STATUS_OK) {
-        status = startThread();
+    const char *path = settings_.socket.path.c_str();
+    if (const auto result = openListener(settings_.socket, rules_, listener_); result != Socket_file_result::ok) {
+        OIPC_LOG(ORU_LOG_ERROR, "cannot listen on socket %s: %s", path, explain(result));
+        return statusOf(result);
     }
-    if (status == ORU_STATUS_OK) {
-        OIPC_LOG(ORU_LOG_INFO, "listening on %s", settings_.socket.path.c_str());
+    if (!startThread()) {
+        listener_.close();
+        return ORU_STATUS_GENERAL_ERROR;
     }
-    return status;
+    OIPC_LOG(ORU_LOG_INFO, "listening on %s", path);
+    return ORU_STATUS_OK;
 }
 
 oru_status_t Server::openDescriptors() {
@@ -91,25 +121,23 @@ oru_status_t Server::openDescriptors() {
     return ORU_STATUS_OK;
 }
 
-oru_status_t Server::startThread() {
-    epoll_event accept_event{.events = EPOLLIN, .data = {.u64 = KEY_LISTENER}};
+bool Server::startThread() {
     epoll_event wake_event{.events = EPOLLIN, .data = {.u64 = KEY_WAKE}};
-    const bool watched = ::epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, listener_.get(), &accept_event) == 0 &&
-                         ::epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, wake_.get(), &wake_event) == 0;
     const SignalsBlocked blocked;
-    if (!watched || !createThread(io_thread_, [this] { run(); })) {
-        ::unlink(settings_.socket.path.c_str());
-        return ORU_STATUS_GENERAL_ERROR;
-    }
-    return ORU_STATUS_OK;
+    return watchListener(listener_) && ::epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, wake_.get(), &wake_event) == 0 &&
+           createThread(io_thread_, [this] { run(); });
+}
+
+bool Server::watchListener(const Socket_file &listener) const {
+    epoll_event event{.events = EPOLLIN, .data = {.u64 = KEY_LISTENER}};
+    return ::epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, listener.get(), &event) == 0;
 }
 
 void Server::stop() {
     stopping_ = true;
     wake();
     io_thread_.join();
-    ::unlink(settings_.socket.path.c_str());
-    listener_.reset();
+    listener_.close();
     for (const auto &connection : connections_) {
         connection->endCalls();
     }
@@ -121,22 +149,63 @@ void Server::stop() {
 }
 
 void Server::run() {
-    std::array<epoll_event, 16> events{};
+    using Clock = std::chrono::steady_clock;
+    auto due = Clock::now() + HOUSEKEEPING_INTERVAL;
     while (!stopping_) {
-        const int count = ::epoll_wait(epoll_.get(), events.data(), static_cast<int>(events.size()), -1);
-        for (int i = 0; i < count && !stopping_; ++i) {
-            const uint64_t key = events[static_cast<std::size_t>(i)].data.u64;
-            if (key == KEY_LISTENER) {
-                accept();
-            } else if (key == KEY_WAKE) {
-                uint64_t ignored = 0;
-                (void)!::read(wake_.get(), &ignored, sizeof ignored);
-            } else {
-                flush(static_cast<uint16_t>(key));
-            }
-        }
+        handleEvents(std::chrono::ceil<std::chrono::milliseconds>(due - Clock::now()));
         reap();
+        if (Clock::now() >= due) {
+            tellOfTurnedAway();
+            keepName();
+            due = Clock::now() + HOUSEKEEPING_INTERVAL;
+        }
     }
+}
+
+void Server::handleEvents(std::chrono::milliseconds patience) {
+    std::array<epoll_event, 16> events{};
+    const auto wait_ms = static_cast<int>(std::max<int64_t>(patience.count(), 0));
+    const int count = ::epoll_wait(epoll_.get(), events.data(), static_cast<int>(events.size()), wait_ms);
+    for (int i = 0; i < count && !stopping_; ++i) {
+        const uint64_t key = events[static_cast<std::size_t>(i)].data.u64;
+        if (key == KEY_LISTENER) {
+            accept();
+        } else if (key == KEY_WAKE) {
+            uint64_t ignored = 0;
+            (void)!::read(wake_.get(), &ignored, sizeof ignored);
+        } else {
+            flush(static_cast<uint16_t>(key));
+        }
+    }
+}
+
+// A socket that was deleted under the service would serve nobody but those who are connected, for ever.
+void Server::keepName() {
+    if (listener_.isInPlace() || listenAgain()) {
+        name_lost_ = false;
+    }
+}
+
+bool Server::listenAgain() try {
+    const char *path = settings_.socket.path.c_str();
+    Socket_file fresh;
+    if (const auto result = openListener(settings_.socket, rules_, fresh); result != Socket_file_result::ok) {
+        if (!name_lost_) {
+            OIPC_LOG(ORU_LOG_ERROR, "socket %s was removed and cannot be made again yet: %s", path, explain(result));
+        }
+        name_lost_ = true;
+        return false;
+    }
+    if (!watchListener(fresh)) {
+        return false;
+    }
+    while (accept()) { // who had connected before
+    }
+    listener_ = std::move(fresh);
+    OIPC_LOG(ORU_LOG_WARN, "socket %s was removed by somebody and has been made again", path);
+    return true;
+} catch (const std::bad_alloc &) {
+    return false; // the next attempt may find memory
 }
 
 void Server::wake() const {
@@ -144,57 +213,98 @@ void Server::wake() const {
     (void)!::write(wake_.get(), &one, sizeof one);
 }
 
-void Server::accept() {
+// True when there was a client; whether it came in is another question.
+bool Server::accept() {
     Fd fd(::accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC));
     if (fd) {
         reap(); // a client that went away just before makes room
         admit(std::move(fd));
-    } else if (errno == EMFILE || errno == ENFILE) {
-        recoverFromDescriptorShortage();
+        return true;
     }
+    if (errno == EMFILE || errno == ENFILE) {
+        recoverFromDescriptorShortage();
+    } else if (errno == ENOBUFS || errno == ENOMEM) {
+        pauseAccepting();
+    }
+    return false;
 }
 
 // Without this the waiting connection would keep the listener readable and this thread busy.
 void Server::recoverFromDescriptorShortage() {
     OIPC_LOG(ORU_LOG_ERROR, "no descriptor left for another client: %s", std::strerror(errno));
+    if (!spare_) {
+        pauseAccepting();
+    }
     spare_.reset();
     Fd(::accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC)).reset();
     spare_ = Fd(::open("/dev/null", O_RDONLY | O_CLOEXEC));
 }
 
+void Server::pauseAccepting() const {
+    pollfd entry{wake_.get(), POLLIN, 0}; // stopping is not held up
+    (void)::poll(&entry, 1, SHORTAGE_PAUSE_MS);
+}
+
+// Root and the service's own user find a place even when the others have taken all of theirs.
 Reason Server::admission(const Peer &peer, bool known) const {
     if (!known || !isAllowed(peer, rules_)) {
         return Reason::NotAllowed;
     }
+    const std::size_t kept = settings_.max_clients > 1 && !isOwner(peer, rules_) ? 1 : 0;
+    const std::size_t places = settings_.max_clients - kept;
     const auto gone =
         static_cast<std::size_t>(std::ranges::count_if(connections_, [](const auto &c) { return c->peerGone(); }));
-    if (connections_.size() - gone >= settings_.max_clients ||
-        connections_.size() >= 2 * std::size_t{settings_.max_clients}) {
-        return Reason::TooManyClients;
-    }
-    return Reason::None;
+    return connections_.size() - gone >= places || connections_.size() >= 2 * places ? Reason::TooManyClients
+                                                                                     : Reason::None;
 }
 
 void Server::admit(Fd fd) {
     Peer peer;
-    const bool known = readPeer(fd.get(), peer);
-    const Reason reason = admission(peer, known);
-    const uint16_t id = reason == Reason::None ? nextClientId() : uint16_t{0};
-    const auto connection = std::make_shared<Connection>(std::move(fd), id, std::move(peer));
-    if (reason != Reason::None) {
-        refuse(*connection, reason);
-        return;
+    Reason reason = Reason::OutOfResources;
+    try {
+        const bool known = readPeer(fd.get(), peer);
+        reason = admission(peer, known);
+        if (reason == Reason::None) {
+            enter(std::make_shared<Connection>(std::move(fd), nextClientId(), peer));
+            return;
+        }
+    } catch (const std::bad_alloc &) {
+        reason = Reason::OutOfResources; // the socket is still here
     }
+    turnAway(fd.get(), peer, reason);
+}
+
+void Server::enter(const std::shared_ptr<Connection> &connection) {
     // Under the lock, so that the greeting is the first frame and no event between it and the entry is missed.
     const std::lock_guard lock(mutex_);
     greet(*connection);
-    connections_.push_back(connection);
+    connections_.push_back(connection); // into memory that is there
     // Watched without EPOLLOUT until a frame has to wait; one-shot, or a hang-up would be reported for ever. The thread
     // inherits this thread's mask: all signals blocked.
     if (!watch(*connection, EPOLL_CTL_ADD, 0) ||
         !createThread(connection->thread, [this, connection] { serve(connection); })) {
         connections_.pop_back();
         refuse(*connection, Reason::OutOfResources);
+    }
+}
+
+// Anybody may knock as often as he likes; the log must not be his.
+void Server::turnAway(int fd, const Peer &peer, Reason reason) {
+    const auto now = std::chrono::steady_clock::now();
+    if (now < quiet_until_) {
+        ++turned_away_;
+    } else {
+        quiet_until_ = now + HOUSEKEEPING_INTERVAL;
+        OIPC_LOG(ORU_LOG_WARN, "client 0 (user %u, process %d) refused: %s", peer.uid, peer.pid,
+                 reasonInfo(reason).text);
+    }
+    oipc::turnAway(fd, reason);
+}
+
+void Server::tellOfTurnedAway() {
+    if (turned_away_ > 0) {
+        OIPC_LOG(ORU_LOG_WARN, "%u more clients were refused in the last second", turned_away_);
+        turned_away_ = 0;
     }
 }
 
@@ -339,15 +449,10 @@ bool Server::serveCall(Connection &connection, const FrameHeader &call) {
 }
 
 void Server::refuse(Connection &connection, Reason reason) {
-    const auto &info = reasonInfo(reason);
-    const Bytes text(reinterpret_cast<const uint8_t *>(info.text), std::strlen(info.text));
+    const auto [header, text] = refusalOf(reason);
     OIPC_LOG(ORU_LOG_WARN, "client %u (user %u, process %d) refused: %s", connection.id, connection.peer.uid,
-             connection.peer.pid, info.text);
-    connection.send({.type = FrameType::Refusal,
-                     .id = static_cast<uint16_t>(reason),
-                     .status = info.status,
-                     .payload_length = static_cast<uint32_t>(text.size())},
-                    text);
+             connection.peer.pid, reasonInfo(reason).text);
+    connection.send(header, text);
     connection.disconnect();
 }
 

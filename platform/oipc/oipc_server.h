@@ -3,7 +3,7 @@
 // The server behind oru_oipc.h.
 //
 //   io thread        epoll: accepts clients, writes queued frames when a client's socket has room again, joins the
-//                    handler threads that have ended
+//                    handler threads that have ended, looks once a second whether the socket can still be found
 //   handler thread   one per client: reads a call, runs the handler, sends the result
 //   any thread       callback(), publish(): written to the socket at once, or queued when it is full
 //
@@ -12,7 +12,7 @@
 #pragma once
 #include "oipc_connection.h"
 #include "oru_oipc.h"
-#include <optional>
+#include <chrono>
 #include <vector>
 
 namespace oipc {
@@ -42,8 +42,16 @@ public:
 
 private:
     void run();
-    void accept();
+    void handleEvents(std::chrono::milliseconds patience);
+    bool accept();
     void admit(Fd fd);
+    void enter(const std::shared_ptr<Connection> &connection);
+    void turnAway(int fd, const Peer &peer, Reason reason);
+    void tellOfTurnedAway();
+    void keepName();
+    bool listenAgain();
+    bool watchListener(const Socket_file &listener) const;
+    void pauseAccepting() const;
     void greet(Connection &connection) const;
     void flush(uint16_t client);
     void reap();
@@ -51,7 +59,7 @@ private:
     Reason admission(const Peer &peer, bool known) const;
     uint16_t nextClientId();
     oru_status_t openDescriptors();
-    oru_status_t startThread();
+    bool startThread();
 
     void serve(const std::shared_ptr<Connection> &connection);
     bool serveCall(Connection &connection, const FrameHeader &call);
@@ -63,13 +71,17 @@ private:
 
     const ServerSettings settings_;
     AccessRules rules_;
-    Fd listener_;
+    Socket_file listener_;
     Fd epoll_;
     Fd wake_;
     Fd spare_; // given up to accept and close a connection when the process has no descriptor left
     std::thread io_thread_;
     std::atomic<bool> stopping_{false};
-    uint16_t last_client_id_ = 0; // io thread
+    // io thread
+    uint16_t last_client_id_ = 0;
+    bool name_lost_ = false;                              // and said so
+    uint32_t turned_away_ = 0;                            // without a line in the log
+    std::chrono::steady_clock::time_point quiet_until_{}; // no line about another one
 
     // Guards connections_; sends happen under it (they never wait), so that all clients see events in one order.
     // Before Connection's own mutex. Changed by the io thread only, and by stop() after that has ended.

@@ -7,24 +7,13 @@
 #include <charconv>
 #include <cstring>
 #include <fcntl.h>
-#include <filesystem>
 #include <grp.h>
 #include <optional>
 #include <pwd.h>
-#include <sys/file.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 namespace oipc {
-
-void Fd::reset(int fd) {
-    if (fd_ >= 0) {
-        ::close(fd_);
-    }
-    fd_ = fd;
-}
 
 namespace {
 
@@ -72,64 +61,29 @@ std::optional<gid_t> groupId(const std::string &name) {
     return found ? std::optional(found->gr_gid) : std::nullopt;
 }
 
-bool makeAddress(const std::string &path, sockaddr_un &address) {
-    address = {};
-    address.sun_family = AF_UNIX;
-    if (path.empty() || path.size() >= sizeof address.sun_path) {
-        OIPC_LOG(ORU_LOG_ERROR, "socket path %s is too long, %zu bytes are possible", path.c_str(),
-                 sizeof address.sun_path - 1);
-        return false;
-    }
-    std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
-    return true;
+// The kernel's number for users or groups that have none here. Where a sandbox hides /proc/sys, the kernel's default.
+uint32_t overflowId(const char *file) {
+    const Fd source(::open(file, O_RDONLY | O_CLOEXEC));
+    std::array<char, 16> text{};
+    const ssize_t size = source ? ::read(source.get(), text.data(), text.size()) : 0;
+    const auto number = parseNumber(std::string(text.data(), static_cast<std::size_t>(std::max<ssize_t>(size, 1)) - 1));
+    return number.value_or(65534);
 }
 
-const sockaddr *generic(const sockaddr_un &address) {
-    return reinterpret_cast<const sockaddr *>(&address);
-}
-
-bool isServed(const sockaddr_un &address) {
-    const Fd probe(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-    // A full backlog (EAGAIN) also means that somebody listens.
-    return ::connect(probe.get(), generic(address), sizeof address) == 0 || errno == EAGAIN;
-}
-
-oru_status_t removeStale(const sockaddr_un &address) {
-    struct stat info {};
-    if (::lstat(address.sun_path, &info) != 0) {
-        return ORU_STATUS_OK;
+template <class Id>
+std::vector<Id> resolve(const char *kind, const std::vector<std::string> &names,
+                        std::optional<Id> (*find)(const std::string &), Id overflow) {
+    std::vector<Id> ids;
+    for (const auto &name : names) {
+        const auto id = find(name);
+        if (id && *id != overflow) {
+            ids.push_back(*id);
+            continue;
+        }
+        OIPC_LOG(ORU_LOG_WARN, "%s %s %s and gets no access", kind, name.c_str(),
+                 id ? "is what the kernel calls everybody it cannot name" : "is not known on this system");
     }
-    if (!S_ISSOCK(info.st_mode)) {
-        OIPC_LOG(ORU_LOG_ERROR, "%s exists and is not a socket, remove it or choose another runtime directory",
-                 address.sun_path);
-        return ORU_STATUS_ALREADY_EXISTS;
-    }
-    if (isServed(address)) {
-        OIPC_LOG(ORU_LOG_ERROR, "another process already serves %s, stop it first", address.sun_path);
-        return ORU_STATUS_ALREADY_EXISTS;
-    }
-    OIPC_LOG(ORU_LOG_INFO, "replacing the stale socket %s", address.sun_path);
-    ::unlink(address.sun_path);
-    return ORU_STATUS_OK;
-}
-
-// Between bind and listen nobody can connect, so the permissions are in place before the first client.
-oru_status_t bindAndListen(int fd, const sockaddr_un &address, const SocketSettings &settings,
-                           const AccessRules &rules) {
-    if (::bind(fd, generic(address), sizeof address) != 0) {
-        OIPC_LOG(ORU_LOG_ERROR, "cannot create socket %s: %s", address.sun_path, std::strerror(errno));
-        return ORU_STATUS_GENERAL_ERROR;
-    }
-    if (!rules.groups.empty() && ::chown(address.sun_path, static_cast<uid_t>(-1), rules.groups.front()) != 0) {
-        OIPC_LOG(ORU_LOG_WARN, "cannot give socket %s to group %u, its members may be unable to connect: %s",
-                 address.sun_path, static_cast<unsigned>(rules.groups.front()), std::strerror(errno));
-    }
-    if (::chmod(address.sun_path, settings.mode) != 0 || ::listen(fd, BACKLOG) != 0) {
-        OIPC_LOG(ORU_LOG_ERROR, "cannot listen on socket %s: %s", address.sun_path, std::strerror(errno));
-        ::unlink(address.sun_path);
-        return ORU_STATUS_GENERAL_ERROR;
-    }
-    return ORU_STATUS_OK;
+    return ids;
 }
 
 } // namespace
@@ -137,33 +91,30 @@ oru_status_t bindAndListen(int fd, const sockaddr_un &address, const SocketSetti
 AccessRules resolveAccess(const SocketSettings &settings) {
     AccessRules rules;
     rules.own_uid = ::geteuid();
-    for (const auto &name : settings.users) {
-        if (const auto id = userId(name)) {
-            rules.users.push_back(*id);
-        } else {
-            OIPC_LOG(ORU_LOG_WARN, "user %s is not known on this system and gets no access", name.c_str());
-        }
-    }
-    for (const auto &name : settings.groups) {
-        if (const auto id = groupId(name)) {
-            rules.groups.push_back(*id);
-        } else {
-            OIPC_LOG(ORU_LOG_WARN, "group %s is not known on this system and gets no access", name.c_str());
-        }
-    }
+    rules.own_gid = ::getegid();
+    rules.overflow_uid = overflowId("/proc/sys/kernel/overflowuid");
+    rules.users = resolve("user", settings.users, userId, rules.overflow_uid);
+    rules.groups = resolve("group", settings.groups, groupId, overflowId("/proc/sys/kernel/overflowgid"));
     return rules;
 }
 
+bool isOwner(const Peer &peer, const AccessRules &rules) {
+    return peer.uid == 0 || (peer.uid == rules.own_uid && peer.uid != rules.overflow_uid);
+}
+
 bool isAllowed(const Peer &peer, const AccessRules &rules) {
-    if (peer.uid == 0 || peer.uid == rules.own_uid) {
-        return true;
-    }
-    if (std::ranges::find(rules.users, peer.uid) != rules.users.end()) {
+    if (isOwner(peer, rules) || std::ranges::find(rules.users, peer.uid) != rules.users.end()) {
         return true;
     }
     return std::ranges::any_of(rules.groups, [&](gid_t gid) {
         return peer.gid == gid || std::ranges::find(peer.groups, gid) != peer.groups.end();
     });
+}
+
+mode_t socketMode(const SocketSettings &settings, const AccessRules &rules) {
+    const bool others = std::ranges::any_of(rules.users, [&](uid_t uid) { return uid != 0 && uid != rules.own_uid; }) ||
+                        std::ranges::any_of(rules.groups, [&](gid_t gid) { return gid != rules.own_gid; });
+    return others ? mode_t{0666} : settings.mode;
 }
 
 bool readPeer(int fd, Peer &peer) {
@@ -191,32 +142,26 @@ bool readPeer(int fd, Peer &peer) {
     return true;
 }
 
-oru_status_t openListener(const SocketSettings &settings, const AccessRules &rules, Fd &listener) {
-    sockaddr_un address{};
-    if (!makeAddress(settings.path, address)) {
-        return ORU_STATUS_PARAM_OUT_OF_RANGE;
+Socket_file_result openListener(const SocketSettings &settings, const AccessRules &rules, Socket_file &listener) {
+    return listener.open(settings.path, SOCK_SEQPACKET, socketMode(settings, rules), BACKLOG);
+}
+
+const char *explain(Socket_file_result result) {
+    switch (result) {
+    case Socket_file_result::bad_path:
+        return "the path is too long for a socket";
+    case Socket_file_result::busy:
+        return "another process is just opening it";
+    case Socket_file_result::not_a_socket:
+        return "the file there is not a socket, remove it or choose another runtime directory";
+    case Socket_file_result::served:
+        return "another process serves it already, stop that one first";
+    case Socket_file_result::ok:
+    case Socket_file_result::no_folder:
+    case Socket_file_result::failed:
+        break;
     }
-    // The lock on the folder covers the time between finding a socket stale and listening on the new one, so that two
-    // processes that start together cannot remove each other's socket.
-    const auto folder = std::filesystem::path(settings.path).parent_path();
-    const Fd lock(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (!lock) {
-        OIPC_LOG(ORU_LOG_ERROR, "cannot open the folder of socket %s: %s", settings.path.c_str(), std::strerror(errno));
-        return errno == ENOENT || errno == ENOTDIR ? ORU_STATUS_NOT_FOUND : ORU_STATUS_GENERAL_ERROR;
-    }
-    if (::flock(lock.get(), LOCK_EX | LOCK_NB) != 0) {
-        OIPC_LOG(ORU_LOG_ERROR, "another process is just opening a socket in %s", folder.c_str());
-        return ORU_STATUS_BUSY;
-    }
-    if (const auto status = removeStale(address); status != ORU_STATUS_OK) {
-        return status;
-    }
-    Fd fd(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-    const auto status = bindAndListen(fd.get(), address, settings, rules);
-    if (status == ORU_STATUS_OK) {
-        listener = std::move(fd);
-    }
-    return status;
+    return std::strerror(errno);
 }
 
 void shutdownAndDrain(int fd) {

@@ -24,6 +24,7 @@ namespace oipc {
 constexpr uint16_t MAGIC = 0x5643; // "CV" as it lies in memory
 constexpr uint8_t VERSION = 1;
 constexpr std::size_t HEADER_SIZE = 2 + 1 + 1 + 2 + 2 + 4 + 4 + 4;
+constexpr std::size_t PAYLOAD_LENGTH_OFFSET = HEADER_SIZE - 4;
 constexpr std::size_t MAX_PAYLOAD = 4096;
 constexpr std::size_t MAX_FRAME = HEADER_SIZE + MAX_PAYLOAD;
 static_assert(HEADER_SIZE == 20 && MAX_FRAME == 4116, "sizes are part of the protocol");
@@ -100,7 +101,7 @@ constexpr std::array<uint8_t, HEADER_SIZE> encodeHeader(const FrameHeader &heade
     put(bytes, 6, header.callback_id);
     put(bytes, 8, header.sequence);
     put(bytes, 12, header.status);
-    put(bytes, 16, header.payload_length);
+    put(bytes, PAYLOAD_LENGTH_OFFSET, header.payload_length);
     return bytes;
 }
 
@@ -125,7 +126,7 @@ constexpr Reason decodeHeader(std::span<const uint8_t> bytes, std::size_t receiv
     header.callback_id = get<uint16_t>(bytes, 6);
     header.sequence = get<uint32_t>(bytes, 8);
     header.status = get<int32_t>(bytes, 12);
-    header.payload_length = get<uint32_t>(bytes, 16);
+    header.payload_length = get<uint32_t>(bytes, PAYLOAD_LENGTH_OFFSET);
     if (header.payload_length > MAX_PAYLOAD || received > MAX_FRAME) {
         return Reason::TooLong;
     }

@@ -7,6 +7,7 @@
 #include "oipc_log.h"
 #include "oipc_server.h"
 #include "oru_config.h"
+#include <new>
 
 namespace {
 
@@ -82,6 +83,16 @@ bool beginStart() {
     return true;
 }
 
+oru_status_t startServer(const oruOipc_serverConfig_t &config, std::shared_ptr<Server> &server) {
+    try {
+        server = std::make_shared<Server>(makeSettings(config));
+        return server->start();
+    } catch (const std::bad_alloc &) {
+        OIPC_LOG(ORU_LOG_ERROR, "no memory to serve clients");
+        return ORU_STATUS_OUT_OF_MEMORY;
+    }
+}
+
 } // namespace
 
 oru_status_t oruOipc_start(oruOipc_Handler_t *handle, const oruOipc_serverConfig_t *config) {
@@ -94,8 +105,8 @@ oru_status_t oruOipc_start(oruOipc_Handler_t *handle, const oruOipc_serverConfig
     if (!beginStart()) {
         return ORU_STATUS_ALREADY_INITIALIZED;
     }
-    const auto server = std::make_shared<Server>(makeSettings(*config));
-    const auto status = server->start();
+    std::shared_ptr<Server> server;
+    const auto status = startServer(*config, server);
     auto &all = registry();
     const std::lock_guard lock(all.mutex);
     all.starting = false;

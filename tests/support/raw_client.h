@@ -43,11 +43,11 @@ inline std::vector<uint8_t> frameOf(oipc::FrameHeader header, const std::vector<
 
 // A socket on which ::bind or ::connect has succeeded, or -1.
 template <class Join>
-int openSocket(const std::string &path, Join join) {
+int openSocket(const std::string &path, Join join, int type = SOCK_SEQPACKET) {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
-    const int fd = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
+    const int fd = ::socket(AF_UNIX, type | SOCK_CLOEXEC, 0);
     if (join(fd, reinterpret_cast<const sockaddr *>(&address), socklen_t{sizeof address}) != 0) {
         ::close(fd);
         return -1;

@@ -32,6 +32,15 @@ long statusOf(const Daemon &daemon, const std::string &key) {
     return -1;
 }
 
+long timesSaid(const Daemon &daemon, const std::string &text) {
+    const std::string log = daemon.said();
+    long count = 0;
+    for (auto at = log.find(text); at != std::string::npos; at = log.find(text, at + 1)) {
+        ++count;
+    }
+    return count;
+}
+
 std::pair<long, long> resourcesOf(const Daemon &daemon) { // descriptors, threads
     const std::filesystem::directory_iterator folder("/proc/" + std::to_string(daemon.pid()) + "/fd");
     return {std::distance(begin(folder), end(folder)), statusOf(daemon, "Threads:")};
@@ -185,6 +194,7 @@ TEST_F(ClientTest, StoppedReadersCostTheOthersNothing) {
     constexpr int DEVICES = 5; // ten reports per second each, 20 times as fast: 1000 events per second
     daemon.scenario = Daemon::routers(DEVICES, "[[device.report]]\ncluster = \"on_off\"\nattribute = \"on_off\"\n"
                                                "interval_ms = 100\n");
+    daemon.log += "level = \"warn\"\n"; // or the lines looked for below would be in an older file
     corvane::Options options;
     options.socket_path = daemon.path("run/corvane.sock");
     daemon.start();
@@ -198,15 +208,17 @@ TEST_F(ClientTest, StoppedReadersCostTheOthersNothing) {
     const int first = listener.count(ORU_ZB_SVC_INCOMING_MSG);
     const auto begin = Clock::now();
     Latencies pings, server_pings;
-    const auto askFor = [&](std::chrono::milliseconds span) {
-        for (const auto end = Clock::now() + span; Clock::now() < end; std::this_thread::sleep_for(2ms)) {
+    const auto askUntil = [&](const std::function<bool()> &over) {
+        EXPECT_TRUE(eventually([&] {
             measure(pings, [&] { EXPECT_EQ(listener.client.ping().value, "pong"); });
             measure(server_pings, [&] { EXPECT_EQ(listener.client.serverPing().value, "spong"); });
-        }
+            return over();
+        }));
         return statusOf(daemon, "VmRSS:");
     };
-    const long filled_kib = askFor(1500ms); // the queues of the stopped ones have had the time to fill
-    const long growth_kib = askFor(2500ms) - filled_kib;
+    // The queues of the stopped ones are full, and their memory has been given back.
+    const long filled_kib = askUntil([&] { return timesSaid(daemon, "did not read its messages") == 3; });
+    const long growth_kib = askUntil([end = Clock::now() + 2500ms] { return Clock::now() > end; }) - filled_kib;
     const double seconds = std::chrono::duration<double>(Clock::now() - begin).count();
     const int heard = listener.count(ORU_ZB_SVC_INCOMING_MSG) - first;
     std::cout << heard / seconds << " events per second to each reader, " << growth_kib << " KiB more\n";
@@ -216,10 +228,12 @@ TEST_F(ClientTest, StoppedReadersCostTheOthersNothing) {
     node.id = lamp;
     node.device_info = listener.client.deviceByNodeId(lamp).value.device_info;
     EXPECT_TRUE(listener.client.nodeLeave(node, nullptr).ok());
+    // On a machine too busy for 1000 reports per second the radio's own queue overflows, which is said.
+    const bool all_received = timesSaid(daemon, "reports of the radio lost") == 0;
     for (auto &reader : readers) {
         ASSERT_TRUE(eventually([&] { return reader->complete.load(); }));
         EXPECT_EQ(reader->client.droppedEvents(), 0U);
-        EXPECT_EQ(reader->gaps, 0);
+        EXPECT_TRUE(reader->gaps == 0 || !all_received) << reader->gaps;
         EXPECT_TRUE(reader->events == readers[0]->events);
     }
     EXPECT_GT(heard, 400);
@@ -230,7 +244,7 @@ TEST_F(ClientTest, StoppedReadersCostTheOthersNothing) {
             ++kept;
         }
         EXPECT_EQ(last.header.type, testplat::ENDED);
-        EXPECT_LT(kept, 600U);
+        EXPECT_LT(kept, 600U); // the kernel's share of some 2000
     }
     EXPECT_LT(growth_kib, SANITIZED ? 65536 : 512); // sanitizers keep freed memory
 }
@@ -335,49 +349,97 @@ TEST_F(ClientTest, EveryFunctionAtOnceWithNonsense) {
     expectUnharmed();
 }
 
-TEST(AccessTest, OthersAreTurnedAwayUnlessAllowed) {
-    if (geteuid() != 0) {
-        GTEST_SKIP() << "only root can become somebody else";
+enum class Door { Open, Refused, Full, Shut }; // Shut: by the mode of the socket
+
+Door knock(const RawClient &client) {
+    if (!client.connected()) {
+        return Door::Shut;
     }
-    struct Row {
-        const char *allowed;
-        gid_t supplementary;
-        bool gets_in;
-    };
-    for (const Row &row : std::initializer_list<Row>{{"", 65534, false},
-                                                     {"users = [\"65533\"]\ngroups = [\"65533\"]\n", 65532, false},
-                                                     {"users = [\"65534\"]\n", 65532, true},
-                                                     {"groups = [\"65534\"]\n", 65532, true},
-                                                     {"groups = [\"65531\", \"65532\"]\n", 65532, true}}) {
-        SCOPED_TRACE(row.allowed);
-        Daemon daemon;
-        daemon.config = std::string("[ipc]\nsocket_mode = \"0666\"\n") + row.allowed;
+    const oipc::FrameHeader answer = client.receive().header;
+    const bool in = answer.type == FrameType::Hello;
+    return in ? Door::Open : answer.id == static_cast<uint16_t>(Reason::NotAllowed) ? Door::Refused : Door::Full;
+}
+
+// What connects while it lives is that user's.
+class Disguise {
+public:
+    Disguise(uid_t user, gid_t supplementary) : groups_(static_cast<std::size_t>(getgroups(0, nullptr))) {
+        EXPECT_GE(getgroups(static_cast<int>(groups_.size()), groups_.data()), 0);
+        EXPECT_TRUE(setgroups(1, &supplementary) == 0 && setegid(user) == 0 && seteuid(user) == 0);
+    }
+    ~Disguise() { EXPECT_TRUE(seteuid(0) == 0 && setegid(0) == 0 && setgroups(groups_.size(), groups_.data()) == 0); }
+    Disguise(const Disguise &) = delete;
+    Disguise &operator=(const Disguise &) = delete;
+
+private:
+    std::vector<gid_t> groups_;
+};
+
+class AccessTest : public ::testing::Test {
+protected:
+    static constexpr uid_t USER = 4711;
+    void SetUp() override {
+        if (geteuid() != 0) {
+            GTEST_SKIP() << "only root can become somebody else";
+        }
+    }
+    static void open(Daemon &daemon, Listener &listener, const std::string &allowed) {
+        daemon.config = "[ipc]\n" + allowed;
         ASSERT_EQ(chmod(daemon.path(".").c_str(), 0711), 0);
         ASSERT_EQ(chmod(daemon.path("run").c_str(), 0755), 0);
         daemon.start();
-        Listener listener(daemon);
         ASSERT_TRUE(listener.connect());
-        const std::string socket_path = daemon.path("run/corvane.sock");
-        const pid_t child = fork();
-        if (child == 0) {
-            if (setgroups(1, &row.supplementary) != 0 || setgid(65534) != 0 || setuid(65534) != 0) {
-                _exit(100);
-            }
-            const RawClient raw(socket_path);
-            const oipc::FrameHeader answer = raw.receive().header;
-            const bool refused = answer.type == FrameType::Refusal &&
-                                 answer.id == static_cast<uint16_t>(Reason::NotAllowed) && raw.ended();
-            _exit(answer.type == FrameType::Hello ? 1 : refused ? 2 : 3);
+    }
+};
+
+TEST_F(AccessTest, OthersAreTurnedAwayUnlessAllowed) {
+    struct Row {
+        const char *allowed;
+        uid_t user;
+        gid_t supplementary;
+        Door expected;
+    };
+    for (const Row &row :
+         std::initializer_list<Row>{{"", USER, 65533, Door::Shut},
+                                    {"users = [\"root\", 65534]\n", 65534, 65534, Door::Shut},
+                                    {"users = [65534, 1]\ngroups = [65534, 1]\n", 65534, 65534, Door::Refused},
+                                    {"users = [65533]\ngroups = [65533]\n", USER, 65532, Door::Refused},
+                                    {"users = [4711]\n", USER, 65532, Door::Open},
+                                    {"groups = [4711]\n", USER, 65532, Door::Open},
+                                    {"groups = [65531, 65532]\n", USER, 65532, Door::Open}}) {
+        SCOPED_TRACE(row.allowed);
+        Daemon daemon;
+        Listener listener(daemon);
+        open(daemon, listener, row.allowed);
+        const std::string path = daemon.path("run/corvane.sock");
+        {
+            const Disguise other(row.user, row.supplementary);
+            EXPECT_EQ(knock(RawClient(path)), row.expected);
         }
-        int status = 0;
-        ASSERT_EQ(waitpid(child, &status, 0), child);
-        EXPECT_TRUE(WIFEXITED(status));
-        EXPECT_EQ(WEXITSTATUS(status), row.gets_in ? 1 : 2);
-        const std::string line =
-            "(user 65534, process " + std::to_string(child) + ") refused: this user is not allowed";
-        EXPECT_EQ(daemon.said().find(line) != std::string::npos, !row.gets_in) << daemon.said();
+        EXPECT_EQ(timesSaid(daemon, "refused: this user is not allowed"), row.expected == Door::Refused ? 1 : 0);
         EXPECT_EQ(listener.client.ping().value, "pong");
     }
+}
+
+TEST_F(AccessTest, OneUserCannotTakeTheLastPlaceNorFillTheLog) {
+    Daemon daemon;
+    Listener listener(daemon); // has one of ten places
+    open(daemon, listener, "users = [4711]\n");
+    std::vector<std::unique_ptr<RawClient>> clients;
+    const auto enter = [&] {
+        clients.push_back(std::make_unique<RawClient>(daemon.path("run/corvane.sock")));
+        return knock(*clients.back());
+    };
+    {
+        const Disguise other(USER, USER);
+        for (int i = 0; i < 100; ++i) {
+            EXPECT_EQ(enter(), i < 8 ? Door::Open : Door::Full) << i;
+        }
+    }
+    EXPECT_EQ(enter(), Door::Open);
+    EXPECT_EQ(enter(), Door::Full);
+    EXPECT_TRUE(eventually([&] { return timesSaid(daemon, "more clients were refused") > 0; }));
+    EXPECT_LT(timesSaid(daemon, "refused"), 10);
 }
 
 TEST_F(ClientTest, MalformedFramesEndTheirOwnConnectionOnly) {

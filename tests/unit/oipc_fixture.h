@@ -98,8 +98,8 @@ private:
 };
 
 // A listening socket of the test's own, to play the service.
-inline int listenAt(const std::string &path) {
-    const int fd = openSocket(path, ::bind);
+inline int listenAt(const std::string &path, int type = SOCK_SEQPACKET) {
+    const int fd = openSocket(path, ::bind, type);
     EXPECT_EQ(::listen(fd, 4), 0);
     return fd;
 }

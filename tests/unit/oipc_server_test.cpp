@@ -1,11 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
+#include "../support/allocation_counter.h"
 #include "oipc_connection.h"
 #include "oipc_fixture.h"
 #include <csignal>
 #include <fstream>
 #include <future>
 #include <numeric>
+#include <sys/file.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 
 using namespace oipc_test;
 using oipc::Reason;
@@ -39,28 +42,76 @@ TEST_F(OipcTest, StartRefusesWhatItCannotServe) {
     EXPECT_EQ(start(), ORU_STATUS_ALREADY_EXISTS);
     EXPECT_EQ(std::filesystem::file_size(path), 8U) << "a file that is no socket is left alone";
     std::filesystem::remove(path);
-    const int other = listenAt(path);
-    EXPECT_EQ(start(), ORU_STATUS_ALREADY_EXISTS);
-    ::close(other); // leaves a stale socket behind
+    for (const int type : {SOCK_SEQPACKET, SOCK_STREAM}) {
+        const oipc::Fd other(listenAt(path, type)); // a stale socket is left behind
+        EXPECT_EQ(start(), ORU_STATUS_ALREADY_EXISTS);
+        EXPECT_TRUE(std::filesystem::is_socket(path));
+        if (type == SOCK_SEQPACKET) {
+            std::filesystem::remove(path);
+        }
+    }
+    oipc::Fd locked(::open(directory.c_str(), O_RDONLY | O_CLOEXEC)); // as anybody can
+    EXPECT_EQ(::flock(locked.get(), LOCK_EX), 0);
     ASSERT_EQ(start(), ORU_STATUS_OK);
     EXPECT_EQ(start(), ORU_STATUS_ALREADY_INITIALIZED);
     EXPECT_EQ(hello(RawClient(path)), 1);
     stop();
-    EXPECT_FALSE(std::filesystem::exists(path));
+    EXPECT_TRUE(std::filesystem::is_empty(directory));
+    locked = oipc::Fd(::open((path + ".lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+    EXPECT_EQ(::flock(locked.get(), LOCK_EX), 0);
+    EXPECT_EQ(start(), ORU_STATUS_BUSY) << "a process is starting";
+}
+
+TEST_F(OipcTest, TheSocketCanBeFoundAsLongAsNobodyElseTakesItsName) {
+    ASSERT_EQ(start(), ORU_STATUS_OK);
+    const RawClient early(path);
+    ASSERT_EQ(hello(early), 1);
+    const auto comesBack = [this] {
+        for (const auto end = std::chrono::steady_clock::now() + PATIENCE; std::chrono::steady_clock::now() < end;) {
+            if (RawClient(path).connected()) {
+                return true;
+            }
+            std::this_thread::yield();
+        }
+        return false;
+    };
+    std::filesystem::remove(path);
+    EXPECT_TRUE(comesBack());
+    EXPECT_EQ(call(early, ECHO, {1}).payload(), Payload{1});
+    std::filesystem::remove_all(directory); // with the folder
+    std::filesystem::create_directory(directory);
+    EXPECT_TRUE(comesBack());
+    std::filesystem::remove(path);
+    const oipc::Fd successor(listenAt(path));
+    stop();
+    EXPECT_TRUE(RawClient(path).connected()) << "not ours to remove";
 }
 
 TEST(OipcAccess, RulesDecideByUserAndGroup) {
-    oipc::AccessRules rules =
-        oipc::resolveAccess({.users = {"root", "1234", "no-such-user", ""}, .groups = {"root", "12x", "70"}});
+    oipc::AccessRules rules = oipc::resolveAccess(
+        {.users = {"root", "1234", "no-such-user", "", "65534"}, .groups = {"root", "12x", "70", "65534"}});
     EXPECT_EQ(rules.users, (std::vector<uid_t>{0, 1234}));
     EXPECT_EQ(rules.groups, (std::vector<gid_t>{0, 70}));
     rules.own_uid = 500;
+    rules.own_gid = 50;
     const auto allowed = [&rules](uid_t uid, gid_t gid, gid_t other) {
         return oipc::isAllowed({.uid = uid, .gid = gid, .groups = {1, other}}, rules);
     };
     EXPECT_TRUE(allowed(0, 9, 9) && allowed(500, 9, 9) && allowed(1234, 9, 9) && allowed(7, 70, 9) &&
                 allowed(7, 9, 70));
-    EXPECT_FALSE(allowed(7, 9, 9) || allowed(70, 1234, 1234));
+    EXPECT_FALSE(allowed(7, 9, 9) || allowed(70, 1234, 1234) || allowed(65534, 65534, 65534));
+    rules.own_uid = 65534;
+    EXPECT_FALSE(allowed(65534, 9, 9)) << "may be anybody";
+    const struct {
+        std::vector<uid_t> users;
+        std::vector<gid_t> groups;
+        mode_t mode;
+    } rows[] = {{{}, {}, 0640}, {{0, 65534}, {50}, 0640}, {{7}, {}, 0666}, {{}, {50, 70}, 0666}};
+    for (const auto &row : rows) {
+        rules.users = row.users;
+        rules.groups = row.groups;
+        EXPECT_EQ(oipc::socketMode({.mode = 0640}, rules), row.mode);
+    }
 }
 
 TEST_F(OipcTest, CallsGetAZeroedBufferAndTheirResultBack) {
@@ -155,10 +206,11 @@ TEST_F(OipcTest, ClientsGoneDuringTheirCallsCountNoMoreButAreBounded) {
 
 TEST_F(OipcTest, QueuedFramesKeepTheirOrderAndAFullQueueEndsTheConnection) {
     ASSERT_EQ(start(), ORU_STATUS_OK);
-    const auto fill = [this](uint16_t client, uint32_t most) { // gives the number of frames taken
+    constexpr std::size_t DEVICE = 744;
+    const auto fill = [this](uint16_t client, uint32_t most, std::size_t size) { // gives the number of frames taken
         uint32_t count = 0;
         oru_status_t status = ORU_STATUS_OK;
-        for (Payload payload(4096); count < most; ++count) {
+        for (Payload payload(size); count < most; ++count) {
             oipc::put(std::span(payload), 0, count);
             status = callback(client, 700, payload);
             if (status != ORU_STATUS_OK) {
@@ -168,23 +220,30 @@ TEST_F(OipcTest, QueuedFramesKeepTheirOrderAndAFullQueueEndsTheConnection) {
         }
         return count;
     };
-    const auto expectFrames = [](const RawClient &client, uint32_t count) {
+    const auto expectFrames = [](const RawClient &client, std::size_t count, std::size_t size) {
         for (uint32_t i = 0; i < count; ++i) {
             const RawFrame frame = client.receive();
             ASSERT_EQ(frame.header.type, FrameType::Callback) << i;
+            ASSERT_EQ(frame.header.payload_length, size);
             ASSERT_EQ(oipc::get<uint32_t>(frame.payload(), 0), i);
         }
     };
-    const RawClient sleeper(path);
+    uint16_t id = 0;
+    uint32_t taken = 0;
+    for (const std::size_t size : {std::size_t{4096}, DEVICE}) {
+        const RawClient sleeper(path);
+        ASSERT_EQ(hello(sleeper), ++id);
+        taken = fill(id, 100000, size);
+        EXPECT_EQ(callback(id, 700, {}), ORU_STATUS_NOT_FOUND);
+        expectFrames(sleeper, taken - oipc::QUEUE_BYTES / (oipc::HEADER_SIZE + size),
+                     size); // what the kernel had taken
+        EXPECT_EQ(sleeper.receive().header.type, ENDED);
+    }
     const RawClient reader(path);
-    EXPECT_EQ(hello(sleeper) + hello(reader), 1 + 2);
-    const uint32_t taken = fill(1, 100000);
-    EXPECT_EQ(callback(1, 700, {}), ORU_STATUS_NOT_FOUND);
-    expectFrames(sleeper, taken - uint32_t{oipc::QUEUE_FRAMES}); // those that the kernel had taken
-    EXPECT_EQ(sleeper.receive().header.type, ENDED);
-    for (int round = 0; round < 2; ++round) { // the second one goes across the end of the queue's places
-        EXPECT_EQ(fill(2, taken - 10), taken - 10);
-        expectFrames(reader, taken - 10);
+    ASSERT_EQ(hello(reader), ++id);
+    for (int round = 0; round < 3; ++round) { // from the second on across the end of the ring
+        EXPECT_EQ(fill(id, taken - 10, DEVICE), taken - 10);
+        expectFrames(reader, taken - 10, DEVICE);
     }
     EXPECT_EQ(call(reader, ECHO, {1}).payload(), Payload{1});
 }
@@ -230,6 +289,30 @@ TEST_F(OipcTest, WithoutADescriptorAClientIsTurnedAwayAndTheNextIsServed) {
     all.clear();
     EXPECT_EQ(::setrlimit(RLIMIT_NOFILE, &former), 0);
     EXPECT_EQ(hello(RawClient(path)), 1);
+}
+
+TEST_F(OipcTest, WithoutMemoryAClientIsTurnedAwayAndTheNextIsServed) {
+    ASSERT_EQ(start(), ORU_STATUS_OK);
+    const Payload echo = frameOf({.type = FrameType::SyncCall, .id = ECHO});
+    int refused = 0;
+    for (uint64_t nth = 1; allocations >= failing_allocation; ++nth) { // of those that a client costs
+        failing_allocation = allocations + nth;
+        const RawClient unlucky(path);
+        RawFrame answer = unlucky.receive();
+        if (answer.header.type == FrameType::Hello) { // the thread comes last
+            (void)unlucky.send(echo);
+            answer = unlucky.receive();
+        }
+        if (answer.header.type == FrameType::Refusal) {
+            EXPECT_EQ(answer.header.id, static_cast<uint16_t>(Reason::OutOfResources));
+            EXPECT_TRUE(unlucky.ended());
+            ++refused;
+        } else {
+            EXPECT_EQ(answer.header.type, FrameType::SyncResult);
+        }
+    }
+    failing_allocation = 0;
+    EXPECT_GE(refused, 4) << "its groups, its record, its queue, its thread";
 }
 
 TEST_F(OipcTest, StopWaitsForCallsUnderWayAndDeliversTheirResults) {
