@@ -141,9 +141,11 @@ bool applySeed(parsed_t &parsed, const toml::node &node) {
     return seed.has_value();
 }
 
-bool applySimulationControl(parsed_t &parsed, const toml::node &node) {
+template <auto Member>
+bool applyFlag(parsed_t &parsed, const toml::node &node) {
     const auto *value = node.as_boolean();
-    parsed.settings.simulation_control = value == nullptr || value->get();
+    auto &target = parsed.settings.*Member;
+    target = value != nullptr ? value->get() : target;
     return value != nullptr;
 }
 
@@ -183,7 +185,8 @@ constexpr std::array settings_table = {
     setting_t{"radio", "seed", "an integer from 0 to 9223372036854775807", applySeed},
     setting_t{"radio", "watchdog_seconds", "an integer from 0 to 86400",
               applyInteger<&oruConfig_t::watchdog_seconds, 0, 86400>},
-    setting_t{"simulation", "control_socket", "true or false", applySimulationControl},
+    setting_t{"radio", "wait_for_adapter", "true or false", applyFlag<&oruConfig_t::radio_wait_for_adapter>},
+    setting_t{"simulation", "control_socket", "true or false", applyFlag<&oruConfig_t::simulation_control>},
 };
 
 // What is wrong and where; line 0 stands for "no place in the file".

@@ -24,9 +24,8 @@ struct oruConfig_t {
 
     // [ipc] directory of the sockets. Default: first entry of $RUNTIME_DIRECTORY, else /run/corvane.
     std::string runtime_directory;
-    mode_t socket_mode = 0660;
-    // Names or decimal numbers of those who may connect besides root and the daemon's own user. The first group
-    // also owns the sockets.
+    mode_t socket_mode = 0660; // while nobody is listed but the daemon's own user and group; else 0666
+    // Names or decimal numbers of those who may connect besides root and the daemon's own user.
     std::vector<std::string> ipc_users;
     std::vector<std::string> ipc_groups;
 
@@ -34,7 +33,8 @@ struct oruConfig_t {
     bool radio_event_descriptor = true; // event_mode "descriptor"; false: "thread"
     uint64_t radio_seed = 0;            // meaningful only when radio_seed_set
     bool radio_seed_set = false;
-    uint32_t watchdog_seconds = 30; // 0: no watchdog
+    uint32_t watchdog_seconds = 30;      // 0: no watchdog
+    bool radio_wait_for_adapter = false; // a missing adapter does not end the start
 
     // [simulation]
     bool simulation_control = true;

@@ -159,7 +159,7 @@ oru_status_t oruZbHal_setRegion(oruZbHal_region_t region) {
     if (!regionValid(region)) {
         return ORU_STATUS_PARAM_OUT_OF_RANGE;
     }
-    return hal().run(Operation::set_region, [region](Adapter &adapter) { return adapter.setRegion(region); });
+    return hal().setRegion(region);
 }
 
 // ---------------------------------------------------------------- joining and keys

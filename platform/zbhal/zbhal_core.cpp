@@ -21,7 +21,8 @@ constexpr char kTag[] = "zbhal";
 constexpr std::string_view kVirtualPrefix = "virtual:";
 constexpr uint64_t kOwnLimitUs = 500000; // longest wait of runEvents when the caller names none
 constexpr uint64_t kLongestSleepUs = 60ull * 1000000;
-constexpr size_t kDeliverAtOnce = 32; // indications per call when the service has nothing queued
+constexpr uint64_t kNextAttemptUs = 2 * 1000000; // to find an adapter that was not there
+constexpr size_t kDeliverAtOnce = 32;            // indications per call when the service has nothing queued
 
 constexpr std::array<std::string_view, static_cast<size_t>(Operation::count)> kOperationNames = {
     "init",
@@ -157,6 +158,9 @@ void Hal::restart(const testing::Options &options) {
         adapter_.reset();
         name_.clear();
         adapter_name_.clear();
+        next_attempt_us_ = kNever;
+        reported_problem_.clear();
+        awaited_region_.reset();
         refusals_ = {};
         calls_ = refused_call_ = 0;
         options_ = options;
@@ -194,28 +198,26 @@ AdapterSettings Hal::adapterSettings() const {
 
 namespace {
 
-oru_status_t explainDevicePath(const std::string &path) {
+oru_status_t explainDevicePath(const std::string &path, std::string &problem) {
     const char *advice = "use -p virtual:<scenario.toml> for the virtual mesh";
     if (path.empty()) {
-        oruLog_log(ORU_LOG_ID_MAIN, ORU_LOG_ERROR, kTag, "no radio adapter is named: %s", advice);
+        problem = std::string("no radio adapter is named: ") + advice;
         return ORU_STATUS_BAD_PARAM;
     }
     const int descriptor = open(path.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
     if (descriptor < 0) {
-        oruLog_log(ORU_LOG_ID_MAIN, ORU_LOG_ERROR, kTag, "cannot open the radio adapter %s: %s; check the path or %s",
-                   path.c_str(), std::strerror(errno), advice);
+        problem =
+            "cannot open the radio adapter " + path + ": " + std::strerror(errno) + "; check the path or " + advice;
         return ORU_STATUS_NOT_FOUND;
     }
     close(descriptor);
-    oruLog_log(ORU_LOG_ID_MAIN, ORU_LOG_ERROR, kTag,
-               "cannot use the radio adapter %s: this version has no backend for serial adapters; %s", path.c_str(),
-               advice);
+    problem = "cannot use the radio adapter " + path + ": this version has no backend for serial adapters; " + advice;
     return ORU_STATUS_NOT_SUPPORTED;
 }
 
 } // namespace
 
-oru_status_t Hal::createAdapter() {
+oru_status_t Hal::createAdapter(std::string &problem) {
     if (adapter_ != nullptr && adapter_name_ == name_) {
         return ORU_STATUS_OK;
     }
@@ -223,17 +225,56 @@ oru_status_t Hal::createAdapter() {
         return ORU_STATUS_BUSY; // the name may change only until the first enable
     }
     if (!std::string_view(name_).starts_with(kVirtualPrefix)) {
-        return explainDevicePath(name_);
+        return explainDevicePath(name_, problem);
     }
     std::string error;
     adapter_ =
         makeVirtualAdapter(name_.substr(kVirtualPrefix.size()), options_.scenario, adapterSettings(), *this, error);
     if (adapter_ == nullptr) {
-        oruLog_log(ORU_LOG_ID_MAIN, ORU_LOG_ERROR, kTag, "the virtual mesh cannot start: %s", error.c_str());
+        problem = "the virtual mesh cannot start: " + error;
         return ORU_STATUS_BAD_PARAM;
     }
     adapter_name_ = name_;
     return ORU_STATUS_OK;
+}
+
+// Says so once, and again when the reason changes. A serial adapter that is there and of no use is left alone.
+void Hal::awaitAdapter(oru_status_t status, const std::string &problem) {
+    const bool again = status != ORU_STATUS_NOT_SUPPORTED;
+    next_attempt_us_ = again ? nowUs() + kNextAttemptUs : kNever;
+    clock_changed_.notify_all();
+    if (problem != reported_problem_) {
+        oruLog_log(ORU_LOG_ID_MAIN, ORU_LOG_ERROR, kTag, "%s (%s)", problem.c_str(),
+                   again ? "waiting for it" : "running without a radio");
+        reported_problem_ = problem;
+    }
+}
+
+void Hal::lookForAdapter() {
+    std::string problem;
+    const oru_status_t status = createAdapter(problem);
+    if (status != ORU_STATUS_OK) {
+        awaitAdapter(status, problem);
+        return;
+    }
+    next_attempt_us_ = kNever;
+    reported_problem_.clear();
+    oruLog_log(ORU_LOG_ID_MAIN, ORU_LOG_INFO, kTag, "the radio adapter %s is there now", name_.c_str());
+    (void)adapter_->enable(); // reports by itself how it goes on
+    if (awaited_region_) {
+        (void)adapter_->setRegion(*awaited_region_);
+    }
+}
+
+oru_status_t Hal::setRegion(oruZbHal_region_t region) {
+    {
+        const std::lock_guard lock(mutex_);
+        if (adapter_ == nullptr && !reported_problem_.empty()) {
+            awaited_region_ = region;
+            return ORU_STATUS_OK;
+        }
+    }
+    return run(Operation::set_region, [region](Adapter &adapter) { return adapter.setRegion(region); });
 }
 
 oru_status_t Hal::setAdapterName(const char *name) {
@@ -249,7 +290,15 @@ oru_status_t Hal::setAdapterName(const char *name) {
 oru_status_t Hal::enable() {
     {
         const std::lock_guard lock(mutex_);
-        const oru_status_t status = initialized_ ? createAdapter() : ORU_STATUS_UNINITIALIZED;
+        std::string problem;
+        const oru_status_t status = initialized_ ? createAdapter(problem) : ORU_STATUS_UNINITIALIZED;
+        if (!problem.empty() && !options_.in_force && oruConfig_get().radio_wait_for_adapter) {
+            awaitAdapter(status, problem);
+            return ORU_STATUS_OK;
+        }
+        if (!problem.empty()) {
+            oruLog_log(ORU_LOG_ID_MAIN, ORU_LOG_ERROR, kTag, "%s", problem.c_str());
+        }
         if (status != ORU_STATUS_OK) {
             return status;
         }
@@ -261,7 +310,14 @@ oru_status_t Hal::enable() {
 
 uint64_t Hal::pump() {
     const std::lock_guard lock(mutex_);
-    return adapter_ == nullptr ? kNever : adapter_->advance(nowUs());
+    return advance(nowUs());
+}
+
+uint64_t Hal::advance(uint64_t now_us) {
+    if (now_us >= next_attempt_us_) {
+        lookForAdapter();
+    }
+    return adapter_ == nullptr ? next_attempt_us_ : adapter_->advance(now_us);
 }
 
 // One indication in any case. More only while the service has nothing queued: each of its messages has a wake byte in
@@ -358,7 +414,7 @@ void Hal::clockLoop() {
     std::unique_lock lock(mutex_);
     while (!stopping_) {
         const uint64_t now_us = nowUs();
-        const uint64_t due_us = adapter_ == nullptr ? kNever : adapter_->advance(now_us);
+        const uint64_t due_us = advance(now_us);
         const uint64_t wait_us = due_us <= now_us ? 1000 : std::min(due_us - now_us, kLongestSleepUs);
         clock_changed_.wait_for(lock, std::chrono::microseconds(wait_us));
     }

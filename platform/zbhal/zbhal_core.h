@@ -23,6 +23,7 @@ public:
     oru_status_t init(const oruZbHal_callbacks_t *callbacks, int32_t *event_descriptor);
     oru_status_t setAdapterName(const char *name);
     oru_status_t enable();
+    oru_status_t setRegion(oruZbHal_region_t region);
     oru_status_t processAction();
     oru_status_t runEvents(uint32_t max_wait_ms);
 
@@ -57,7 +58,11 @@ private:
         int32_t status = 0;
     };
 
-    oru_status_t createAdapter(); // mutex_ held
+    // These four with mutex_ held. `problem` tells people why there is no adapter.
+    oru_status_t createAdapter(std::string &problem);
+    void awaitAdapter(oru_status_t status, const std::string &problem);
+    void lookForAdapter();
+    uint64_t advance(uint64_t now_us);
     oru_status_t startThreads();
     void clockLoop();
     void dispatchLoop();
@@ -68,10 +73,14 @@ private:
     AdapterSettings adapterSettings() const;
     void reportDrops();
 
-    std::mutex mutex_; // guards adapter_, name_, adapter_name_, refusals_, calls_, refused_call_, call_refusal_
+    std::mutex mutex_; // guards what follows, up to call_refusal_
     std::unique_ptr<Adapter> adapter_;
     std::string name_;
     std::string adapter_name_; // the name that adapter_ was made for
+    // While an adapter that was enabled is not there; the problem is empty when all is well.
+    uint64_t next_attempt_us_ = kNever;
+    std::string reported_problem_;
+    std::optional<oruZbHal_region_t> awaited_region_; // for the adapter when it comes
     std::array<Refusal, static_cast<size_t>(Operation::count)> refusals_{};
     uint64_t calls_ = 0;        // of all operations, since refuseCall
     uint64_t refused_call_ = 0; // number of the call to refuse; 0: none

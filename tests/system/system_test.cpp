@@ -143,6 +143,24 @@ TEST_P(SystemTest, TerminatesWithinTwoSecondsUnderLoad) {
     over = true;
 }
 
+TEST_P(SystemTest, WaitsForTheAdapterWhenAsked) {
+    Daemon daemon(GetParam());
+    daemon.radio = "wait_for_adapter = true\n";
+    daemon.arguments = {"-p", "virtual:later.toml"};
+    daemon.start();
+    Listener listener(daemon);
+    ASSERT_TRUE(listener.connect());
+    ASSERT_TRUE(eventually([&] { return daemon.said().find("(waiting for it)") != std::string::npos; }));
+    EXPECT_EQ(listener.client.adapterState().value, ORU_ZB_ADAPTER_TURNING_ON);
+    EXPECT_TRUE(eventually([&] { return listener.client.setRegion("DE").ok(); })); // for the adapter when it comes
+    daemon.write("later.toml", daemon.scenario);
+    EXPECT_TRUE(listener.formAndOpen());
+    const std::string said = daemon.said();
+    EXPECT_EQ(said.find("(waiting for it)"), said.rfind("(waiting for it)"));
+    EXPECT_EQ(said.find(" error "), said.rfind(" error ")) << said;
+    EXPECT_EQ(daemon.end(SIGTERM), 0);
+}
+
 TEST(BadInputTest, ClearErrors) {
     struct Row {
         const char *what;

@@ -18,8 +18,8 @@ namespace fs = std::filesystem;
 // All settings but those that the example shows without their defaults.
 auto fieldsOf(const oruConfig_t &c) {
     return std::tuple(c.state_directory, c.runtime_directory, c.socket_mode, c.ipc_users, c.ipc_groups,
-                      c.radio_event_descriptor, c.watchdog_seconds, c.simulation_control, c.log_sink, c.log_level,
-                      c.log_max_size_kib, c.log_max_files);
+                      c.radio_event_descriptor, c.watchdog_seconds, c.radio_wait_for_adapter, c.simulation_control,
+                      c.log_sink, c.log_level, c.log_max_size_kib, c.log_max_files);
 }
 
 std::string read(const std::string &path) {
@@ -119,11 +119,11 @@ TEST_F(ConfigTest, AllSettingsArrive) {
           "[log]\nsink = \"file\"\nlevel = \"warn\"\nfile = \"/l\"\nmax_size_kib = 16\nmax_files = 0\n"
           "[store]\ndirectory = \"/s\u00e9\\\"\" # \u00e9\n"
           "[ipc]\ndirectory = \"/r\"\nsocket_mode = \"600\"\nusers = [\"alice\", 1000]\ngroups = [0]\n"
-          "[radio]\nevent_mode = \"thread\"\nseed = 0\nwatchdog_seconds = 7\n"
+          "[radio]\nevent_mode = \"thread\"\nseed = 0\nwatchdog_seconds = 7\nwait_for_adapter = true\n"
           "[simulation]\ncontrol_socket = false\n");
     const oruConfig_t &settings = oruConfig_get();
     const std::vector<std::string> users = {"alice", "1000"}, groups = {"0"};
-    EXPECT_EQ(fieldsOf(settings), std::tuple("/s\u00e9\"", "/r", 0600U, users, groups, false, 7U, false,
+    EXPECT_EQ(fieldsOf(settings), std::tuple("/s\u00e9\"", "/r", 0600U, users, groups, false, 7U, true, false,
                                              oruConfig_log_sink_t::LOG_FILE, ORU_LOG_WARN, 16U, 0U));
     EXPECT_EQ(settings.log_file, "/l");
     EXPECT_TRUE(settings.radio_seed_set && settings.radio_seed == 0);
@@ -133,14 +133,17 @@ TEST_F(ConfigTest, AllSettingsArrive) {
 }
 
 // The shipped example must stay loadable, also after someone removed every comment sign in front of a setting, and
-// its commented values must be the defaults.
+// its commented values must be the defaults. The two active lines suit the service unit.
 TEST_F(ConfigTest, TheShippedExampleIsValidAndShowsTheDefaults) {
     const std::string example = read(CORVANE_EXAMPLE_CONFIG);
     const std::string active = std::regex_replace(example, std::regex("\n#([a-z_]+ = )"), "\n$1");
     ASSERT_NE(active, example);
+    oruConfig_t expected = oruConfig_defaults();
+    expected.ipc_groups = {"corvane"};
+    expected.radio_wait_for_adapter = true;
     for (const std::string &text : {example, active}) {
         EXPECT_EQ(parse(text), "");
-        EXPECT_EQ(fieldsOf(oruConfig_get()), fieldsOf(oruConfig_defaults()));
+        EXPECT_EQ(fieldsOf(oruConfig_get()), fieldsOf(expected));
     }
     setenv("STATE_DIRECTORY", "/var/lib/one:/var/lib/two", 1);
     setenv("RUNTIME_DIRECTORY", "", 1);
