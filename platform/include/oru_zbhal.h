@@ -69,7 +69,8 @@ struct oruZbHal_callbacks_t { // fields in this order; empty entries are skipped
     void (*scan_complete_callback)(uint8_t channel, oru_status_t status);
 
     // The trust centre has seen a device join, rejoin or leave. parent: node id of its router, 0 the coordinator.
-    // decision ORU_ZB_HAL_DENY_JOIN: the join was refused, the device is not in the network.
+    // An unsecured join or rejoin that was refused (ORU_ZB_HAL_DENY_JOIN) is logged and not reported, because the
+    // device is not in the network; secured rejoins and departures are reported whatever the decision.
     void (*trust_center_callback)(oruZbHal_nodeId_t node_id, uint8_t *eui64_little_endian, oruZbHal_nodeId_t parent,
                                   oruZbHal_deviceUpdate_t status, oruZbHal_joinDecision_t decision);
 };
@@ -157,7 +158,9 @@ oru_status_t oruZbHal_permitJoinNetwork(bool allow);
 oru_status_t oruZbHal_permitJoinZts(bool enable);
 
 // Registers the install code of a device: 16 bytes and their CRC-16/X-25, low byte first. length: 18 (else -200).
-// -11: the CRC is wrong; -4: no room. Adding again for the same device replaces the code.
+// -11: the CRC is wrong; -4: no room. The first code accepted for a device counts until oruZbHal_clearTransientLinkKeys
+// or oruZbHal_factoryReset: further sound codes for it are answered 0 and change nothing. So to correct a code, clear
+// and add the newest first.
 oru_status_t oruZbHal_addInstallCode(uint8_t *eui64_little_endian, uint8_t *install_code, uint8_t length);
 
 // Drops all install codes and the link keys derived from them. Devices in the network stay.

@@ -429,7 +429,7 @@ void Hal::dispatchLoop() {
 }
 
 bool Hal::inject(const Indication &indication) {
-    const bool taken = queue_.push(indication);
+    const bool taken = report(indication);
     wake();
     return taken;
 }
@@ -444,8 +444,31 @@ void Hal::withAdapter(const std::function<void(Adapter &)> &work) {
 
 // ---------------------------------------------------------------- host of the adapter
 
+namespace {
+
+// Such a device is not in the network: to report it would start the interview of a ghost. Whoever rejoins with the
+// network key or leaves is, or was, in the network.
+bool joinRefused(const Indication &indication) {
+    return indication.kind == IndicationKind::trust_center && indication.decision == ORU_ZB_HAL_DENY_JOIN &&
+           (indication.status == ORU_ZB_HAL_STANDARD_SECURITY_UNSECURED_JOIN ||
+            indication.status == ORU_ZB_HAL_STANDARD_SECURITY_UNSECURED_REJOIN);
+}
+
+} // namespace
+
 void Hal::indicate(const Indication &indication) {
-    queue_.push(indication);
+    (void)report(indication); // what does not fit is counted
+}
+
+// False: no room.
+bool Hal::report(const Indication &indication) {
+    if (!joinRefused(indication)) {
+        return queue_.push(indication);
+    }
+    const uint8_t *const eui64 = indication.eui64;
+    oruLog_log(ORU_LOG_ID_MAIN, ORU_LOG_INFO, kTag, "trust centre: join of %02x%02x%02x..%02x%02x denied", eui64[7],
+               eui64[6], eui64[5], eui64[1], eui64[0]);
+    return true;
 }
 
 std::optional<int32_t> Hal::takeRefusal(Operation operation) {

@@ -67,6 +67,7 @@ private:
     void clockLoop();
     void dispatchLoop();
     uint64_t pump();
+    bool report(const Indication &indication);
     void deliverSome();
     void wake();
     void waitWhileHung();

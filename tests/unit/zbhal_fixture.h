@@ -177,6 +177,7 @@ protected:
             {"code", [&] { return addInstallCode(spec(words.at(1)).eui64, words.at(2) == "right" ? kCode : kOther); }},
             {"send", [&] { return sendZcl(nodeId(words.at(1)), arg(2)); }}, // with the request id
             {"leave", [&] { return sendLeave(words.at(1), arg(2)); }},      // with the flags
+            {"clear-codes", oruZbHal_clearTransientLinkKeys},
             {"interpan", [&] { return sendInterpan(arg(1)); }},
             {"scan", [&] { return oruZbHal_startScan(arg(1), arg(2), arg(3)); }},
             {"echo", [&] { return oruZbHal_echo(1); }},

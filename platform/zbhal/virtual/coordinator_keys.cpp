@@ -1,14 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 // The trust centre: who may join, install codes, keys.
 #include "coordinator.h"
-#include "oru_log.h"
 #include <algorithm>
 
 namespace corvane::mesh {
 
 namespace {
 
-constexpr char kTag[] = "zbhal";
 constexpr uint16_t kKeyHasCounters = 0x0007; // bits of oruZbHal_keyStruct_t::bitmask: sequence number, outgoing and
                                              // incoming frame counter are given
 constexpr uint16_t kKeyHasPartner = 0x0008;
@@ -77,10 +75,6 @@ void CoordinatorRadio::deviceReport(const DeviceReport &report) {
     if (stack_ != Stack::network_up) {
         return;
     }
-    if (report.decision == ORU_ZB_HAL_DENY_JOIN) {
-        oruLog_log(ORU_LOG_ID_MAIN, ORU_LOG_INFO, kTag, "trust centre: join of %02x%02x%02x..%02x%02x denied",
-                   report.eui64[0], report.eui64[1], report.eui64[2], report.eui64[6], report.eui64[7]);
-    }
     scratch_ = {};
     scratch_.kind = IndicationKind::trust_center;
     scratch_.node_id = report.node_id;
@@ -108,11 +102,8 @@ oru_status_t CoordinatorRadio::addInstallCode(std::span<const uint8_t, 8> eui64_
         return ORU_STATUS_BAD_PARAM;
     }
     entry.key = installCodeKey(entry.code);
-    const auto known = std::find_if(transient_keys_.begin(), transient_keys_.end(),
-                                    [&](const TransientKey &other) { return other.eui64 == entry.eui64; });
-    if (known != transient_keys_.end()) {
-        *known = entry;
-        return ORU_STATUS_OK;
+    if (transientKey(entry.eui64) != nullptr) {
+        return ORU_STATUS_OK; // the service hands over its newest code first
     }
     if (transient_keys_.size() >= scenario_.coordinator.key_table_capacity) {
         return ORU_STATUS_OUT_OF_MEMORY;
