@@ -180,6 +180,8 @@ oru_status_t oruZbHal_getKey(oruZbHal_keyType_t type, oruZbHal_keyStruct_t *key)
 // ORU_ZB_HAL_APS_OPTION_RETRY or _ACKNOWLEDGED the frame is acknowledged end to end and repeated up to three times.
 // request_id: read once, null counts as 0. callback: may be null. Further results: 160 too long, 194 the coordinator
 // itself, 241 too many sends are under way. The send is confirmed exactly when the result is 0.
+// Places: an adapter holds a number of sends at once (the virtual mesh 32 unless its scenario says otherwise), of them
+// at most 16 to one node id; the last 4 (the last eighth, where that is less) are kept for ZDO messages.
 oru_status_t oruZbHal_sendZclUnicast(oruZbHal_nodeId_t node_id, oruZbHal_apsFrame_t *aps_frame, uint8_t *payload,
                                      uint16_t payload_len, oruZbHal_commandSentCallback_t callback,
                                      uint32_t *request_id);

@@ -34,14 +34,12 @@ oru_status_t send(Operation operation, oruZbHal_nodeId_t node_id, oruZbHal_apsFr
     if (length > kMaxApsPayload) {
         return ORU_ZB_HAL_APS_ASDU_TOO_LONG;
     }
-    return hal().run(operation, [&](Adapter &adapter) {
-        corvane::zbhal::SendRequest request{node_id, *aps_frame, {payload, length}, callback, request_id};
-        const oru_status_t status = adapter.send(request);
-        if (status == ORU_STATUS_OK) {
-            aps_frame->sequence = request.aps_frame.sequence;
-        }
-        return status;
-    });
+    corvane::zbhal::SendRequest request{node_id, *aps_frame, {payload, length}, callback, request_id};
+    const oru_status_t status = hal().send(operation, request);
+    if (status == ORU_STATUS_OK) {
+        aps_frame->sequence = request.aps_frame.sequence;
+    }
+    return status;
 }
 
 // Common form of the three table queries: 8-bit count, capacity in and entries out.

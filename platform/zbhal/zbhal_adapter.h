@@ -132,6 +132,8 @@ public:
     virtual oru_status_t keyTableEntry(uint8_t index, oruZbHal_keyStruct_t &entry) = 0;
     virtual oru_status_t key(oruZbHal_keyType_t type, oruZbHal_keyStruct_t &entry) = 0;
 
+    // Sends that the adapter holds at once. The layer calls send() while there is room, and shares the places fairly.
+    virtual size_t sendCapacity() const = 0;
     // On success the frame's sequence has been filled in and the send will be confirmed exactly once.
     virtual oru_status_t send(SendRequest &request) = 0;
     virtual oru_status_t sendInterpan(uint32_t channel_mask, const oruZbHal_interpanHeader_t &header,

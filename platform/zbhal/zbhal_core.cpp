@@ -156,6 +156,7 @@ void Hal::restart(const testing::Options &options) {
     {
         const std::lock_guard lock(mutex_);
         adapter_.reset();
+        places_ = {};
         name_.clear();
         adapter_name_.clear();
         next_attempt_us_ = kNever;
@@ -304,6 +305,19 @@ oru_status_t Hal::enable() {
         }
     }
     return run(Operation::enable, [](Adapter &adapter) { return adapter.enable(); });
+}
+
+oru_status_t Hal::send(Operation operation, SendRequest &request) {
+    return run(operation, [&](Adapter &adapter) -> oru_status_t {
+        if (!places_.take(request.destination, operation == Operation::send_zdo_message, adapter.sendCapacity())) {
+            return ORU_ZB_HAL_MAC_TRANSACTION_OVERFLOW;
+        }
+        const oru_status_t status = adapter.send(request);
+        if (status != ORU_STATUS_OK) {
+            places_.release(request.destination);
+        }
+        return status;
+    });
 }
 
 // ---------------------------------------------------------------- advancing and delivering
@@ -469,6 +483,13 @@ bool Hal::report(const Indication &indication) {
     oruLog_log(ORU_LOG_ID_MAIN, ORU_LOG_INFO, kTag, "trust centre: join of %02x%02x%02x..%02x%02x denied", eui64[7],
                eui64[6], eui64[5], eui64[1], eui64[0]);
     return true;
+}
+
+void Hal::confirm(const Indication &indication) {
+    if (indication.kind == IndicationKind::send_confirmed) {
+        places_.release(indication.node_id);
+    }
+    queue_.pushReserved(indication);
 }
 
 std::optional<int32_t> Hal::takeRefusal(Operation operation) {

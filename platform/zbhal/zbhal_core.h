@@ -11,6 +11,7 @@
 #pragma once
 #include "oru_zbhal_testing.h"
 #include "zbhal_adapter.h"
+#include "zbhal_places.h"
 #include "zbhal_watchdog.h"
 #include <atomic>
 #include <chrono>
@@ -30,6 +31,7 @@ public:
     // Runs one operation on the adapter: refusals first, then with mesh time up to date.
     template <typename Work>
     oru_status_t run(Operation operation, Work work);
+    oru_status_t send(Operation operation, SendRequest &request); // request receives the APS counter used
 
     void stop(); // ends the threads; at exit and before a test starts over
     void restart(const testing::Options &options);
@@ -46,7 +48,7 @@ public:
 
     void indicate(const Indication &indication) override;
     bool reserve() override { return queue_.reserve(); }
-    void confirm(const Indication &indication) override { queue_.pushReserved(indication); }
+    void confirm(const Indication &indication) override;
     std::optional<int32_t> takeRefusal(Operation operation) override;
     void locked(const std::function<void()> &work) override;
     std::string refuseNext(const std::string &operation, uint32_t count, int32_t status) override;
@@ -76,6 +78,7 @@ private:
 
     std::mutex mutex_; // guards what follows, up to call_refusal_
     std::unique_ptr<Adapter> adapter_;
+    SendPlaces places_; // of the sends between acceptance and confirmation
     std::string name_;
     std::string adapter_name_; // the name that adapter_ was made for
     // While an adapter that was enabled is not there; the problem is empty when all is well.

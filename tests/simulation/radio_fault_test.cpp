@@ -58,7 +58,7 @@ public:
         (void)air().join(scenario_.devices[index].name);
         run(5'000);
     }
-    oruZb_device_t device() const { return deviceOf(scenario_.devices[1]); }
+    oruZb_device_t device(size_t index = 1) const { return deviceOf(scenario_.devices[index]); }
     Bytes command() const { return bytesOf(toggle(device().node_id)); }
     void sendAll(bool synchronous) {
         for (int i = 0; i < 3; ++i) {
@@ -296,6 +296,28 @@ TEST_P(RadioFaultTest, AtEveryPlaceOfEveryJourney) {
     }
     EXPECT_GT(runs, only != nullptr ? 0 : 5);
     std::cout << nameOf(faults) << ": " << runs << " runs, every " << every << ". place of each journey\n";
+}
+
+// A device without power is commanded 20 times a second, and its frames are given up after seconds only.
+TEST(RadioFault, ADeadDeviceStarvesNeitherTheOthersNorAnInterview) {
+    Home home;
+    home.bringTo(From::joined);
+    oruZb_clusterCmd_t dead = toggle(home.device().node_id);
+    dead.aps_options = ORU_ZB_HAL_APS_OPTION_RETRY;
+    home.join(0);
+    const Bytes alive = bytesOf(toggle(home.device(0).node_id));
+    (void)home.air().setFaults("d1", {.deaf = true});
+    int lost = 0;
+    for (int i = 0; i < 300; ++i) {
+        (void)home.sync(ORU_ZB_SVC_SEND_CLUSTER_CMD, bytesOf(dead));
+        lost += i % 10 == 0 && home.sync(ORU_ZB_SVC_SEND_CLUSTER_CMD, alive) != 0 ? 1 : 0;
+        if (i == 150) {
+            (void)home.air().join("d4");
+        }
+        home.run(50);
+    }
+    EXPECT_EQ(lost, 0);
+    EXPECT_EQ(home.device(4).device_info.endpoint_count, 2) << "its interview was starved";
 }
 
 std::vector<Faults> allFaults() { // alone, and with any other

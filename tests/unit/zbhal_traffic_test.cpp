@@ -69,6 +69,32 @@ send lamp 9 => -10005 | stack off
 send lamp 9 => -10005)");
 }
 
+TEST_P(HalTest, noDestinationTakesThePlacesOfTheOthersAndOfZdo) {
+    scenario_.devices = {device("dead", 1), device("lamp", 2), device("new", 3)};
+    startWithNetwork();
+    join({"dead", "lamp", "new"});
+    const auto accepted = [this](const char *name, bool zdo) { // until one is refused
+        int count = 0;
+        oru_status_t status = ORU_STATUS_OK;
+        while ((status = zdo ? sendLeave(name, 0x80) : sendZcl(nodeId(name), 0)) == ORU_STATUS_OK) {
+            ++count;
+        }
+        EXPECT_EQ(status, ORU_ZB_HAL_MAC_TRANSACTION_OVERFLOW);
+        return count;
+    };
+    for (int i = 0; i < 2; ++i) { // all places come back
+        hal::holdConfirmations(true);
+        EXPECT_EQ(accepted("dead", false), 16);
+        EXPECT_EQ(accepted("dead", true), 0);
+        EXPECT_EQ(accepted("lamp", false), 12);
+        EXPECT_EQ(accepted("new", false), 0);
+        EXPECT_EQ(accepted("new", true), 4);
+        hal::holdConfirmations(false);
+        oruZbHal_reset();
+        advance(60000);
+    }
+}
+
 // Whatever happens to the adapter and the devices, every accepted send is confirmed once with what it was made with,
 // and a refused one never.
 TEST_P(HalTest, confirmationsComeExactlyOnce) {

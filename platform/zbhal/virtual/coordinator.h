@@ -59,6 +59,7 @@ public:
     oru_status_t keyTableEntry(uint8_t index, oruZbHal_keyStruct_t &entry) override;
     oru_status_t key(oruZbHal_keyType_t type, oruZbHal_keyStruct_t &entry) override;
 
+    size_t sendCapacity() const override { return std::min<size_t>(air_.spec().max_in_flight, kMaxPending); }
     oru_status_t send(zbhal::SendRequest &request) override;
     oru_status_t sendInterpan(uint32_t channel_mask, const oruZbHal_interpanHeader_t &header,
                               std::span<const uint8_t> frame, oruZbHal_interpanSentCallback_t callback) override;
