@@ -83,7 +83,7 @@ extern "C" {
 // Once per process, before anything else, on the main thread. callbacks: kept, must live as long as the process.
 // event_descriptor: receives in descriptor mode the writing end of a pipe, non-blocking and close-on-exec, into which
 // any thread writes one byte per message that it has queued for the main thread; stays as it was in thread mode.
-// -26: called before; -1: no descriptor to be had.
+// -26: called before; -1: no descriptor or no thread to be had; the log says which, and it may be called again.
 oru_status_t oruZbHal_init(oruZbHal_callbacks_t *callbacks, int32_t *event_descriptor);
 
 // Names the adapter: "virtual:<scenario.toml>" for the virtual mesh, else the path of a serial device. Only noted here;

@@ -100,25 +100,32 @@ oru_status_t Hal::init(const oruZbHal_callbacks_t *callbacks, int32_t *event_des
     if (registered != 0) {
         oruLog_log(ORU_LOG_ID_MAIN, ORU_LOG_WARN, kTag, "no exit handler: threads of the layer end with the process");
     }
-    watchdog_.start(options_.in_force ? options_.watchdog_seconds : oruConfig_get().watchdog_seconds);
+    if (!startThreads()) {
+        shutDown();
+        return ORU_STATUS_GENERAL_ERROR;
+    }
     if (descriptor_mode_) {
         *event_descriptor = pipe_.writeEnd();
-        return ORU_STATUS_OK;
     }
-    return startThreads();
+    return ORU_STATUS_OK;
 }
 
-oru_status_t Hal::startThreads() {
-    running_threads_ = 2;
-    clock_thread_ = startThread("zbhal-clock", [this] {
-        clockLoop();
+bool Hal::startThreads() {
+    if (!watchdog_.start(options_.in_force ? options_.watchdog_seconds : oruConfig_get().watchdog_seconds)) {
+        return false;
+    }
+    return descriptor_mode_ || (startLoop(clock_thread_, "zbhal-clock", &Hal::clockLoop) &&
+                                startLoop(dispatch_thread_, "zbhal-dispatch", &Hal::dispatchLoop));
+}
+
+bool Hal::startLoop(std::thread &thread, const char *name, void (Hal::*loop)()) {
+    ++running_threads_;
+    thread = startThread(name, [this, loop] {
+        (this->*loop)();
         --running_threads_;
     });
-    dispatch_thread_ = startThread("zbhal-dispatch", [this] {
-        dispatchLoop();
-        --running_threads_;
-    });
-    return ORU_STATUS_OK;
+    running_threads_ -= thread.joinable() ? 0 : 1;
+    return thread.joinable();
 }
 
 void Hal::stop() {
@@ -152,21 +159,24 @@ void Hal::stop() {
 }
 
 void Hal::restart(const testing::Options &options) {
+    shutDown();
+    const std::lock_guard lock(mutex_);
+    adapter_.reset();
+    places_ = {};
+    name_.clear();
+    adapter_name_.clear();
+    next_attempt_us_ = kNever;
+    reported_problem_.clear();
+    awaited_region_.reset();
+    refusals_ = {};
+    calls_ = refused_call_ = 0;
+    options_ = options;
+    options_.in_force = true;
+}
+
+// As before init.
+void Hal::shutDown() {
     stop();
-    {
-        const std::lock_guard lock(mutex_);
-        adapter_.reset();
-        places_ = {};
-        name_.clear();
-        adapter_name_.clear();
-        next_attempt_us_ = kNever;
-        reported_problem_.clear();
-        awaited_region_.reset();
-        refusals_ = {};
-        calls_ = refused_call_ = 0;
-        options_ = options;
-        options_.in_force = true;
-    }
     queue_.restart();
     reported_drops_ = 0;
     pipe_.close();
@@ -436,7 +446,9 @@ void Hal::clockLoop() {
 
 void Hal::dispatchLoop() {
     while (queue_.waitPop(current_)) {
+        watchdog_.dispatching(true);
         deliver(*callbacks_, current_);
+        watchdog_.dispatching(false);
         queue_.done();
         reportDrops();
     }

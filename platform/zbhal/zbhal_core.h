@@ -65,7 +65,9 @@ private:
     void awaitAdapter(oru_status_t status, const std::string &problem);
     void lookForAdapter();
     uint64_t advance(uint64_t now_us);
-    oru_status_t startThreads();
+    bool startThreads();
+    bool startLoop(std::thread &thread, const char *name, void (Hal::*loop)());
+    void shutDown();
     void clockLoop();
     void dispatchLoop();
     uint64_t pump();

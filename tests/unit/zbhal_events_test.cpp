@@ -1,11 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 // Delivery: wake bytes, waiting, reentrancy, a full queue, the watchdog.
 #include "zbhal_fixture.h"
-#include "zbhal_watchdog.h"
 #include <chrono>
 #include <csignal>
 #include <fcntl.h>
+#include <fstream>
 #include <pthread.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 namespace zbhal_test {
@@ -123,17 +124,86 @@ TEST_P(HalTest, aFullQueueBlocksNoOperationAndLosesNoConfirmation) {
     EXPECT_TRUE(testplat::log::has("reports of the radio lost"));
 }
 
-TEST(WatchdogDeathTest, aLoopThatStandsStillEndsTheProcess) {
+hal::Options watched(hal::Mode mode, uint32_t seconds) {
+    hal::Options options;
+    options.mode = mode;
+    options.watchdog_seconds = seconds;
+    return options;
+}
+
+// Runs work while every new thread wants a stack of a GiB, never touched, and there is room for so many of them.
+void withRoomFor(size_t threads, const std::function<void()> &work) {
+    constexpr size_t stack_size = 1UL << 30;
+    size_t pages = 0;
+    std::ifstream("/proc/self/statm") >> pages;
+    pthread_attr_t usual, huge;
+    pthread_getattr_default_np(&usual);
+    huge = usual;
+    pthread_attr_setstacksize(&huge, stack_size);
+    pthread_setattr_default_np(&huge);
+    rlimit before{}, limit{};
+    getrlimit(RLIMIT_AS, &before);
+    limit = {pages * 4096 + threads * stack_size + stack_size / 2, before.rlim_max};
+    setrlimit(RLIMIT_AS, &limit);
+    work();
+    setrlimit(RLIMIT_AS, &before);
+    pthread_setattr_default_np(&usual);
+}
+
+TEST_P(HalTest, aThreadThatCannotBeStartedFailsTheStartWithALine) {
+    std::vector<std::string> threads = {"watch", "clock", "dispatch"};
+    threads.resize(GetParam() == hal::Mode::thread ? 3 : 1);
+    oruZbHal_callbacks_t callbacks{};
+    int32_t descriptor = -1;
+    for (size_t room = 0; room <= threads.size(); ++room) {
+        hal::reset(watched(GetParam(), 60));
+        const bool fails = room < threads.size();
+        withRoomFor(room, [&] { EXPECT_EQ(oruZbHal_init(&callbacks, &descriptor), fails ? -1 : 0) << room; });
+        EXPECT_TRUE(!fails || testplat::log::has("cannot start the thread zbhal-" + threads[room] + ": Resource"));
+        EXPECT_EQ(oruZbHal_init(&callbacks, &descriptor), fails ? 0 : ORU_STATUS_ALREADY_INITIALIZED) << "once more";
+    }
+}
+
+void sleepMs(int milliseconds) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds));
+}
+
+// Stopped for longer than the limit, slow, but alive, and then no more.
+void stopAndHang() {
+    oruZbHal_processAction();
+    if (fork() == 0) {
+        sleepMs(1500);
+        kill(getppid(), SIGCONT);
+        _exit(0);
+    }
+    (void)raise(SIGSTOP);
+    sleepMs(600);
+    std::cerr << "alive\n";
+    sleepMs(30000); // the abort comes first
+}
+
+void hangInACallback() {
+    hal::injectStackStatus(ORU_ZB_HAL_STACK_BUSY_UPGRADING);
+    for (int i = 0; i < 3000; ++i) { // the abort comes first
+        oruZbHal_processAction();
+        sleepMs(10);
+    }
+}
+
+TEST(WatchdogDeathTest, aThreadThatStandsStillEndsTheProcessAndAStoppedProcessGoesOn) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
-    EXPECT_EXIT(
-        {
-            testplat::log::echo = true;
-            corvane::zbhal::Watchdog watchdog;
-            watchdog.start(1);
-            watchdog.beat();
-            std::this_thread::sleep_for(std::chrono::seconds(30)); // the hang; the abort comes first
-        },
-        ::testing::KilledBySignal(SIGABRT), "has not called oruZbHal_processAction");
+    const auto run = [](void (*body)()) {
+        testplat::log::echo = true;
+        hal::reset(watched(hal::Mode::thread, 1));
+        oruZbHal_callbacks_t callbacks{};
+        callbacks.stack_status_callback = [](auto) { sleepMs(30000); };
+        int32_t descriptor = -1;
+        oruZbHal_init(&callbacks, &descriptor);
+        body();
+    };
+    const auto aborted = ::testing::KilledBySignal(SIGABRT);
+    EXPECT_EXIT(run(stopAndHang), aborted, "alive\n.*the main loop has not called oruZbHal_processAction for 1 s");
+    EXPECT_EXIT(run(hangInACallback), aborted, "the dispatcher has not returned from a callback for 1 s, aborting");
 }
 
 } // namespace zbhal_test
