@@ -16,6 +16,7 @@
 // Operations. Thread-safe; none waits for a callback to return; each ends within a bounded time. What arguments point
 // to belongs to the caller and is copied before the operation returns. Unless stated otherwise they return
 //    0                                 done, or accepted where the end is reported later
+//   -4 ORU_STATUS_OUT_OF_MEMORY        no memory to be had, or no room as stated at the operation
 //   -9 ORU_STATUS_NULL_POINTER         a pointer that is needed is null; nothing has happened
 //  -10 ORU_STATUS_PARAM_OUT_OF_RANGE   an argument is outside its range; nothing has happened
 //  -25 ORU_STATUS_UNINITIALIZED        before a successful oruZbHal_init and oruZbHal_enable

@@ -239,13 +239,14 @@ oru_status_t Hal::createAdapter(std::string &problem) {
         return explainDevicePath(name_, problem);
     }
     std::string error;
+    std::string name = name_; // no step may fail once there is an adapter
     adapter_ =
         makeVirtualAdapter(name_.substr(kVirtualPrefix.size()), options_.scenario, adapterSettings(), *this, error);
     if (adapter_ == nullptr) {
         problem = "the virtual mesh cannot start: " + error;
         return ORU_STATUS_BAD_PARAM;
     }
-    adapter_name_ = name_;
+    adapter_name_ = std::move(name);
     return ORU_STATUS_OK;
 }
 
@@ -294,15 +295,18 @@ oru_status_t Hal::setAdapterName(const char *name) {
     if (const auto refusal = takeRefusal(Operation::set_adapter_name)) {
         return *refusal;
     }
-    name_ = name;
-    return ORU_STATUS_OK;
+    return guarded([&] {
+        name_ = name;
+        return ORU_STATUS_OK;
+    });
 }
 
 oru_status_t Hal::enable() {
     {
         const std::lock_guard lock(mutex_);
         std::string problem;
-        const oru_status_t status = initialized_ ? createAdapter(problem) : ORU_STATUS_UNINITIALIZED;
+        const oru_status_t status =
+            initialized_ ? guarded([&] { return createAdapter(problem); }) : oru_status_t{ORU_STATUS_UNINITIALIZED};
         if (!problem.empty() && !options_.in_force && oruConfig_get().radio_wait_for_adapter) {
             awaitAdapter(status, problem);
             return ORU_STATUS_OK;
@@ -322,7 +326,7 @@ oru_status_t Hal::send(Operation operation, SendRequest &request) {
         if (!places_.take(request.destination, operation == Operation::send_zdo_message, adapter.sendCapacity())) {
             return ORU_ZB_HAL_MAC_TRANSACTION_OVERFLOW;
         }
-        const oru_status_t status = adapter.send(request);
+        const oru_status_t status = guarded([&] { return adapter.send(request); });
         if (status != ORU_STATUS_OK) {
             places_.release(request.destination);
         }
@@ -334,14 +338,20 @@ oru_status_t Hal::send(Operation operation, SendRequest &request) {
 
 uint64_t Hal::pump() {
     const std::lock_guard lock(mutex_);
-    return advance(nowUs());
+    return advance();
 }
 
-uint64_t Hal::advance(uint64_t now_us) {
-    if (now_us >= next_attempt_us_) {
-        lookForAdapter();
-    }
-    return adapter_ == nullptr ? next_attempt_us_ : adapter_->advance(now_us);
+uint64_t Hal::advance() {
+    const uint64_t now_us = nowUs();
+    uint64_t due_us = now_us; // goes on with the next event when memory runs out in one
+    (void)guarded([&] {
+        if (now_us >= next_attempt_us_) {
+            lookForAdapter();
+        }
+        due_us = adapter_ == nullptr ? next_attempt_us_ : adapter_->advance(now_us);
+        return ORU_STATUS_OK;
+    });
+    return due_us;
 }
 
 // One indication in any case. More only while the service has nothing queued: each of its messages has a wake byte in
@@ -368,11 +378,19 @@ void Hal::reportDrops() {
     }
 }
 
+void Hal::reportShortages() {
+    if (const uint32_t count = shortages_ == 0 ? 0 : shortages_.exchange(0); count != 0) {
+        oruLog_log(ORU_LOG_ID_MAIN, ORU_LOG_ERROR, kTag, "memory is short: the radio has lost %u steps of its work",
+                   count);
+    }
+}
+
 oru_status_t Hal::processAction() {
     if (!initialized_) {
         return ORU_STATUS_UNINITIALIZED;
     }
     watchdog_.beat();
+    reportShortages();
     waitWhileHung();
     if (!descriptor_mode_ || delivering_) {
         return ORU_STATUS_OK;
@@ -437,8 +455,8 @@ void Hal::wake() {
 void Hal::clockLoop() {
     std::unique_lock lock(mutex_);
     while (!stopping_) {
+        const uint64_t due_us = advance();
         const uint64_t now_us = nowUs();
-        const uint64_t due_us = advance(now_us);
         const uint64_t wait_us = due_us <= now_us ? 1000 : std::min(due_us - now_us, kLongestSleepUs);
         clock_changed_.wait_for(lock, std::chrono::microseconds(wait_us));
     }
@@ -519,9 +537,7 @@ std::optional<int32_t> Hal::takeRefusal(Operation operation) {
 void Hal::locked(const std::function<void()> &work) {
     {
         const std::lock_guard lock(mutex_);
-        if (adapter_ != nullptr) {
-            adapter_->advance(nowUs());
-        }
+        (void)advance();
         work();
     }
     wake();

@@ -15,6 +15,7 @@
 #include "zbhal_watchdog.h"
 #include <atomic>
 #include <chrono>
+#include <new>
 #include <thread>
 
 namespace corvane::zbhal {
@@ -60,14 +61,18 @@ private:
         int32_t status = 0;
     };
 
-    // These four with mutex_ held. `problem` tells people why there is no adapter.
+    // These three with mutex_ held. `problem` tells people why there is no adapter.
     oru_status_t createAdapter(std::string &problem);
     void awaitAdapter(oru_status_t status, const std::string &problem);
     void lookForAdapter();
-    uint64_t advance(uint64_t now_us);
     bool startThreads();
     bool startLoop(std::thread &thread, const char *name, void (Hal::*loop)());
     void shutDown();
+    // Does work on the adapter, which may run out of memory: then the rest of the work is lost and counted, and the
+    // result is ORU_STATUS_OUT_OF_MEMORY. mutex_ held.
+    template <typename Work>
+    oru_status_t guarded(Work work);
+    uint64_t advance(); // the adapter, up to now; time of its next event. mutex_ held
     void clockLoop();
     void dispatchLoop();
     uint64_t pump();
@@ -77,6 +82,7 @@ private:
     void waitWhileHung();
     AdapterSettings adapterSettings() const;
     void reportDrops();
+    void reportShortages();
 
     std::mutex mutex_; // guards what follows, up to call_refusal_
     std::unique_ptr<Adapter> adapter_;
@@ -98,6 +104,7 @@ private:
     bool descriptor_mode_ = true;
     EventQueue queue_;
     uint32_t reported_drops_ = 0;
+    std::atomic<uint32_t> shortages_{0}; // of memory, not reported yet
     WakePipe pipe_;
     std::atomic<bool> waiting_{false};    // the loop thread sleeps or is about to
     std::atomic<bool> delivering_{false}; // descriptor mode: inside a callback
@@ -134,11 +141,21 @@ oru_status_t Hal::run(Operation operation, Work work) {
         if (adapter_ == nullptr) {
             return ORU_STATUS_UNINITIALIZED;
         }
-        adapter_->advance(nowUs());
-        status = work(*adapter_);
+        (void)advance();
+        status = guarded([&] { return work(*adapter_); });
     }
     wake();
     return status;
+}
+
+template <typename Work>
+oru_status_t Hal::guarded(Work work) {
+    try {
+        return work();
+    } catch (const std::bad_alloc &) {
+        ++shortages_;
+        return ORU_STATUS_OUT_OF_MEMORY;
+    }
 }
 
 } // namespace corvane::zbhal

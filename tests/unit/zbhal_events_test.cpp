@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // Delivery: wake bytes, waiting, reentrancy, a full queue, the watchdog.
+#include "allocation_counter.h"
 #include "zbhal_fixture.h"
 #include <chrono>
 #include <csignal>
@@ -162,6 +163,53 @@ TEST_P(HalTest, aThreadThatCannotBeStartedFailsTheStartWithALine) {
         EXPECT_TRUE(!fails || testplat::log::has("cannot start the thread zbhal-" + threads[room] + ": Resource"));
         EXPECT_EQ(oruZbHal_init(&callbacks, &descriptor), fails ? 0 : ORU_STATUS_ALREADY_INITIALIZED) << "once more";
     }
+}
+
+// A life of the radio: named, enabled, formed, joined by a device. True: and it sends.
+bool liveOnce() {
+    char name[] = "virtual:a name that no string holds without an allocation";
+    uint8_t toggle[] = {0x01, 0x21, 0x02};
+    oruZbHal_apsFrame_t aps_frame{0x0104, 0x0006, 1, 1, 0, 0, 0, 0};
+    const std::function<oru_status_t()> steps[] = {
+        [&] { return oruZbHal_setAdapterName(name); },
+        [] { return oruZbHal_enable(); },
+        [] { return oruZbHal_formNetworkAuto(1, 0x8000, 0, 15, ORU_ZB_HAL_REGION_EUROPE); },
+        [] { return oruZbHal_permitJoinNetwork(true); },
+        [&] { return oruZbHal_sendZclUnicast(0xFFFF, &aps_frame, toggle, 3, nullptr, nullptr); },
+    };
+    oru_status_t status = ORU_STATUS_OK;
+    for (const auto &step : steps) {
+        status = step();
+        for (int ms = 0; ms < 500; ms += 10) {
+            testplat::time::advance(10);
+            oruZbHal_processAction();
+        }
+    }
+    return status == ORU_STATUS_OK;
+}
+
+TEST(MemoryTest, anAllocationThatFailsCostsItsWorkOnly) {
+    mesh::Scenario scenario;
+    scenario.devices = {device("lamp", 1)};
+    scenario.devices[0].join_at_ms = 100;
+    hal::Options options = watched(hal::Mode::descriptor, 0);
+    options.scenario = &scenario;
+    oruZbHal_callbacks_t callbacks{};
+    int32_t descriptor = -1;
+    bool failed = true;
+    for (uint64_t nth = 1; failed; ++nth) {
+        testplat::resetAll();
+        hal::reset(options);
+        ASSERT_EQ(oruZbHal_init(&callbacks, &descriptor), 0);
+        failing_allocation = allocations + nth;
+        (void)liveOnce();
+        failed = allocations >= failing_allocation.exchange(0);
+        EXPECT_TRUE(nth > 1 || testplat::log::has("memory is short: the radio has lost 1 steps"));
+        (void)liveOnce();
+        (void)oruZbHal_factoryReset();
+        EXPECT_TRUE(liveOnce()) << nth;
+    }
+    hal::reset({});
 }
 
 void sleepMs(int milliseconds) {
