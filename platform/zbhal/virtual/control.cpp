@@ -3,20 +3,22 @@
 // The control socket: one thread, one client at a time, every wait bounded. A client may send several lines; it loses
 // the connection when a line is too long or does not arrive in time. Only the service's own user and root may connect.
 #include "control.h"
+#include "descriptor.h"
 #include "oru_log.h"
 #include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <cstring>
 #include <fcntl.h>
+#include <new>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
+#include <system_error>
 #include <thread>
 #include <unistd.h>
-#include <utility>
 
 namespace corvane::mesh {
 namespace {
@@ -29,22 +31,6 @@ void logFault(const std::string &path, const char *what) {
     oruLog_log(ORU_LOG_ID_MAIN, ORU_LOG_ERROR, "oru_zigbee", "%s: control socket %s: %s: %s", "zbHal", path.c_str(),
                what, std::strerror(errno));
 }
-
-class Descriptor {
-public:
-    explicit Descriptor(int fd = -1) : fd_(fd) {}
-    Descriptor(Descriptor &&other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
-    ~Descriptor() {
-        if (fd_ >= 0) {
-            close(fd_);
-        }
-    }
-    int get() const { return fd_; }
-    bool valid() const { return fd_ >= 0; }
-
-private:
-    int fd_;
-};
 
 bool fillAddress(const std::string &path, sockaddr_un &address) {
     address = {};
@@ -108,13 +94,20 @@ public:
         : path_(std::move(path)), listener_(std::move(listener)), wake_(std::move(wake)), target_(target) {
         struct stat info {};
         if (lstat(path_.c_str(), &info) == 0) {
+            device_ = info.st_dev;
             inode_ = info.st_ino;
         }
         sigset_t all;
         sigset_t before;
         sigfillset(&all);
         pthread_sigmask(SIG_SETMASK, &all, &before); // signals belong to the main thread
-        thread_ = std::thread([this] { run(); });
+        try {
+            thread_ = std::thread([this] { run(); });
+        } catch (...) {
+            pthread_sigmask(SIG_SETMASK, &before, nullptr);
+            removeSocket();
+            throw;
+        }
         pthread_sigmask(SIG_SETMASK, &before, nullptr);
     }
     ControlServer(const ControlServer &) = delete;
@@ -124,13 +117,18 @@ public:
         const uint64_t one = 1;
         (void)!write(wake_.get(), &one, sizeof one); // an eventfd at 0 always takes it
         thread_.join();
+        removeSocket();
+    }
+
+private:
+    // But not a successor's. The listener is still open, so nobody else's file can have its inode.
+    void removeSocket() {
         struct stat info {};
-        if (lstat(path_.c_str(), &info) == 0 && info.st_ino == inode_) { // not a successor's socket
+        if (lstat(path_.c_str(), &info) == 0 && info.st_ino == inode_ && info.st_dev == device_) {
             unlink(path_.c_str());
         }
     }
 
-private:
     // Waits for events on fd; false on time-out, error or when the server stops. Time-out -1: for ever.
     bool await(int fd, short events, int timeout_ms) {
         pollfd fds[] = {{fd, events, 0}, {wake_.get(), POLLIN, 0}};
@@ -149,13 +147,23 @@ private:
             }
             const Descriptor client(accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
             if (client.valid() && peerAllowed(client.get())) {
-                serve(client.get());
+                serveAsMemoryAllows(client.get());
             } else if (client.valid()) {
                 errno = EACCES;
                 logFault(path_, "refused a client of another user");
             } else if (errno == EMFILE || errno == ENFILE) {
                 (void)await(wake_.get(), POLLIN, kClientTimeoutMs); // the client stays in the backlog
             }
+        }
+    }
+
+    // A client for whom there is no memory loses its connection.
+    void serveAsMemoryAllows(int client) {
+        try {
+            serve(client);
+        } catch (const std::bad_alloc &) {
+            errno = ENOMEM;
+            logFault(path_, "dropped a client");
         }
     }
 
@@ -211,6 +219,7 @@ private:
     const Descriptor listener_;
     const Descriptor wake_;
     SimTarget &target_;
+    dev_t device_ = 0;
     ino_t inode_ = 0;
     bool stopping_ = false; // touched by the thread only
     std::thread thread_;
@@ -219,13 +228,21 @@ private:
 std::unique_ptr<ControlServer, void (*)(ControlServer *)> startControlServer(const std::string &socket_path,
                                                                              SimTarget &target) {
     const auto destroy = [](ControlServer *server) { delete server; };
-    Descriptor listener = listenAt(socket_path);
-    Descriptor wake(listener.valid() ? eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK) : -1);
-    if (!wake.valid()) {
+    try {
+        Descriptor listener = listenAt(socket_path);
+        Descriptor wake(listener.valid() ? eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK) : -1);
+        if (wake.valid()) {
+            return {new ControlServer(socket_path, std::move(listener), std::move(wake), target), destroy};
+        }
         logFault(socket_path, "cannot be created");
-        return {nullptr, destroy};
+    } catch (const std::bad_alloc &) {
+        errno = ENOMEM;
+        logFault(socket_path, "cannot be created");
+    } catch (const std::system_error &error) { // no thread
+        errno = error.code().value();
+        logFault(socket_path, "cannot be served");
     }
-    return {new ControlServer(socket_path, std::move(listener), std::move(wake), target), destroy};
+    return {nullptr, destroy};
 }
 
 } // namespace corvane::mesh

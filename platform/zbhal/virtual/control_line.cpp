@@ -8,51 +8,170 @@
 #include "text_formats.h"
 #include <algorithm>
 #include <cmath>
+#include <concepts>
+#include <cstdio>
 #include <initializer_list>
+#include <map>
 #include <nlohmann/json.hpp>
 
 namespace corvane::mesh {
 namespace {
 
-using nlohmann::json;
+// A value of a request. The library's own tree takes memory when it is destroyed, which ends the process when there is
+// none; this one does not.
+struct Value {
+    enum class Kind : uint8_t { other, boolean, integer, number, text, object };
+    Kind kind = Kind::other;
+    std::string key; // in the object that it is a member of
+    int64_t integer = 0;
+    double number = 0; // of an integer, too
+    std::string text;
+    std::vector<Value> members;
+};
+
+// Builds a request while the library parses it: an object, and the members of objects in it. What lies deeper or in
+// lists is of no use and leaves a value of another kind.
+class RequestBuilder {
+public:
+    explicit RequestBuilder(Value &root) : root_(root) {}
+
+    bool null() { return put({}); }
+    bool boolean(bool value) { return put({Value::Kind::boolean, {}, value ? 1 : 0, 0, {}, {}}); }
+    bool number_integer(int64_t value) {
+        return put({Value::Kind::integer, {}, value, static_cast<double>(value), {}, {}});
+    }
+    bool number_unsigned(uint64_t value) { // beyond 63 bits it is not an integer to anybody
+        return value <= static_cast<uint64_t>(INT64_MAX) ? number_integer(static_cast<int64_t>(value))
+                                                         : number_float(static_cast<double>(value), {});
+    }
+    bool number_float(double value, const std::string & /*digits*/) {
+        return put({Value::Kind::number, {}, 0, value, {}, {}});
+    }
+    bool string(std::string &value) { return put({Value::Kind::text, {}, 0, 0, std::move(value), {}}); }
+    bool binary(std::vector<uint8_t> & /*bytes*/) { return false; }
+    bool key(std::string &name) {
+        if (skipped_ == 0) {
+            key_ = std::move(name);
+        }
+        return true;
+    }
+    bool start_object(size_t /*size*/) {
+        const bool kept = skipped_ == 0 && depth_ < 2;
+        put({kept ? Value::Kind::object : Value::Kind::other, {}, 0, 0, {}, {}});
+        ++(kept ? depth_ : skipped_);
+        return true;
+    }
+    bool end_object() {
+        --(skipped_ == 0 ? depth_ : skipped_);
+        return true;
+    }
+    bool start_array(size_t /*size*/) {
+        put({});
+        ++skipped_;
+        return true;
+    }
+    bool end_array() {
+        --skipped_;
+        return true;
+    }
+    static bool parse_error(size_t /*at*/, const std::string & /*token*/, const std::exception & /*why*/) {
+        return false;
+    }
+
+private:
+    bool put(Value value) {
+        if (skipped_ == 0 && depth_ == 0) {
+            root_ = std::move(value);
+        } else if (skipped_ == 0) {
+            value.key = key_;
+            (depth_ == 1 ? root_ : root_.members.back()).members.push_back(std::move(value));
+        }
+        return true;
+    }
+
+    Value &root_;
+    std::string key_;
+    int depth_ = 0;   // open objects that are kept
+    int skipped_ = 0; // open objects and lists that are not
+};
+
+// Members of an answer by name, each with its value as JSON.
+using Answer = std::map<std::string, std::string>;
+
+std::string toJson(const std::string &text) {
+    std::string out = "\"";
+    for (const char c : text) {
+        if (c == '"' || c == '\\') {
+            out += '\\';
+        }
+        if (static_cast<unsigned char>(c) < 0x20) {
+            char escaped[8];
+            (void)std::snprintf(escaped, sizeof escaped, "\\u%04x", static_cast<unsigned>(c));
+            out += escaped;
+        } else {
+            out += c;
+        }
+    }
+    return out + '"';
+}
+std::string toJson(double value) {
+    const std::string text = formatNumber(value);
+    return text.find_first_not_of("-0123456789") == std::string::npos ? text + ".0" : text;
+}
+template <std::integral Integer>
+std::string toJson(Integer value) {
+    return std::to_string(value);
+}
+std::string toJson(bool value) {
+    return value ? "true" : "false";
+}
+std::string toJson(const Answer &object) {
+    std::string out;
+    for (const auto &[key, value] : object) {
+        out += (out.empty() ? "" : ",") + toJson(key) + ":" + value;
+    }
+    return "{" + out + "}";
+}
 
 // One object of a request. Remembers the first fault, like the reader of scenario tables.
 class ObjectReader {
 public:
-    ObjectReader(const json &object, std::string &fault) : object_(object), fault_(fault) {}
+    ObjectReader(const Value &object, std::string &fault) : object_(object), fault_(fault) {}
 
     void allow(std::initializer_list<std::string_view> keys) {
-        for (const auto &[key, value] : object_.items()) {
-            if (std::ranges::find(keys, key) == keys.end()) {
-                fail("unknown key \"" + printable(key) + "\"; known: " + joined(keys));
+        for (const Value &member : object_.members) {
+            if (std::ranges::find(keys, member.key) == keys.end()) {
+                fail("unknown key \"" + printable(member.key) + "\"; known: " + joined(keys));
             }
         }
     }
-    const json *find(const std::string &key) {
-        const auto found = object_.find(key);
-        return found == object_.end() ? nullptr : &*found;
+    const Value *find(const std::string &key) { // the last one of that name
+        const auto found = std::find_if(object_.members.rbegin(), object_.members.rend(),
+                                        [&](const Value &member) { return member.key == key; });
+        return found == object_.members.rend() ? nullptr : &*found;
     }
-    const json *require(const std::string &key) {
-        const json *const found = find(key);
+    const Value *require(const std::string &key) {
+        const Value *const found = find(key);
         if (found == nullptr) {
             fail("\"" + key + "\" is missing");
         }
         return found;
     }
     void operator()(const std::string &key, bool &value) {
-        const json *const found = find(key);
-        if (found != nullptr && !found->is_boolean()) {
+        const Value *const found = find(key);
+        if (found != nullptr && found->kind != Value::Kind::boolean) {
             fail("\"" + key + "\" must be true or false");
         } else if (found != nullptr) {
-            value = found->get<bool>();
+            value = found->integer != 0;
         }
     }
     void operator()(const std::string &key, double &value, double minimum, double maximum) {
-        const json *const found = find(key);
+        const Value *const found = find(key);
         if (found == nullptr) {
             return;
         }
-        const double read = found->is_number() ? found->get<double>() : NAN;
+        const double read =
+            found->kind == Value::Kind::integer || found->kind == Value::Kind::number ? found->number : NAN;
         if (!(read >= minimum && read <= maximum)) {
             return fail("\"" + key + "\" must be a number from " + formatNumber(minimum) + " to " +
                         formatNumber(maximum));
@@ -61,25 +180,22 @@ public:
     }
     template <class Integer>
     void operator()(const std::string &key, Integer &value, int64_t minimum, int64_t maximum) {
-        const json *const found = find(key);
+        const Value *const found = find(key);
         if (found == nullptr) {
             return;
         }
-        // A value beyond 63 bits is unsigned and would look negative.
-        const bool small = found->is_number_integer() &&
-                           !(found->is_number_unsigned() && found->get<uint64_t>() > static_cast<uint64_t>(INT64_MAX));
-        if (!small || found->get<int64_t>() < minimum || found->get<int64_t>() > maximum) {
+        if (found->kind != Value::Kind::integer || found->integer < minimum || found->integer > maximum) {
             return fail("\"" + key + "\" must be an integer from " + std::to_string(minimum) + " to " +
                         std::to_string(maximum));
         }
-        value = static_cast<Integer>(found->get<int64_t>());
+        value = static_cast<Integer>(found->integer);
     }
     void text(const std::string &key, std::string &value) {
-        const json *const found = require(key);
-        if (found != nullptr && !(found->is_string() && !found->get_ref<const std::string &>().empty())) {
+        const Value *const found = require(key);
+        if (found != nullptr && (found->kind != Value::Kind::text || found->text.empty())) {
             fail("\"" + key + "\" must be a text that is not empty");
         } else if (found != nullptr) {
-            value = found->get<std::string>();
+            value = found->text;
         }
     }
     void fail(const std::string &what) {
@@ -90,41 +206,42 @@ public:
     bool ok() const { return fault_.empty(); }
 
 private:
-    const json &object_;
+    const Value &object_;
     std::string &fault_;
 };
 
 // A command fills the answer or leaves a fault, which becomes the answer's error.
-using Command = void (*)(ObjectReader &in, SimTarget &target, json &answer, std::string &fault);
+using Command = void (*)(ObjectReader &in, SimTarget &target, Answer &answer, std::string &fault);
 
 struct KeyWriter { // visitor: settings into an answer
-    json &object;
+    Answer &object;
     template <class Value, class... Range>
     void operator()(const char *key, Value &value, Range...) {
-        object[key] = value;
+        object[key] = toJson(value);
     }
 };
 
-void listDevices(ObjectReader &in, SimTarget &target, json &answer, std::string &) {
+void listDevices(ObjectReader &in, SimTarget &target, Answer &answer, std::string &) {
     in.allow({"command"});
     if (!in.ok()) {
         return;
     }
-    json &devices = answer["devices"] = json::array();
+    std::string rows;
     for (const SimDevice &device : target.list()) {
-        devices.push_back({{"name", device.name},
-                           {"eui64", formatEui64(device.eui64)},
-                           {"role", roleName(device.role)},
-                           {"in_network", device.in_network},
-                           {"node_id", device.node_id},
-                           {"parent", device.parent},
-                           {"link_quality", device.link_quality},
-                           {"state", device.state}});
+        rows += (rows.empty() ? "" : ",") + toJson(Answer{{"name", toJson(device.name)},
+                                                          {"eui64", toJson(formatEui64(device.eui64))},
+                                                          {"role", toJson(std::string(roleName(device.role)))},
+                                                          {"in_network", toJson(device.in_network)},
+                                                          {"node_id", toJson(device.node_id)},
+                                                          {"parent", toJson(device.parent)},
+                                                          {"link_quality", toJson(device.link_quality)},
+                                                          {"state", toJson(device.state)}});
     }
+    answer["devices"] = "[" + rows + "]";
 }
 
 template <std::string (SimTarget::*Operation)(const std::string &)>
-void onDevice(ObjectReader &in, SimTarget &target, json &, std::string &fault) {
+void onDevice(ObjectReader &in, SimTarget &target, Answer &, std::string &fault) {
     std::string device;
     in.allow({"command", "device"});
     in.text("device", device);
@@ -134,14 +251,14 @@ void onDevice(ObjectReader &in, SimTarget &target, json &, std::string &fault) {
 }
 
 template <std::string (SimTarget::*Operation)()>
-void onAdapter(ObjectReader &in, SimTarget &target, json &, std::string &fault) {
+void onAdapter(ObjectReader &in, SimTarget &target, Answer &, std::string &fault) {
     in.allow({"command"});
     if (in.ok()) {
         fault = (target.*Operation)();
     }
 }
 
-void rejoin(ObjectReader &in, SimTarget &target, json &, std::string &fault) {
+void rejoin(ObjectReader &in, SimTarget &target, Answer &, std::string &fault) {
     std::string device;
     bool secured = true;
     in.allow({"command", "device", "secured"});
@@ -152,7 +269,7 @@ void rejoin(ObjectReader &in, SimTarget &target, json &, std::string &fault) {
     }
 }
 
-void power(ObjectReader &in, SimTarget &target, json &, std::string &fault) {
+void power(ObjectReader &in, SimTarget &target, Answer &, std::string &fault) {
     std::string device;
     bool on = true;
     in.allow({"command", "device", "on"});
@@ -167,20 +284,20 @@ void power(ObjectReader &in, SimTarget &target, json &, std::string &fault) {
 // A cluster or attribute by number or by name.
 template <class ByName>
 uint16_t numberOrName(ObjectReader &in, const std::string &key, ByName byName) {
-    const json *const found = in.require(key);
+    const Value *const found = in.require(key);
     uint16_t number = 0;
-    if (found == nullptr || !found->is_string()) {
+    if (found == nullptr || found->kind != Value::Kind::text) {
         in(key, number, 0, 0xFFFF);
         return number;
     }
-    const auto known = byName(found->get_ref<const std::string &>());
+    const auto known = byName(found->text);
     if (!known) {
-        in.fail("\"" + key + "\": there is none named \"" + printable(found->get_ref<const std::string &>()) + "\"");
+        in.fail("\"" + key + "\": there is none named \"" + printable(found->text) + "\"");
     }
     return known.value_or(0);
 }
 
-void setAttribute(ObjectReader &in, SimTarget &target, json &, std::string &fault) {
+void setAttribute(ObjectReader &in, SimTarget &target, Answer &, std::string &fault) {
     std::string device;
     uint8_t endpoint = 1;
     int64_t value = 0;
@@ -190,8 +307,8 @@ void setAttribute(ObjectReader &in, SimTarget &target, json &, std::string &faul
     const uint16_t cluster_id = numberOrName(in, "cluster", clusterByName);
     const uint16_t attribute_id =
         numberOrName(in, "attribute", [=](std::string_view name) { return attributeByName(cluster_id, name); });
-    if (const json *const found = in.require("value"); found != nullptr && found->is_boolean()) {
-        value = found->get<bool>() ? 1 : 0;
+    if (const Value *const found = in.require("value"); found != nullptr && found->kind == Value::Kind::boolean) {
+        value = found->integer;
     } else {
         in("value", value, INT64_MIN, INT64_MAX);
     }
@@ -201,21 +318,21 @@ void setAttribute(ObjectReader &in, SimTarget &target, json &, std::string &faul
 }
 
 // The object of settings to change; null when the request only asks.
-const json *settings(ObjectReader &in, const char *key) {
-    const json *const found = in.find(key);
-    if (found != nullptr && !found->is_object()) {
+const Value *settings(ObjectReader &in, const char *key) {
+    const Value *const found = in.find(key);
+    if (found != nullptr && found->kind != Value::Kind::object) {
         in.fail(std::string("\"") + key + "\" must be an object");
         return nullptr;
     }
     return found;
 }
 
-void faults(ObjectReader &in, SimTarget &target, json &answer, std::string &fault) {
+void faults(ObjectReader &in, SimTarget &target, Answer &answer, std::string &fault) {
     std::string device;
     Faults current;
     in.allow({"command", "device", "faults"});
     in.text("device", device);
-    const json *const wanted = settings(in, "faults");
+    const Value *const wanted = settings(in, "faults");
     if (!in.ok() || !(fault = target.getFaults(device, current)).empty()) {
         return;
     }
@@ -228,12 +345,14 @@ void faults(ObjectReader &in, SimTarget &target, json &answer, std::string &faul
             return;
         }
     }
-    visitFaults(current, KeyWriter{answer["faults"]});
+    Answer values;
+    visitFaults(current, KeyWriter{values});
+    answer["faults"] = toJson(values);
 }
 
-void air(ObjectReader &in, SimTarget &target, json &answer, std::string &fault) {
+void air(ObjectReader &in, SimTarget &target, Answer &answer, std::string &fault) {
     in.allow({"command", "air"});
-    const json *const wanted = settings(in, "air");
+    const Value *const wanted = settings(in, "air");
     if (!in.ok()) {
         return;
     }
@@ -246,10 +365,12 @@ void air(ObjectReader &in, SimTarget &target, json &answer, std::string &fault) 
             return;
         }
     }
-    visitAir(current, KeyWriter{answer["air"]});
+    Answer values;
+    visitAir(current, KeyWriter{values});
+    answer["air"] = toJson(values);
 }
 
-void refuse(ObjectReader &in, SimTarget &target, json &, std::string &fault) {
+void refuse(ObjectReader &in, SimTarget &target, Answer &, std::string &fault) {
     std::string operation;
     uint32_t count = 1;
     int32_t status = -1;
@@ -265,7 +386,7 @@ void refuse(ObjectReader &in, SimTarget &target, json &, std::string &fault) {
     }
 }
 
-void hang(ObjectReader &in, SimTarget &target, json &, std::string &fault) {
+void hang(ObjectReader &in, SimTarget &target, Answer &, std::string &fault) {
     uint32_t milliseconds = 0;
     in.allow({"command", "milliseconds"});
     in.require("milliseconds");
@@ -296,7 +417,7 @@ constexpr struct {
     {"hang", hang},
 };
 
-void runCommand(const json &request, SimTarget &target, json &answer, std::string &fault) {
+void runCommand(const Value &request, SimTarget &target, Answer &answer, std::string &fault) {
     ObjectReader in(request, fault);
     std::string name;
     in.text("command", name);
@@ -316,21 +437,22 @@ void runCommand(const json &request, SimTarget &target, json &answer, std::strin
 } // namespace
 
 std::string handleControlLine(const std::string &line, SimTarget &target) {
-    const json request = json::parse(line, nullptr, false);
-    json answer = json::object();
+    Value request;
+    RequestBuilder builder(request);
+    Answer answer;
     std::string fault;
-    if (request.is_discarded()) {
+    if (!nlohmann::json::sax_parse(line, &builder)) {
         fault = "the request is not valid JSON";
-    } else if (!request.is_object()) {
+    } else if (request.kind != Value::Kind::object) {
         fault = "the request must be a JSON object";
     } else {
         runCommand(request, target, answer, fault);
     }
     if (!fault.empty()) {
-        answer = {{"error", fault}};
+        answer = {{"error", toJson(fault)}};
     }
-    answer["ok"] = fault.empty();
-    return answer.dump(-1, ' ', false, json::error_handler_t::replace);
+    answer["ok"] = toJson(fault.empty());
+    return toJson(answer);
 }
 
 } // namespace corvane::mesh
