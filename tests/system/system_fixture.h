@@ -71,7 +71,7 @@ public:
     static std::string routers(int count, const std::string &more = {}) {
         std::ostringstream text;
         text << "name = \"test\"\nseed = 3\nspeed = 20.0\n[coordinator]\nstartup_ms = 5\nform_ms = 10\n"
-                "[air]\ndelay_ms = 1\njitter_ms = 0\n";
+                "[air]\ndelay_ms = 1\njitter_ms = 0\nshared_medium = false\n";
         for (int i = 0; i < count; ++i) {
             text << "[[device]]\nname = \"d" << i << "\"\neui64 = \"02:00:00:ff:fe:00:01:" << (i < 10 ? "0" : "") << i
                  << "\"\nrole = \"router\"\n[[device.endpoint]]\nid = 1\ndevice_id = 0x0100\n"

@@ -20,6 +20,7 @@ name = "0123456789012345678901234567890123" => 1:8: name must have at most 32
 speed = nan => 1:9: speed must be a number
 air = 3 => 1:7: air must be a table: [air]
 [air]\nloss = 1.01 => 2:8: loss must be a number from 0 to 1
+[air]\nmax_in_flight = 65 => 2:17: max_in_flight must be an integer from 1 to 64
 [coordinator]\nfirmware_version = [1, 256] => 2:24: a part of firmware_version
 [coordinator]\neui64 = "ff:ff:ff:ff:ff:ff:ff:ff" => 2:9: eui64 must be eight hexadecimal bytes
 [energy_dbm]\n10 = -50 => 2:1: unknown key "10"

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // The control of the virtual mesh at run time: request lines and what they do, and the socket they come from.
+#include "../support/allocation_counter.h"
 #include "zbhal_fixture.h"
 #include <chrono>
 #include <cstring>
@@ -101,6 +102,72 @@ TEST_P(ControlTest, nonsenseIsRefusedAndDoesNothing) {
 {"command":"refuse","operation":"echo","status":0} => \"status\" must not be 0
 {"command":"faults","device":"lamp"} => ok"silent":false
 {"command":"air"} => ok"delay_ms":8)");
+}
+
+// Whichever allocation of the layer fails, it costs a frame or a client. Every send is confirmed all the same, and what
+// is in the network stays in it.
+TEST_P(ControlTest, oneFailedAllocationCostsAFrameOrAClient) {
+    scenario_.devices.push_back(device("sensor", 2, mesh::Role::sleepy_end_device, "lamp"));
+    scenario_.devices[0].reports.clear();
+    uint64_t left = 0; // until the allocation that is to fail
+    const auto failing = [&](const auto &work) {
+        failing_allocation = left == 0 ? 0 : allocations + left;
+        try {
+            work();
+        } catch (const std::bad_alloc &) {
+            EXPECT_GE(allocations, failing_allocation);
+        }
+        const uint64_t at = failing_allocation.exchange(0);
+        left = at > allocations ? at - allocations : 0;
+    };
+    const auto pass = [&](uint64_t milliseconds) {
+        for (const uint64_t end_ms = testplat::time::nowMs() + milliseconds; testplat::time::nowMs() < end_ms;) {
+            uint64_t next_us = 0;
+            failing([&] { next_us = hal::nextEventUs(); });
+            pump(oruZbHal_processAction);
+            testplat::time::advance(std::clamp<uint64_t>(next_us / 1000 + 1, testplat::time::nowMs() + 1, end_ms) -
+                                    testplat::time::nowMs());
+        }
+    };
+    const char *const every = getenv("CORVANE_EVERY");
+    const uint64_t stride = every == nullptr ? 11 : std::stoul(every);
+    uint64_t nth = 0;
+    do {
+        nth += stride;
+        SCOPED_TRACE("allocation " + std::to_string(nth));
+        std::filesystem::remove(folder_ + "/virtual-radio-0200c0fffe000001.state");
+        startWithNetwork(folder_);
+        join({"lamp", "sensor"});
+        record = {};
+        left = nth;
+        size_t sent = 0;
+        for (const char *destination : {"lamp", "sensor", "all", "nobody"}) {
+            const uint16_t node_id = nodeId(destination);
+            failing([&] { sent += sendZcl(node_id, 0) == 0 ? 1U : 0U; });
+        }
+        pass(1000);
+        for (const std::string line : {R"({"command":"list"})", R"({"command":"address","device":"lamp"})",
+                                       R"({"command":"power","device":"sensor","on":false})",
+                                       R"({"command":"power","device":"sensor","on":true})"}) {
+            failing([&] { (void)mesh::handleControlLine(line, sim()); });
+        }
+        pass(1000);
+        (void)oruZbHal_reset();
+        pass(10000);
+        EXPECT_EQ(record.confirmations.size(), sent);
+        (void)sim().setPower("sensor", true); // if the client was lost that was to do it
+        advance(5000);
+        record.trace.clear();
+        sendZcl(nodeId("lamp"), 1);
+        sendZcl(nodeId("sensor"), 2);
+        advance(2000);
+        EXPECT_EQ(record.trace, "sent 1: 0, frame of 5, sent 2: 0, frame of 5, ");
+        start(folder_);
+        play("wait | stack enabling, stack up");
+        EXPECT_EQ(std::ranges::count(sim().list(), true, &mesh::SimDevice::in_network), 2) << "the memory is whole";
+    } while (left == 0 && !HasFailure());
+    std::cout << "allocations: " << nth - left << ", every " << stride << ". failed once\n";
+    EXPECT_GT(nth, 150U) << "the run must mean something";
 }
 
 TEST_P(ControlTest, socketServesOneAfterTheOtherAndNoRudeClientDoesHarm) {

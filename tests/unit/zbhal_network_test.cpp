@@ -120,6 +120,12 @@ TEST_P(HalTest, leaveRequestsSendDevicesAwayOrBringThemBack) {
     startWithNetwork();
     join({"lamp", "sensor", "plug"});
     play(R"(leave plug 0x80 @5000 | sent 0: 0, frame of 2, 3 rejoined, announced # no departure for the trust centre
+leave plug 0x80 @500 | sent 0: 0, frame of 2
+disable @20000 | stack off # not there when the plug comes back
+enable @60000 | stack enabling, stack up, 3 rejoined, announced # it keeps trying
+leave plug 0x80 @500 | sent 0: 0, frame of 2
+{"command":"power","device":"plug","on":false} @20000 => ok
+{"command":"power","device":"plug","on":true} @5000 => ok | 3 rejoined, announced
 leave plug 0 @60000 | sent 0: 0, frame of 2, 3 left
 leave all 0 @5000 | sent 0: 0, 1 left # its child loses its way to say so
 {"command":"leave","device":"sensor"} => the device is not in the network)");
@@ -211,14 +217,17 @@ std::string tables() {
 }
 
 TEST_P(HalTest, tablesFollowTheTopology) {
-    scenario_.devices = {device("near", 1), device("far", 2, mesh::Role::router, "near"),
+    scenario_.devices = {device("near", 1),
+                         device("far", 2, mesh::Role::router, "near"),
                          device("sensor", 3, mesh::Role::end_device), // child of the coordinator
                          device("button", 4, mesh::Role::end_device, "near"),
-                         device("remote", 5, mesh::Role::router, "far")};
+                         device("remote", 5, mesh::Role::router, "far"),
+                         device("bell", 6, mesh::Role::end_device, "near")};
     scenario_.devices[4].link_quality = 70; // too weak for a link past its parent
+    scenario_.coordinator.child_capacity = 2;
     startWithNetwork();
-    join({"near", "far", "sensor", "button", "remote"});
-    EXPECT_EQ(tables(), "sensor / near far / far>near button>near remote>near") << "far is heard, too";
+    join({"near", "far", "sensor", "button", "remote", "bell"});
+    EXPECT_EQ(tables(), "sensor / near far / far>near button>near remote>near bell>near") << "far is heard, too";
     oruZbHal_neighborTableEntry_t one{};
     uint8_t count = 1;
     EXPECT_EQ(oruZbHal_getNeighbors(&one, &count), 0);
@@ -226,13 +235,14 @@ TEST_P(HalTest, tablesFollowTheTopology) {
     EXPECT_EQ(one.long_id[0], 1) << "least significant byte first";
 
     play(R"({"command":"power","device":"near","on":false} @30000 => ok | 4 rejoined, announced)");
-    EXPECT_EQ(tables(), "sensor button / far / remote>far") << "the button has found another parent";
+    EXPECT_EQ(tables(), "sensor button / far / remote>far") << "there was room for one of near's children";
+    play(R"({"command":"rejoin","device":"bell"} => the coordinator has no room)");
     play(R"({"command":"power","device":"far","on":false} @30000 => ok)");
     EXPECT_EQ(tables(), "sensor button / /") << "remote is out of reach of everybody";
     play(R"({"command":"power","device":"near","on":true} => ok | announced
-{"command":"power","device":"far","on":true} => ok | announced, 4 rejoined, announced
+{"command":"power","device":"far","on":true} => ok | announced, 4 rejoined, 6 rejoined, announced, announced
 {"command":"leave","device":"sensor"} @30000 => ok | 3 left)");
-    EXPECT_EQ(tables(), "/ near far / far>near button>near remote>near");
+    EXPECT_EQ(tables(), "/ near far / far>near button>near remote>near bell>near");
 }
 
 TEST_P(HalTest, aRestartKeepsNetworkAndDevices) {
@@ -241,7 +251,7 @@ TEST_P(HalTest, aRestartKeepsNetworkAndDevices) {
     join({"lamp", "sensor", "gone"});
     play(R"({"command":"leave","device":"gone"} => ok | 3 left
 power 3)");
-    const std::string path = folder_ + "/virtual-radio.state";
+    const std::string path = folder_ + "/virtual-radio-0200c0fffe000001.state";
     const auto memory = [&] { // the network, its key, the power, and the addresses of the devices
         std::ifstream file(path);
         return std::string((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
@@ -256,6 +266,24 @@ dbm => 3)");
     std::filesystem::remove(path);
     play("power 3"); // writes the file again
     EXPECT_EQ(memory(), good);
+    EXPECT_EQ(tables(), "/ lamp / sensor>lamp");
+
+    // Other scenarios in the same folder: of the same radio, the file named as it once was, and of another radio.
+    const std::vector<mesh::DeviceSpec> home = std::exchange(scenario_.devices, {device("plug", 9)});
+    std::filesystem::rename(path, folder_ + "/virtual-radio.state");
+    start(folder_);
+    play("wait | stack enabling, stack up");
+    join({"plug"});
+    play("leave plug 0x80 @500 | sent 0: 0, frame of 2"); // and the daemon ends while it is away
+    start(folder_);
+    play("wait @5000 | stack enabling, stack up, 9 rejoined, announced");
+    scenario_.coordinator.eui64[7] = 2;
+    start(folder_);
+    play("wait | stack enabling, stack without network\nform | stack up");
+    scenario_.coordinator.eui64[7] = 1;
+    scenario_.devices = home;
+    start(folder_);
+    play("wait | stack enabling, stack up\nsend sensor 1 | sent 1: 0, frame of 5");
     EXPECT_EQ(tables(), "/ lamp / sensor>lamp");
 
     // Any damage costs the network, never more, and is named.

@@ -359,7 +359,8 @@ void air(ObjectReader &in, SimTarget &target, Answer &answer, std::string &fault
     AirSpec current = target.getAir();
     if (wanted != nullptr) {
         ObjectReader keys(*wanted, fault);
-        keys.allow({"delay_ms", "jitter_ms", "loss", "interference", "pta_denial", "max_in_flight"});
+        keys.allow({"delay_ms", "jitter_ms", "loss", "interference", "pta_denial", "max_in_flight", "shared_medium",
+                    "aps_ack_wait_ms", "route_discovery_ms", "indirect_queue_ms"});
         visitAir(current, keys);
         if (!keys.ok() || !(fault = target.setAir(current)).empty()) {
             return;

@@ -30,24 +30,45 @@ constexpr uint16_t kOutputClusters[] = {0x0000, 0x0003, 0x0006, 0x0008, 0x0300, 
 
 CoordinatorRadio::CoordinatorRadio(const Scenario &scenario, const AdapterSettings &settings, AdapterHost &host)
     : scenario_(scenario), settings_(settings), host_(host), random_(settings.seed.value_or(scenario.seed)),
-      air_(scenario.air, random_), mesh_(scenario_, timeline_, random_, air_, *this), power_dbm_(kDefaultPowerDbm) {
+      air_(scenario.air, scenario.devices.size() + 1, timeline_, random_),
+      mesh_(scenario_, timeline_, random_, air_, *this), power_dbm_(kDefaultPowerDbm) {
     if (settings_.remember && scenario_.coordinator.remembers_network) {
-        memory_path_ = settings_.state_directory + "/virtual-radio.state";
+        memory_path_ = memoryPath(settings_.state_directory, scenario_.coordinator.eui64);
     }
+    transient_keys_.reserve(scenario_.coordinator.key_table_capacity);
     std::reverse_copy(scenario_.coordinator.eui64.begin(), scenario_.coordinator.eui64.end(), info_.eui64);
     info_.capabilities = kCoordinatorCapabilities;
     CoordinatorRadio::addEndpoint({1, 0x0104, 7, 1, kInputClusters, kOutputClusters});
 }
 
+// Frames that are still under way are nobody's any more.
+CoordinatorRadio::~CoordinatorRadio() {
+    for (Pending &pending : pending_) {
+        pending.handle = 0;
+    }
+    timeline_.clear();
+}
+
+uint64_t CoordinatorRadio::advance(uint64_t now_us) {
+    const uint64_t next_us = timeline_.advance(now_us);
+    if (timeline_.shortages() != shortages_) {
+        oruLog_log(ORU_LOG_ID_MAIN, ORU_LOG_WARN, kTag, "virtual mesh: out of memory, %llu events put off or dropped",
+                   static_cast<unsigned long long>(timeline_.shortages() - shortages_));
+        shortages_ = timeline_.shortages();
+    }
+    return next_us;
+}
+
 // ---------------------------------------------------------------- states
 
-void CoordinatorRadio::transition(Stack stack, uint64_t delay_us, Timeline::Action then) {
-    stack_ = stack;
-    timeline_.after(delay_us, [this, step = ++step_, then = std::move(then)] {
-        if (step == step_) {
-            then();
+void CoordinatorRadio::transition(Stack stack, uint64_t delay_us, Step step) {
+    timeline_.surely(delay_us, [this, number = step_ + 1, step] {
+        if (number == step_) {
+            (this->*step)();
         }
     });
+    ++step_;
+    stack_ = stack;
 }
 
 void CoordinatorRadio::report(oruZbHal_stackStatus_t status) {
@@ -61,28 +82,22 @@ oru_status_t CoordinatorRadio::enable() {
     if (stack_ != Stack::off) {
         return ORU_STATUS_ALREADY_EXISTS;
     }
+    transition(Stack::enabling, scenario_.coordinator.startup_ms * kMs, &CoordinatorRadio::resume);
     report(ORU_ZB_HAL_STACK_ENABLING);
-    transition(Stack::enabling, scenario_.coordinator.startup_ms * kMs, [this] { resume(); });
     return ORU_STATUS_OK;
 }
 
 // The stack is ready: with the network it remembers, or without one.
 void CoordinatorRadio::resume() {
-    std::vector<Member> members;
-    if (!recalled_) {
-        recalled_ = true;
-        const std::optional<Memory> memory = memory_path_.empty() ? std::nullopt : loadMemory(memory_path_);
-        if (memory) {
-            network_ = memory->network;
-            power_dbm_ =
-                std::clamp(memory->network.power_dbm, kLowestPowerDbm, kHighestPowerDbm[static_cast<size_t>(region_)]);
-            members = memory->members;
-            forgetStrangers(members);
-        }
-    }
+    const std::vector<Member> members = recalled_ ? std::vector<Member>{} : recall();
+    recalled_ = true;
     stack_ = network_ ? Stack::network_up : Stack::no_network;
     if (network_) {
-        mesh_.networkStarted(members);
+        const size_t strangers = mesh_.networkStarted(members);
+        if (strangers > 0 && !members.empty()) {
+            oruLog_log(ORU_LOG_ID_MAIN, ORU_LOG_WARN, kTag,
+                       "%zu devices of the network are not in the scenario any more", strangers);
+        }
     }
     report(network_ ? ORU_ZB_HAL_STACK_ENABLED_NETWORK_UP : ORU_ZB_HAL_STACK_ENABLED_NO_NETWORK);
     if (network_ && (join_open_ || join_zts_)) {
@@ -90,31 +105,31 @@ void CoordinatorRadio::resume() {
     }
 }
 
-// Devices that an edited scenario no longer has.
-void CoordinatorRadio::forgetStrangers(std::vector<Member> &members) const {
-    const size_t forgotten = std::erase_if(members, [this](const Member &member) {
-        return std::none_of(scenario_.devices.begin(), scenario_.devices.end(),
-                            [&](const DeviceSpec &spec) { return spec.eui64 == member.eui64; });
-    });
-    if (forgotten > 0) {
-        oruLog_log(ORU_LOG_ID_MAIN, ORU_LOG_WARN, kTag, "%zu devices of the network are not in the scenario any more",
-                   forgotten);
+std::vector<Member> CoordinatorRadio::recall() {
+    std::optional<Memory> memory = memory_path_.empty() ? std::nullopt : loadMemory(memory_path_);
+    if (!memory) {
+        return {};
     }
+    network_ = memory->network;
+    power_dbm_ = std::clamp(memory->network.power_dbm, kLowestPowerDbm, kHighestPowerDbm[static_cast<size_t>(region_)]);
+    return std::move(memory->members);
 }
 
 oru_status_t CoordinatorRadio::disable() {
+    transition(Stack::disabling, kDisableUs, &CoordinatorRadio::disabled);
     abandonTraffic();
-    transition(Stack::disabling, kDisableUs, [this] {
-        stack_ = Stack::off;
-        report(ORU_ZB_HAL_STACK_DISABLED);
-    });
     return ORU_STATUS_OK;
 }
 
+void CoordinatorRadio::disabled() {
+    stack_ = Stack::off;
+    report(ORU_ZB_HAL_STACK_DISABLED);
+}
+
 void CoordinatorRadio::restartStack(Stack stack, oruZbHal_stackStatus_t announced, uint64_t delay_us) {
+    transition(stack, delay_us, &CoordinatorRadio::resume);
     abandonTraffic();
     report(announced);
-    transition(stack, delay_us, [this] { resume(); });
 }
 
 oru_status_t CoordinatorRadio::reset() {
@@ -129,10 +144,10 @@ oru_status_t CoordinatorRadio::factoryReset() {
     if (stack_ == Stack::off || stack_ == Stack::disabling) {
         return ORU_STATUS_DEVICE_STATE_INVALID;
     }
+    restartStack(Stack::resetting, ORU_ZB_HAL_STACK_BUSY_RESETTING, scenario_.coordinator.startup_ms * kMs);
     dropNetwork();
     transient_keys_.clear();
     power_dbm_ = std::min(kDefaultPowerDbm, kHighestPowerDbm[static_cast<size_t>(region_)]);
-    restartStack(Stack::resetting, ORU_ZB_HAL_STACK_BUSY_RESETTING, scenario_.coordinator.startup_ms * kMs);
     return ORU_STATUS_OK;
 }
 
@@ -160,18 +175,18 @@ oru_status_t CoordinatorRadio::formNetwork(uint32_t primary_mask, uint32_t secon
         return ORU_STATUS_DEVICE_STATE_INVALID;
     }
     setRegion(region);
-    transition(Stack::forming, scenario_.coordinator.form_ms * kMs,
-               [this, network = makeNetwork(primary_mask, secondary_mask, final_channel)] { networkFormed(network); });
+    transition(Stack::forming, scenario_.coordinator.form_ms * kMs, &CoordinatorRadio::networkFormed);
+    forming_ = makeNetwork(primary_mask, secondary_mask, final_channel);
     return ORU_STATUS_OK;
 }
 
-void CoordinatorRadio::networkFormed(const Network &network) {
-    network_ = network;
+void CoordinatorRadio::networkFormed() {
+    network_ = forming_;
     recalled_ = true; // whatever the file holds belongs to an earlier network
     stack_ = Stack::network_up;
     rememberSoon();
-    oruLog_log(ORU_LOG_ID_MAIN, ORU_LOG_INFO, kTag, "virtual network up: channel %u, PAN id 0x%04x", network.channel,
-               network.pan_id);
+    oruLog_log(ORU_LOG_ID_MAIN, ORU_LOG_INFO, kTag, "virtual network up: channel %u, PAN id 0x%04x", network_->channel,
+               network_->pan_id);
     report(ORU_ZB_HAL_STACK_ENABLED_NETWORK_UP);
 }
 
@@ -204,13 +219,15 @@ oru_status_t CoordinatorRadio::leaveNetwork() {
     if (stack_ != Stack::network_up) {
         return ORU_STATUS_DEVICE_STATE_INVALID;
     }
+    transition(Stack::leaving, kLeaveUs, &CoordinatorRadio::networkLeft);
     abandonTraffic();
     dropNetwork();
-    transition(Stack::leaving, kLeaveUs, [this] {
-        stack_ = Stack::no_network;
-        report(ORU_ZB_HAL_STACK_ENABLED_NO_NETWORK);
-    });
     return ORU_STATUS_OK;
+}
+
+void CoordinatorRadio::networkLeft() {
+    stack_ = Stack::no_network;
+    report(ORU_ZB_HAL_STACK_ENABLED_NO_NETWORK);
 }
 
 void CoordinatorRadio::dropNetwork() {
@@ -290,18 +307,18 @@ void CoordinatorRadio::rememberSoon() {
     if (memory_path_.empty() || remember_due_) {
         return;
     }
+    timeline_.surely(0, [this] { remember(); });
     remember_due_ = true;
-    timeline_.after(0, [this] { remember(); });
 }
 
 void CoordinatorRadio::remember() {
-    remember_due_ = false;
     std::optional<Memory> memory;
     if (network_) {
         memory = Memory{*network_, mesh_.members()};
         memory->network.power_dbm = power_dbm_;
     }
-    saveMemory(memory_path_, memory);
+    (void)saveMemory(memory_path_, memory);
+    remember_due_ = false;
 }
 
 } // namespace corvane::mesh

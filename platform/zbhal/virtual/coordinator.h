@@ -14,6 +14,9 @@
 // Confirmations: a send occupies a slot of pending_ and a reserved place of the queue from its acceptance. Whoever
 // clears the slot delivers the confirmation; that happens in conclude() only. Everything that ends the stack's work
 // (abandonTraffic) concludes all slots as failed.
+//
+// Memory may run out in any event: what a frame needs is dropped with the frame, see timeline.h and Flight. The steps
+// of the stack are taken only after they could be scheduled, and are tried again when they fail.
 #pragma once
 #include "../zbhal_adapter.h"
 #include "install_code.h"
@@ -33,8 +36,11 @@ using zbhal::Operation;
 class CoordinatorRadio : public zbhal::Adapter, private Coordinator {
 public:
     CoordinatorRadio(const Scenario &scenario, const AdapterSettings &settings, AdapterHost &host);
+    CoordinatorRadio(const CoordinatorRadio &) = delete;
+    CoordinatorRadio &operator=(const CoordinatorRadio &) = delete;
+    ~CoordinatorRadio() override;
 
-    uint64_t advance(uint64_t now_us) override { return timeline_.advance(now_us); }
+    uint64_t advance(uint64_t now_us) override;
     void stop() override {}
 
     oru_status_t enable() override;
@@ -92,7 +98,7 @@ private:
         failed
     };
 
-    static constexpr size_t kMaxPending = 64;
+    static constexpr size_t kMaxPending = kMaxInFlight;
     static constexpr size_t kMaxInterpan = 4;
 
     struct Pending {           // an accepted send
@@ -120,11 +126,14 @@ private:
 
     // stack states (coordinator.cpp)
     bool running() const { return stack_ == Stack::no_network || stack_ == Stack::network_up; }
-    void transition(Stack stack, uint64_t delay_us, Timeline::Action then);
+    using Step = void (CoordinatorRadio::*)();
+    void transition(Stack stack, uint64_t delay_us, Step step);
     void report(oruZbHal_stackStatus_t status);
     void resume();
-    void forgetStrangers(std::vector<Member> &members) const;
-    void networkFormed(const Network &network);
+    std::vector<Member> recall();
+    void networkFormed();
+    void networkLeft();
+    void disabled();
     void dropNetwork();
     void restartStack(Stack stack, oruZbHal_stackStatus_t announced, uint64_t delay_us);
     Network makeNetwork(uint32_t primary_mask, uint32_t secondary_mask, uint8_t final_channel);
@@ -140,6 +149,7 @@ private:
 
     // traffic and queries (coordinator_traffic.cpp)
     Pending *freePending();
+    std::shared_ptr<Flight> makeFlight(const zbhal::SendRequest &request);
     void conclude(Pending &pending, int32_t status);
     void concludeInterpan(PendingInterpan &pending, oru_status_t status);
     int8_t energyOf(uint8_t channel);
@@ -161,6 +171,8 @@ private:
     bool remember_due_ = false;
     std::string memory_path_; // empty: nothing is remembered
     std::optional<Network> network_;
+    Network forming_;        // while it is being formed
+    uint64_t shortages_ = 0; // of memory, that have been logged
     oruZbHal_region_t region_ = ORU_ZB_HAL_REGION_WORLD_WIDE;
     int8_t power_dbm_;
 

@@ -142,13 +142,12 @@ oru_status_t CoordinatorRadio::keyTableEntry(uint8_t index, oruZbHal_keyStruct_t
         }
         --position;
     }
-    const std::vector<Member> members = network_ ? mesh_.members() : std::vector<Member>{};
-    if (position >= transient_keys_.size() + members.size() || index == UINT8_MAX) {
+    const bool transient = position < transient_keys_.size();
+    const Eui64 *member = network_ && !transient ? mesh_.member(position - transient_keys_.size()) : nullptr;
+    if (!(transient || member != nullptr) || index == UINT8_MAX) {
         return ORU_STATUS_NOT_FOUND;
     }
-    const bool transient = position < transient_keys_.size();
-    const Eui64 &partner =
-        transient ? transient_keys_[position].eui64 : members[position - transient_keys_.size()].eui64;
+    const Eui64 &partner = transient ? transient_keys_[position].eui64 : *member;
     const Key contents = transient ? transient_keys_[position].key : deviceKey(partner);
     entry = {};
     entry.bitmask = static_cast<uint16_t>(kKeyHasPartner | (transient ? 0 : kKeyAuthorized));

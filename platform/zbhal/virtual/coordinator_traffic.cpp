@@ -49,7 +49,8 @@ oru_status_t CoordinatorRadio::send(zbhal::SendRequest &request) {
         return ORU_ZB_HAL_NWK_INVALID_REQUEST;
     }
     Pending *pending = freePending();
-    if (pending == nullptr || !host_.reserve()) {
+    const std::shared_ptr<Flight> flight = pending == nullptr ? nullptr : makeFlight(request);
+    if (flight == nullptr || !host_.reserve()) {
         return ORU_ZB_HAL_MAC_TRANSACTION_OVERFLOW;
     }
     request.aps_frame.sequence = ++aps_counter_;
@@ -70,19 +71,28 @@ oru_status_t CoordinatorRadio::send(zbhal::SendRequest &request) {
     confirmation.length = static_cast<uint16_t>(request.payload.size());
     std::copy(request.payload.begin(), request.payload.end(), confirmation.payload.begin());
 
-    const uint16_t options = request.aps_frame.options;
-    auto flight = std::make_shared<Flight>();
     flight->handle = pending->handle;
-    flight->destination = request.destination;
-    flight->acknowledged = (options & (ORU_ZB_HAL_APS_OPTION_RETRY | ORU_ZB_HAL_APS_OPTION_ACKNOWLEDGED)) != 0;
-    flight->retries_left = flight->acknowledged ? kApsRetries : 0;
-    flight->message = {request.aps_frame.profile_id,
-                       request.aps_frame.cluster_id,
-                       request.aps_frame.source_endpoint,
-                       request.aps_frame.destination_endpoint,
-                       {request.payload.begin(), request.payload.end()}};
-    mesh_.send(std::move(flight));
+    mesh_.send(flight);
     return ORU_STATUS_OK;
+}
+
+// Null when there is no memory for the frame.
+std::shared_ptr<Flight> CoordinatorRadio::makeFlight(const zbhal::SendRequest &request) {
+    const uint16_t options = request.aps_frame.options;
+    try {
+        auto flight = std::make_shared<Flight>(static_cast<Coordinator &>(*this));
+        flight->destination = request.destination;
+        flight->acknowledged = (options & (ORU_ZB_HAL_APS_OPTION_RETRY | ORU_ZB_HAL_APS_OPTION_ACKNOWLEDGED)) != 0;
+        flight->retries_left = flight->acknowledged ? kApsRetries : 0;
+        flight->message = {request.aps_frame.profile_id,
+                           request.aps_frame.cluster_id,
+                           request.aps_frame.source_endpoint,
+                           request.aps_frame.destination_endpoint,
+                           {request.payload.begin(), request.payload.end()}};
+        return flight;
+    } catch (const std::bad_alloc &) {
+        return nullptr;
+    }
 }
 
 void CoordinatorRadio::conclude(Pending &pending, int32_t status) {
@@ -188,9 +198,9 @@ oru_status_t CoordinatorRadio::sendInterpan(uint32_t channel_mask, const oruZbHa
         return ORU_STATUS_OK; // its completion is lost: only the end of the stack's work concludes it
     }
     const auto channels = static_cast<uint64_t>(std::popcount(channel_mask));
-    timeline_.after(channels * kInterpanChannelUs, [this, handle = pending->handle, entry = &*pending] {
+    timeline_.surely(channels * kInterpanChannelUs, [this, handle = pending->handle, entry = &*pending] {
         if (entry->handle == handle) {
-            const bool sent = air_.broadcast().outcome == Air::Outcome::delivered;
+            const bool sent = air_.broadcast(0).outcome == Air::Outcome::delivered;
             concludeInterpan(*entry,
                              sent ? oru_status_t{ORU_STATUS_OK} : oru_status_t{ORU_ZB_HAL_MAC_CHANNEL_ACCESSS_FAILURE});
         }
@@ -228,7 +238,7 @@ oru_status_t CoordinatorRadio::startScan(uint8_t type, uint32_t channel_mask, ui
     const uint64_t dwell_us = kSuperframeUs * ((1ULL << duration) + 1);
     const auto first = static_cast<uint8_t>(std::countr_zero(channel_mask));
     scan_channel_ = first;
-    timeline_.after(dwell_us, [this, type, channel_mask, first, dwell_us, scan = scan_] {
+    timeline_.surely(dwell_us, [this, type, channel_mask, first, dwell_us, scan = scan_] {
         scanChannel(type, channel_mask, first, dwell_us, scan);
     });
     return ORU_STATUS_OK;
@@ -255,7 +265,7 @@ void CoordinatorRadio::scanChannel(uint8_t type, uint32_t channel_mask, uint8_t 
         return;
     }
     scan_channel_ = static_cast<uint8_t>(std::countr_zero(rest));
-    timeline_.after(dwell_us, [this, type, rest, dwell_us, scan, next = scan_channel_] {
+    timeline_.surely(dwell_us, [this, type, rest, dwell_us, scan, next = scan_channel_] {
         scanChannel(type, rest, next, dwell_us, scan);
     });
 }

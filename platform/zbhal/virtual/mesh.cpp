@@ -10,20 +10,28 @@ namespace {
 constexpr uint64_t kMs = 1000;
 constexpr uint64_t kAnnounceUs = 40 * kMs; // from the key to the announce
 constexpr uint64_t kLeaveUs = 60 * kMs;    // from the leave request to silence
-constexpr uint64_t kRejoinUs = 1500 * kMs; // from leaving to coming back
+constexpr uint64_t kRejoinUs = 1500 * kMs; // from leaving to coming back; doubled for each further attempt
+constexpr uint64_t kLongestRejoinUs = 60000 * kMs;
 constexpr uint64_t kPowerUpUs = 800 * kMs; // from power to the first frame
 constexpr uint64_t kFirstRetryMs = 3000;   // of a refused join; doubled up to the longest
 constexpr uint64_t kLongestRetryMs = 60000;
-constexpr double kNewAddressChance = 0.25; // after leaving with a rejoin
+constexpr uint64_t kFastPollUs = 30000 * kMs; // after coming into the network or announcing itself
+constexpr size_t kUsualEvents = 1024;         // of the traffic under way
+constexpr size_t kEventsPerDevice = 8;        // beside its reports
+constexpr double kNewAddressChance = 0.25;    // after leaving with a rejoin
 
 } // namespace
 
 Mesh::Mesh(const Scenario &scenario, Timeline &timeline, Random &random, Air &air, Coordinator &coordinator)
-    : timeline_(timeline), random_(random), air_(air), coordinator_(coordinator), speed_(scenario.speed) {
+    : timeline_(timeline), random_(random), air_(air), coordinator_(coordinator),
+      child_capacity_(scenario.coordinator.child_capacity), speed_(scenario.speed) {
+    size_t events = kUsualEvents;
     nodes_.reserve(scenario.devices.size());
     for (const DeviceSpec &spec : scenario.devices) {
         nodes_.emplace_back(spec);
+        events += kEventsPerDevice + spec.reports.size();
     }
+    timeline_.reserve(events);
     for (const MeshNode &node : nodes_) {
         const int parent = indexOf(node.device.spec().parent);
         spec_parents_.push_back(parent < 0 ? kCoordinator : parent);
@@ -53,7 +61,7 @@ uint16_t Mesh::freeNodeId() {
         const bool used = std::any_of(nodes_.begin(), nodes_.end(), [candidate](const MeshNode &node) {
             return node.node_id == candidate || node.last_node_id == candidate;
         });
-        if (!used) {
+        if (!used && std::ranges::find(strangers_, candidate, &Member::node_id) == strangers_.end()) {
             return candidate;
         }
     }
@@ -62,33 +70,56 @@ uint16_t Mesh::freeNodeId() {
 std::vector<Member> Mesh::members() const {
     std::vector<Member> result;
     for (const MeshNode &node : nodes_) {
-        if (node.joined) {
-            result.push_back({node.device.spec().eui64, node.node_id});
+        if (node.joined || node.returning) {
+            result.push_back(
+                {node.device.spec().eui64, node.joined ? node.node_id : node.last_node_id, node.returning});
         }
     }
+    result.insert(result.end(), strangers_.begin(), strangers_.end());
     return result;
+}
+
+const Eui64 *Mesh::member(size_t number) const {
+    for (const MeshNode &node : nodes_) {
+        if ((node.joined || node.returning) && number-- == 0) {
+            return &node.device.spec().eui64;
+        }
+    }
+    return number < strangers_.size() ? &strangers_[number].eui64 : nullptr;
 }
 
 // ---------------------------------------------------------------- the network comes and goes
 
-void Mesh::networkStarted(const std::vector<Member> &members) {
+size_t Mesh::networkStarted(const std::vector<Member> &members) {
     for (const Member &member : members) {
-        const auto node = std::find_if(nodes_.begin(), nodes_.end(), [&](const MeshNode &candidate) {
-            return candidate.device.spec().eui64 == member.eui64;
-        });
-        if (node != nodes_.end() && !node->joined) {
+        const auto node =
+            std::ranges::find(nodes_, member.eui64, [](const MeshNode &known) { return known.device.spec().eui64; });
+        if (node == nodes_.end()) {
+            if (std::ranges::find(strangers_, member.eui64, &Member::eui64) == strangers_.end()) {
+                strangers_.push_back(member);
+            }
+            continue;
+        }
+        const auto index = static_cast<size_t>(node - nodes_.begin());
+        if (member.returning && !node->joined && !node->returning) {
+            node->returning = true;
+            node->last_node_id = member.node_id;
+            comeBack(index, kRejoinUs, 0);
+        } else if (!node->joined && !node->returning) {
             enter(*node, member.node_id);
-            startReports(static_cast<size_t>(node - nodes_.begin()));
+            startReports(index);
         }
     }
     settle(members.empty());
+    return strangers_.size();
 }
 
 void Mesh::networkGone() {
     join_round_open_ = false;
+    strangers_.clear();
     for (MeshNode &node : nodes_) {
         ++node.epoch;
-        node.joined = false;
+        node.joined = node.returning = false;
         node.node_id = node.last_node_id = kNoNode;
         node.parent = kUnreachable;
         node.join_round = 0;
@@ -98,10 +129,11 @@ void Mesh::networkGone() {
 void Mesh::enter(MeshNode &node, uint16_t node_id) {
     ++node.epoch;
     node.joined = true;
+    node.returning = false;
     node.node_id = node_id;
     node.device.setNodeId(node_id);
-    node.joined_at_us = timeline_.now();
-    const Link link = bestLink(static_cast<size_t>(&node - nodes_.data()));
+    node.poll_from_us = node.fast_poll_until_us = timeline_.now();
+    const Link link = freeLink(static_cast<size_t>(&node - nodes_.data()));
     node.parent = link.parent;
     node.link_quality = link.link_quality;
     coordinator_.membershipChanged();
@@ -121,7 +153,7 @@ void Mesh::joiningOpened() {
         }
         node.join_round = join_round_;
         node.join_attempts = 0;
-        timeline_.after(scaled(*due), [this, index, round = join_round_] { scheduledJoin(index, round); });
+        timeline_.surely(scaled(*due), [this, index, round = join_round_] { scheduledJoin(index, round); });
     }
 }
 
@@ -135,7 +167,7 @@ void Mesh::scheduledJoin(size_t index, uint32_t round) {
     }
     const uint64_t wait_ms = std::min(kFirstRetryMs << std::min(node.join_attempts, 5U), kLongestRetryMs);
     ++node.join_attempts;
-    timeline_.after(scaled(wait_ms), [this, index, round] { scheduledJoin(index, round); });
+    timeline_.surely(scaled(wait_ms), [this, index, round] { scheduledJoin(index, round); });
 }
 
 Admission Mesh::attemptJoin(size_t index) {
@@ -175,7 +207,8 @@ std::string Mesh::join(size_t index) {
     return attemptJoin(index).reason;
 }
 
-std::string Mesh::rejoin(size_t index, bool secured, bool new_address) {
+// Takes no memory, so that a device on its way back is not lost half-way.
+const char *Mesh::rejoin(size_t index, bool secured, bool new_address) {
     MeshNode &node = nodes_[index];
     if (!coordinator_.networkUp()) {
         return "there is no network";
@@ -186,8 +219,9 @@ std::string Mesh::rejoin(size_t index, bool secured, bool new_address) {
     if (node.node_id == kNoNode && node.last_node_id == kNoNode) {
         return "the device has never been in this network; let it join";
     }
-    if (bestLink(index).parent == kUnreachable) {
-        return "no router of the network is in reach of the device";
+    if (freeLink(index).parent == kUnreachable) {
+        return bestLink(index).parent == kUnreachable ? "no router of the network is in reach of the device"
+                                                      : "the coordinator has no room for another child";
     }
     const uint16_t known_id = node.node_id != kNoNode ? node.node_id : node.last_node_id;
     const uint16_t node_id = new_address ? freeNodeId() : known_id;
@@ -203,13 +237,27 @@ std::string Mesh::rejoin(size_t index, bool secured, bool new_address) {
          secured ? ORU_ZB_HAL_NO_ACTION : ORU_ZB_HAL_USE_PRECONFIGURED_KEY});
     announceSoon(index, kAnnounceUs);
     startReports(index);
-    return {};
+    return "";
+}
+
+// With a secured rejoin, under the same address or, when it has left, perhaps another one.
+void Mesh::comeBack(size_t index, uint64_t delay_us, uint32_t attempt) {
+    timeline_.surely(delay_us, [this, index, attempt, epoch = nodes_[index].epoch] {
+        const MeshNode &node = nodes_[index];
+        if (node.epoch != epoch || !node.powered) {
+            return;
+        }
+        if (*rejoin(index, true, node.returning && random_.chance(kNewAddressChance)) != '\0') {
+            comeBack(index, std::min(kRejoinUs << std::min(attempt + 1, 6U), kLongestRejoinUs), attempt + 1);
+        }
+    });
 }
 
 void Mesh::announceSoon(size_t index, uint64_t delay_us) {
+    pollFast(index, kFastPollUs);
     timeline_.after(delay_us, [this, index, epoch = nodes_[index].epoch] {
         if (nodes_[index].epoch == epoch) {
-            uplink(index, nodes_[index].device.announce(), true, 0);
+            uplink(index, nodes_[index].device.announce(), true);
         }
     });
 }
@@ -234,6 +282,7 @@ void Mesh::depart(size_t index, bool rejoin) {
     node.last_node_id = node_id;
     node.node_id = kNoNode;
     node.parent = kUnreachable;
+    node.returning = rejoin;
     coordinator_.membershipChanged();
     settleLater();
     // A leave that announces a rejoin does not reach the trust centre: the parent keeps the place free.
@@ -242,11 +291,7 @@ void Mesh::depart(size_t index, bool rejoin) {
             {node_id, node.device.spec().eui64, parent, ORU_ZB_HAL_DEVICE_LEFT, ORU_ZB_HAL_NO_ACTION});
     }
     if (rejoin) {
-        timeline_.after(kRejoinUs, [this, index, epoch = node.epoch] {
-            if (nodes_[index].epoch == epoch && nodes_[index].powered) {
-                this->rejoin(index, true, random_.chance(kNewAddressChance));
-            }
-        });
+        comeBack(index, kRejoinUs, 0);
     }
 }
 
@@ -254,7 +299,8 @@ std::string Mesh::announce(size_t index) {
     if (!reachable(nodes_[index])) {
         return "the device does not reach the coordinator";
     }
-    uplink(index, nodes_[index].device.announce(), true, 0);
+    pollFast(index, kFastPollUs);
+    uplink(index, nodes_[index].device.announce(), true);
     return {};
 }
 
@@ -279,19 +325,15 @@ std::string Mesh::setPower(size_t index, bool on) {
     ++node.epoch;
     node.silent_since_us = timeline_.now();
     settleLater();
-    if (!on || !node.joined) {
+    if (!on || !(node.joined || node.returning)) {
         return {};
     }
     startReports(index);
-    if (node.device.spec().role == Role::router) {
+    if (node.joined && node.device.spec().role == Role::router) {
         announceSoon(index, kPowerUpUs);
-        return {};
+    } else { // end devices look for a parent again
+        comeBack(index, kPowerUpUs, 0);
     }
-    timeline_.after(kPowerUpUs, [this, index, epoch = node.epoch] { // end devices look for a parent again
-        if (nodes_[index].epoch == epoch) {
-            rejoin(index, true);
-        }
-    });
     return {};
 }
 
@@ -305,8 +347,8 @@ void Mesh::startReports(size_t index) {
             continue;
         }
         const uint64_t interval_us = scaled(node.device.spec().reports[number].interval_ms);
-        timeline_.after(interval_us / 2 + random_.below(interval_us / 2 + 1),
-                        [this, index, number, round] { runReport(index, number, round); });
+        timeline_.surely(interval_us / 2 + random_.below(interval_us / 2 + 1),
+                         [this, index, number, round] { runReport(index, number, round); });
     }
 }
 
@@ -316,8 +358,8 @@ void Mesh::runReport(size_t index, size_t number, uint32_t round) {
     if (node.report_round != round || !node.joined || !node.powered || spec.interval_ms == kNoPeriodicReport) {
         return;
     }
-    uplink(index, node.device.report(spec, random_.next()), false, 0);
-    timeline_.after(scaled(spec.interval_ms), [this, index, number, round] { runReport(index, number, round); });
+    uplink(index, node.device.report(spec, random_.next()), false);
+    timeline_.surely(scaled(spec.interval_ms), [this, index, number, round] { runReport(index, number, round); });
 }
 
 std::string Mesh::report(size_t index) {
@@ -329,32 +371,40 @@ std::string Mesh::report(size_t index) {
         return "the device has no reports";
     }
     for (const ReportSpec &spec : node.device.spec().reports) {
-        uplink(index, node.device.report(spec, random_.next()), false, 0);
+        uplink(index, node.device.report(spec, random_.next()), false);
     }
     return {};
 }
 
 void Mesh::sendPending(size_t index) {
     for (const ApsMessage &message : nodes_[index].device.takePending()) {
-        uplink(index, message, false, 0);
+        uplink(index, message, false);
     }
 }
 
-// A device that was told to leave goes after its answers are out.
+// A device that was told to leave goes after its answers are out. An answer that takes its time holds up nothing else.
 void Mesh::handle(size_t index, const ApsMessage &message, bool broadcast) {
-    MeshNode &node = nodes_[index];
-    const DeviceActions actions = node.device.receive(message, broadcast);
-    const uint64_t delay_us = uint64_t{node.device.faults().answer_delay_ms} * kMs;
-    for (const ApsMessage &answer : actions.answers) {
-        uplink(index, answer, false, delay_us);
+    const uint32_t epoch = nodes_[index].epoch;
+    DeviceActions actions = nodes_[index].device.receive(message, broadcast);
+    const uint64_t delay_us = uint64_t{nodes_[index].device.faults().answer_delay_ms} * kMs;
+    if (actions.leave) {
+        timeline_.surely(delay_us + kLeaveUs, [this, index, epoch, rejoin = actions.rejoin] {
+            if (nodes_[index].epoch == epoch && nodes_[index].joined) {
+                depart(index, rejoin);
+            }
+        });
     }
     if (actions.reports_changed) {
         startReports(index);
     }
-    if (actions.leave) {
-        timeline_.after(delay_us + kLeaveUs, [this, index, epoch = node.epoch, rejoin = actions.rejoin] {
-            if (nodes_[index].epoch == epoch && nodes_[index].joined) {
-                depart(index, rejoin);
+    for (ApsMessage &answer : actions.answers) {
+        if (delay_us == 0) {
+            uplink(index, answer, false);
+            continue;
+        }
+        timeline_.after(delay_us, [this, index, epoch, answer = std::move(answer)] {
+            if (nodes_[index].epoch == epoch) {
+                uplink(index, answer, false);
             }
         });
     }

@@ -72,6 +72,12 @@ Mesh::Link Mesh::bestLink(size_t index) const {
     return {};
 }
 
+Mesh::Link Mesh::freeLink(size_t index) const {
+    const Link link = bestLink(index);
+    const bool child = link.parent == kCoordinator && nodes_[index].device.spec().role != Role::router;
+    return child && coordinatorChildren(static_cast<int>(index)) >= child_capacity_ ? Link{} : link;
+}
+
 std::vector<int> Mesh::pathTo(int index) const {
     std::vector<int> path;
     for (int hop = index; hop >= 0 && path.size() <= nodes_.size(); hop = nodes_[static_cast<size_t>(hop)].parent) {
@@ -87,7 +93,7 @@ std::vector<int> Mesh::pathTo(int index) const {
 void Mesh::settleLater() {
     if (!settling_) {
         settling_ = true;
-        timeline_.after(kSettleUs, [this] {
+        timeline_.surely(kSettleUs, [this] {
             settling_ = false;
             settle(true);
         });
@@ -104,7 +110,7 @@ void Mesh::settle(bool announced) {
         changed = false;
         for (size_t index = 0; index < nodes_.size(); ++index) {
             MeshNode &node = nodes_[index];
-            const Link link = node.joined ? bestLink(index) : Link{};
+            const Link link = node.joined ? freeLink(index) : Link{};
             if (!node.joined || (link.parent == node.parent && link.link_quality == node.link_quality)) {
                 continue;
             }
@@ -134,9 +140,10 @@ uint8_t Mesh::linkToCoordinator(size_t index) const {
     return link_quality >= kWeakestLink ? link_quality : 0;
 }
 
-size_t Mesh::coordinatorChildren() const {
-    return static_cast<size_t>(std::count_if(nodes_.begin(), nodes_.end(), [](const MeshNode &node) {
-        return node.joined && node.parent == kCoordinator && node.device.spec().role != Role::router;
+size_t Mesh::coordinatorChildren(int except) const {
+    return static_cast<size_t>(std::count_if(nodes_.begin(), nodes_.end(), [&](const MeshNode &node) {
+        return node.joined && node.parent == kCoordinator && node.device.spec().role != Role::router &&
+               &node - nodes_.data() != except;
     }));
 }
 
@@ -181,17 +188,31 @@ size_t Mesh::routes(std::span<oruZbHal_routeTableEntry_t> entries) const {
     size_t count = 0;
     for (size_t index = 0; index < nodes_.size() && count < entries.size(); ++index) {
         const MeshNode &node = nodes_[index];
-        const std::vector<int> path = node.joined ? pathTo(static_cast<int>(index)) : std::vector<int>{};
-        if (path.size() < 2 || !heard(node)) {
+        const int next_hop = node.joined && heard(node) ? nextHop(index) : kUnreachable;
+        if (next_hop < 0) {
             continue; // neighbours and children need no route
         }
         oruZbHal_routeTableEntry_t &entry = entries[count++];
         entry = {};
         entry.destination = node.node_id;
-        entry.next_hop = nodes_[static_cast<size_t>(path.front())].node_id;
+        entry.next_hop = nodes_[static_cast<size_t>(next_hop)].node_id;
         entry.status = reachable(node) ? kRouteActive : kRouteInactive;
     }
     return count;
+}
+
+// The coordinator's neighbour on the way; kCoordinator when that is the device itself, kUnreachable without a way.
+int Mesh::nextHop(size_t index) const {
+    int hop = static_cast<int>(index);
+    int parent = nodes_[index].parent;
+    for (size_t hops = 0; parent >= 0 && hops <= nodes_.size(); ++hops) {
+        hop = parent;
+        parent = nodes_[static_cast<size_t>(hop)].parent;
+    }
+    if (parent != kCoordinator) {
+        return kUnreachable;
+    }
+    return hop == static_cast<int>(index) ? kCoordinator : hop;
 }
 
 } // namespace corvane::mesh

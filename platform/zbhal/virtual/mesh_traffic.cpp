@@ -8,11 +8,13 @@ namespace corvane::mesh {
 namespace {
 
 constexpr uint64_t kMs = 1000;
-constexpr uint64_t kApsAckWaitUs = 500 * kMs;     // before an unacknowledged frame is sent again
-constexpr uint64_t kRouteDiscoveryUs = 300 * kMs; // before a destination counts as unknown
-constexpr uint64_t kIndirectLimitUs = 7680 * kMs; // a parent keeps a frame for a sleeping child that long
 constexpr uint64_t kBroadcastSpreadUs = 60 * kMs; // passive acknowledgements of the neighbours
 constexpr int kUplinkAttempts = 3;                // a device repeats an unacknowledged frame
+
+// Neighbourhoods of the medium are numbered by their router, the coordinator's is 0.
+size_t neighbourhood(int router) {
+    return static_cast<size_t>(std::max(router, Mesh::kCoordinator) + 1);
+}
 
 } // namespace
 
@@ -22,62 +24,80 @@ int Mesh::indexOfNode(uint16_t node_id) const {
     return found == nodes_.end() ? -1 : static_cast<int>(found - nodes_.begin());
 }
 
-uint64_t Mesh::nextPoll(const MeshNode &node, uint64_t from_us) const {
-    if (node.device.spec().role != Role::sleepy_end_device) {
-        return from_us;
-    }
-    const uint64_t interval_us = uint64_t{std::max(node.device.spec().poll_interval_ms, 1U)} * kMs;
-    const uint64_t since_us = from_us - std::min(from_us, node.joined_at_us);
-    return node.joined_at_us + (since_us + interval_us - 1) / interval_us * interval_us;
+// The parent and its child hear the frame either way; what the parent sends, its own parent hears, too.
+Air::Frame Mesh::frameTo(size_t child, uint64_t at_us, size_t payload) const {
+    Air::Frame frame = frameFrom(child, at_us, payload);
+    const int parent = nodes_[child].parent;
+    frame.local = parent < 0;
+    frame.hearing[2] = frame.local ? 0 : neighbourhood(nodes_[static_cast<size_t>(parent)].parent);
+    return frame;
+}
+
+Air::Frame Mesh::frameFrom(size_t child, uint64_t at_us, size_t payload) const {
+    const MeshNode &node = nodes_[child];
+    const size_t parent = neighbourhood(node.parent);
+    Air::Frame frame;
+    frame.at_us = at_us;
+    frame.payload = payload;
+    frame.hearing = {parent, neighbourhood(static_cast<int>(child)), parent};
+    frame.link_quality = node.link_quality;
+    return frame;
 }
 
 // ---------------------------------------------------------------- to a device
 
-void Mesh::send(std::shared_ptr<Flight> flight) {
-    timeline_.after(0, [this, flight = std::move(flight)] {
-        if (flight->destination >= kFirstBroadcast) {
-            broadcast(flight);
-        } else {
-            attempt(flight);
-        }
-    });
+void Mesh::send(const std::shared_ptr<Flight> &flight) {
+    try {
+        timeline_.after(0, [this, flight] {
+            if (flight->destination >= kFirstBroadcast) {
+                broadcast(flight);
+            } else {
+                attempt(flight);
+            }
+        });
+    } catch (const std::bad_alloc &) {
+        flight->conclude(ORU_ZB_HAL_NWK_FRAME_NOT_BUFFERED, false);
+    }
 }
 
-void Mesh::finish(const Flight &flight, oruZbHal_clusterCommandStatus_t status, uint64_t delay_us) {
-    const int index = indexOfNode(flight.destination);
+void Mesh::finish(const std::shared_ptr<Flight> &flight, oruZbHal_clusterCommandStatus_t status, uint64_t delay_us) {
+    const int index = indexOfNode(flight->destination);
     const bool withheld = index >= 0 && nodes_[static_cast<size_t>(index)].device.faults().hold_confirmations;
-    timeline_.after(delay_us, [this, handle = flight.handle, status, withheld] {
-        coordinator_.sendDone(handle, status, withheld);
-    });
+    if (status != ORU_ZB_HAL_SUCCESS && flight->destination < kFirstBroadcast) {
+        air_.countApsFailure();
+    }
+    timeline_.after(delay_us, [flight, status, withheld] { flight->conclude(status, withheld); });
 }
 
 void Mesh::attempt(const std::shared_ptr<Flight> &flight) {
     const int index = indexOfNode(flight->destination);
+    flight->sent_us = timeline_.now();
     if (index >= 0) {
         attemptTo(flight, static_cast<size_t>(index));
         return;
     }
     const bool departed = std::any_of(nodes_.begin(), nodes_.end(),
                                       [&](const MeshNode &node) { return node.last_node_id == flight->destination; });
-    air_.broadcast(); // the route request
-    finish(*flight, departed ? ORU_ZB_HAL_NWK_UNKNOWN_DEVICE : ORU_ZB_HAL_NWK_ROUTE_DISCOVERY_FAILED,
-           kRouteDiscoveryUs);
+    air_.broadcast(0); // the route request
+    finish(flight, departed ? ORU_ZB_HAL_NWK_UNKNOWN_DEVICE : ORU_ZB_HAL_NWK_ROUTE_DISCOVERY_FAILED,
+           air_.spec().route_discovery_ms * kMs);
 }
 
 void Mesh::attemptTo(const std::shared_ptr<Flight> &flight, size_t index) {
     MeshNode &node = nodes_[index];
     if (node.device.faults().send_status != 0) {
-        finish(*flight, static_cast<oruZbHal_clusterCommandStatus_t>(node.device.faults().send_status),
-               air_.hopDelay());
+        finish(flight, static_cast<oruZbHal_clusterCommandStatus_t>(node.device.faults().send_status), air_.hopDelay());
         return;
     }
-    const std::vector<int> path = pathTo(static_cast<int>(index));
+    std::vector<int> path = pathTo(static_cast<int>(index));
     if (path.empty()) {
-        air_.broadcast();
-        timeline_.after(kRouteDiscoveryUs, [this, flight] { failed(flight, ORU_ZB_HAL_NWK_ROUTE_DISCOVERY_FAILED); });
+        air_.broadcast(0);
+        timeline_.after(air_.spec().route_discovery_ms * kMs,
+                        [this, flight] { failed(flight, ORU_ZB_HAL_NWK_ROUTE_DISCOVERY_FAILED); });
         return;
     }
-    const Journey journey = travel(path);
+    const bool sleepy = node.device.spec().role == Role::sleepy_end_device;
+    const Journey journey = travel(path, sleepy ? path.size() - 1 : path.size(), flight->message.payload.size());
     const uint64_t there_us = timeline_.now() + journey.delay_us;
     if (journey.status != ORU_ZB_HAL_SUCCESS) {
         // Without acknowledgement nobody but the first hop is heard of.
@@ -85,36 +105,34 @@ void Mesh::attemptTo(const std::shared_ptr<Flight> &flight, size_t index) {
         timeline_.at(there_us, [this, flight, status = unnoticed ? ORU_ZB_HAL_SUCCESS : journey.status] {
             failed(flight, status);
         });
-        return;
+    } else if (sleepy) {
+        timeline_.at(there_us, [this, flight, index] { keepForChild(index, flight); });
+    } else {
+        timeline_.at(there_us, [this, flight, index, epoch = node.epoch] { arrive(flight, index, epoch); });
     }
-    const uint64_t taken_us = nextPoll(node, there_us);
-    if (taken_us - there_us > kIndirectLimitUs) {
-        const auto status = path.size() == 1 ? ORU_ZB_HAL_MAC_TRANSACTION_EXPIRED : ORU_ZB_HAL_APS_NO_ACK;
-        timeline_.at(there_us + kIndirectLimitUs, [this, flight, status] { finish(*flight, status, 0); });
-        return;
-    }
-    timeline_.at(taken_us, [this, flight, index, epoch = node.epoch] { arrive(flight, index, epoch); });
 }
 
-// Sends over every hop of the path. The first hop is the coordinator's own radio.
-Mesh::Journey Mesh::travel(const std::vector<int> &path) {
+// Sends over the first so many hops of the path. The first hop is the coordinator's own radio.
+Mesh::Journey Mesh::travel(const std::vector<int> &path, size_t hops, size_t payload) {
     Journey journey;
-    for (size_t hop = 0; hop < path.size(); ++hop) {
-        MeshNode &node = nodes_[static_cast<size_t>(path[hop])];
-        const bool listening = node.joined && node.powered && !node.device.faults().deaf;
-        const Air::Hop result = air_.transmit(node.link_quality, hop == 0, listening);
+    for (size_t hop = 0; hop < hops; ++hop) {
+        const auto child = static_cast<size_t>(path[hop]);
+        const MeshNode &node = nodes_[child];
+        Air::Frame frame = frameTo(child, timeline_.now() + journey.delay_us, payload);
+        frame.listening = node.joined && node.powered && !nodes_[child].device.faults().deaf;
+        const Air::Hop result = air_.transmit(frame);
         journey.delay_us += result.delay_us;
         if (result.outcome == Air::Outcome::delivered) {
             journey.first_hop_ok = true;
             continue;
         }
         if (hop > 0) {
-            journey.status = listening ? ORU_ZB_HAL_APS_NO_ACK : ORU_ZB_HAL_NWK_ROUTE_ERROR;
+            journey.status = frame.listening ? ORU_ZB_HAL_APS_NO_ACK : ORU_ZB_HAL_NWK_ROUTE_ERROR;
         } else if (result.outcome == Air::Outcome::channel_busy) {
             journey.status = ORU_ZB_HAL_MAC_CHANNEL_ACCESSS_FAILURE;
         } else {
             journey.status =
-                path.size() == 1 || listening ? ORU_ZB_HAL_MAC_NO_ACK : ORU_ZB_HAL_NWK_ROUTE_DISCOVERY_FAILED;
+                path.size() == 1 || frame.listening ? ORU_ZB_HAL_MAC_NO_ACK : ORU_ZB_HAL_NWK_ROUTE_DISCOVERY_FAILED;
         }
         break;
     }
@@ -122,14 +140,21 @@ Mesh::Journey Mesh::travel(const std::vector<int> &path) {
 }
 
 void Mesh::arrive(const std::shared_ptr<Flight> &flight, size_t index, uint32_t epoch) {
-    if (nodes_[index].epoch != epoch) { // left, moved or lost power while the frame was on its way
+    const bool gone = nodes_[index].epoch != epoch; // left, moved or lost power while the frame was on its way
+    if (flight->destination >= kFirstBroadcast) {
+        if (!gone) {
+            handle(index, flight->message, true);
+        }
+        return;
+    }
+    if (gone) {
         failed(flight, ORU_ZB_HAL_APS_NO_ACK);
         return;
     }
     if (flight->acknowledged) {
         acknowledge(flight, index); // before the answers, which may have to wait
     } else {
-        finish(*flight, ORU_ZB_HAL_SUCCESS, 0);
+        finish(flight, ORU_ZB_HAL_SUCCESS, 0);
     }
     if (!flight->received) {
         flight->received = true;
@@ -140,37 +165,38 @@ void Mesh::arrive(const std::shared_ptr<Flight> &flight, size_t index, uint32_t 
 void Mesh::acknowledge(const std::shared_ptr<Flight> &flight, size_t index) {
     uint64_t delay_us = 0;
     for (const int hop : pathTo(static_cast<int>(index))) {
-        const MeshNode &node = nodes_[static_cast<size_t>(hop)];
-        const Air::Hop result = air_.transmit(node.link_quality, false, true);
+        const Air::Hop result = air_.transmit(frameFrom(static_cast<size_t>(hop), timeline_.now() + delay_us, 0));
         delay_us += result.delay_us;
         if (result.outcome != Air::Outcome::delivered) {
             failed(flight, ORU_ZB_HAL_APS_NO_ACK);
             return;
         }
     }
-    finish(*flight, ORU_ZB_HAL_SUCCESS, delay_us);
+    finish(flight, ORU_ZB_HAL_SUCCESS, delay_us);
 }
 
-// One transmission has come to nothing: again, or the end.
+// One transmission has come to nothing: when no acknowledgement has come in time, again, or the end.
 void Mesh::failed(const std::shared_ptr<Flight> &flight, oruZbHal_clusterCommandStatus_t status) {
-    if (status == ORU_ZB_HAL_SUCCESS) {
-        finish(*flight, status, 0);
+    if (status == ORU_ZB_HAL_SUCCESS || !flight->acknowledged) {
+        finish(flight, status, 0);
         return;
     }
-    if (flight->retries_left > 0) {
-        --flight->retries_left;
-        air_.countApsRetry();
-        timeline_.after(kApsAckWaitUs, [this, flight] { attempt(flight); });
+    const uint64_t waited_us = timeline_.now() - flight->sent_us;
+    const uint64_t wait_us = air_.spec().aps_ack_wait_ms * kMs;
+    const uint64_t left_us = wait_us - std::min(wait_us, waited_us);
+    if (flight->retries_left == 0) {
+        finish(flight, status, left_us);
         return;
     }
-    air_.countApsFailure();
-    finish(*flight, status, 0);
+    --flight->retries_left;
+    air_.countApsRetry();
+    timeline_.after(left_us, [this, flight] { attempt(flight); });
 }
 
 void Mesh::broadcast(const std::shared_ptr<Flight> &flight) {
-    const Air::Hop on_air = air_.broadcast();
+    const Air::Hop on_air = air_.broadcast(flight->message.payload.size());
     if (on_air.outcome != Air::Outcome::delivered) {
-        finish(*flight, ORU_ZB_HAL_MAC_CHANNEL_ACCESSS_FAILURE, on_air.delay_us);
+        finish(flight, ORU_ZB_HAL_MAC_CHANNEL_ACCESSS_FAILURE, on_air.delay_us);
         return;
     }
     for (size_t index = 0; index < nodes_.size(); ++index) {
@@ -184,30 +210,42 @@ void Mesh::broadcast(const std::shared_ptr<Flight> &flight) {
             (air_.loses(node.link_quality) && air_.loses(node.link_quality) && air_.loses(node.link_quality))) {
             continue;
         }
-        const uint64_t there_us = timeline_.now() + air_.hopDelay() * pathTo(static_cast<int>(index)).size();
-        timeline_.at(nextPoll(node, there_us), [this, flight, index, epoch = node.epoch] {
-            if (nodes_[index].epoch == epoch) {
-                handle(index, flight->message, true);
-            }
-        });
+        const size_t hops = pathTo(static_cast<int>(index)).size();
+        const uint64_t there_us = timeline_.now() + on_air.delay_us + air_.hopDelay() * (hops - 1);
+        if (role == Role::sleepy_end_device) {
+            timeline_.at(there_us, [this, flight, index] { keepForChild(index, flight); });
+        } else {
+            timeline_.at(there_us, [this, flight, index, epoch = node.epoch] { arrive(flight, index, epoch); });
+        }
     }
-    finish(*flight, ORU_ZB_HAL_SUCCESS, on_air.delay_us + kBroadcastSpreadUs);
+    relayed(flight->message);
+    finish(flight, ORU_ZB_HAL_SUCCESS, on_air.delay_us + kBroadcastSpreadUs);
+}
+
+// Every router that is up repeats a broadcast once; its neighbours' medium is busy for that long.
+void Mesh::relayed(const ApsMessage &message) {
+    for (size_t index = 0; index < nodes_.size(); ++index) {
+        if (nodes_[index].device.spec().role == Role::router && reachable(nodes_[index])) {
+            air_.relay(frameFrom(index, 0, 0).hearing, timeline_.now(), message.payload.size());
+        }
+    }
 }
 
 // ---------------------------------------------------------------- from a device
 
-bool Mesh::uplink(size_t index, const ApsMessage &message, bool broadcast, uint64_t extra_us) {
+bool Mesh::uplink(size_t index, const ApsMessage &message, bool broadcast) {
     MeshNode &node = nodes_[index];
     if (!reachable(node)) {
         return false;
     }
     const std::vector<int> path = pathTo(static_cast<int>(index));
-    uint64_t delay_us = extra_us;
+    uint64_t delay_us = 0;
     bool delivered = false;
     for (int attempt = 0; attempt < kUplinkAttempts && !delivered; ++attempt) {
         delivered = true;
         for (size_t hop = path.size(); hop-- > 0 && delivered;) {
-            const Air::Hop result = air_.transmit(nodes_[static_cast<size_t>(path[hop])].link_quality, false, true);
+            const Air::Hop result = air_.transmit(
+                frameFrom(static_cast<size_t>(path[hop]), timeline_.now() + delay_us, message.payload.size()));
             delay_us += result.delay_us;
             delivered = result.outcome == Air::Outcome::delivered;
         }
@@ -215,10 +253,14 @@ bool Mesh::uplink(size_t index, const ApsMessage &message, bool broadcast, uint6
     if (!delivered) {
         return false;
     }
+    if (broadcast) {
+        relayed(message);
+    }
     const uint64_t due_us = std::max(timeline_.now() + delay_us, node.uplink_free_at_us + 1);
     node.uplink_free_at_us = due_us;
     const uint8_t link_quality = nodes_[static_cast<size_t>(path.front())].link_quality;
-    timeline_.at(due_us, [this, message, broadcast, link_quality, source = node.node_id, counter = node.aps_counter++] {
+    timeline_.at(due_us, [this, message = message, broadcast, link_quality, source = node.node_id,
+                          counter = node.aps_counter++] {
         coordinator_.frameReceived({source, counter, broadcast, link_quality, &message});
     });
     return true;

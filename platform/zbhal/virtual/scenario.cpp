@@ -70,7 +70,8 @@ void readCoordinator(const toml::table &table, ScenarioFault &fault, Coordinator
 
 void readAir(const toml::table &table, ScenarioFault &fault, AirSpec &air) {
     TableReader in(table, "air", fault,
-                   {"delay_ms", "jitter_ms", "loss", "interference", "pta_denial", "max_in_flight"});
+                   {"delay_ms", "jitter_ms", "loss", "interference", "pta_denial", "max_in_flight", "shared_medium",
+                    "aps_ack_wait_ms", "route_discovery_ms", "indirect_queue_ms"});
     visitAir(air, in);
 }
 

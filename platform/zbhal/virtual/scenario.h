@@ -66,14 +66,20 @@ struct DeviceSpec {
     Faults faults;
 };
 
+inline constexpr uint32_t kMaxInFlight = 64;
+
 // The shared medium. Probabilities are 0.0 to 1.0.
 struct AirSpec {
-    uint32_t delay_ms = 8;       // one hop
-    uint32_t jitter_ms = 6;      // random, added
-    double loss = 0.0;           // a frame is lost on one MAC attempt
-    double interference = 0.0;   // clear-channel assessment fails on one attempt
-    double pta_denial = 0.0;     // the local radio arbiter denies one request
-    uint32_t max_in_flight = 32; // sends the adapter holds at once; more are refused
+    uint32_t delay_ms = 8;              // one hop, its airtime included
+    uint32_t jitter_ms = 6;             // random, added
+    double loss = 0.0;                  // a frame is lost on one MAC attempt
+    double interference = 0.0;          // clear-channel assessment fails on one attempt
+    double pta_denial = 0.0;            // the local radio arbiter denies one request
+    uint32_t max_in_flight = 32;        // sends the adapter holds at once; more are refused
+    bool shared_medium = true;          // neighbours send one after the other, at 250 kbit/s
+    uint32_t aps_ack_wait_ms = 1600;    // before an unacknowledged frame is sent again, or given up after three times
+    uint32_t route_discovery_ms = 1500; // before a destination counts as unknown
+    uint32_t indirect_queue_ms = 7680;  // a parent keeps a frame for a sleeping child that long
 };
 
 struct ForeignNetwork { // what an active scan finds

@@ -26,7 +26,11 @@ void visitAir(AirSpec &air, Visitor &&visit) {
     visit("loss", air.loss, 0.0, 1.0);
     visit("interference", air.interference, 0.0, 1.0);
     visit("pta_denial", air.pta_denial, 0.0, 1.0);
-    visit("max_in_flight", air.max_in_flight, 1, 1000);
+    visit("max_in_flight", air.max_in_flight, 1, kMaxInFlight);
+    visit("shared_medium", air.shared_medium);
+    visit("aps_ack_wait_ms", air.aps_ack_wait_ms, 0, 60000);
+    visit("route_discovery_ms", air.route_discovery_ms, 0, 60000);
+    visit("indirect_queue_ms", air.indirect_queue_ms, 0, 3'600'000);
 }
 
 } // namespace corvane::mesh

@@ -171,18 +171,23 @@ namespace corvane::zbhal {
 
 std::unique_ptr<Adapter> makeVirtualAdapter(const std::string &scenario_path, const mesh::Scenario *scenario,
                                             const AdapterSettings &settings, AdapterHost &host, std::string &error) {
-    if (scenario != nullptr) {
-        return std::make_unique<mesh::VirtualAdapter>(*scenario, settings, host);
-    }
-    mesh::Scenario loaded;
-    mesh::ScenarioError fault;
-    if (!mesh::loadScenario(scenario_path, loaded, fault)) {
-        error = fault.message;
+    try {
+        if (scenario != nullptr) {
+            return std::make_unique<mesh::VirtualAdapter>(*scenario, settings, host);
+        }
+        mesh::Scenario loaded;
+        mesh::ScenarioError fault;
+        if (!mesh::loadScenario(scenario_path, loaded, fault)) {
+            error = fault.message;
+            return nullptr;
+        }
+        oruLog_log(ORU_LOG_ID_MAIN, ORU_LOG_INFO, "zbhal", "virtual mesh \"%s\" with %zu devices", loaded.name.c_str(),
+                   loaded.devices.size());
+        return std::make_unique<mesh::VirtualAdapter>(loaded, settings, host);
+    } catch (const std::bad_alloc &) {
+        error = "out of memory";
         return nullptr;
     }
-    oruLog_log(ORU_LOG_ID_MAIN, ORU_LOG_INFO, "zbhal", "virtual mesh \"%s\" with %zu devices", loaded.name.c_str(),
-               loaded.devices.size());
-    return std::make_unique<mesh::VirtualAdapter>(loaded, settings, host);
 }
 
 mesh::SimTarget *simulationOf(Adapter *adapter) {
