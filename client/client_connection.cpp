@@ -3,10 +3,12 @@
 // Connection, calls and incoming frames.
 #include "client_impl.h"
 #include <algorithm>
+#include <new>
 #include <poll.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/timerfd.h>
+#include <utility>
 
 namespace corvane {
 
@@ -26,30 +28,42 @@ Outcome Client::Impl::connect(const Options &options) {
     if (epoll_.get() < 0 || wake_.get() < 0 || timer_.get() < 0) {
         return {Transport::NoService, ORU_STATUS_OUT_OF_MEMORY}; // no descriptors
     }
+    const auto address = socketAddress(options.socket_path.empty() ? defaultSocketPath() : options.socket_path);
+    auto connection = prepareConnection(Link::Patience::Waits);
+    Options wanted = options;
     Lock lock(mutex_);
     changed_.wait(lock, [this] { return !connecting_; });
-    drop({Transport::ConnectionLost, ORU_STATUS_OK});
-    options_ = options;
-    if (options_.socket_path.empty()) {
-        options_.socket_path = defaultSocketPath();
+    reconnect_wanted_ = false;
+    endReconnect();
+    drop(LOST);
+    options_ = std::move(wanted);
+    if (!address) {
+        return last_failure_ = {Transport::Invalid, ORU_STATUS_PARAM_OUT_OF_RANGE};
     }
+    address_ = *address;
     pause_ = options_.reconnect_min;
     reconnect_wanted_ = options_.auto_reconnect;
-    return attempt(lock);
+    return attempt(lock, std::move(connection));
 }
 
 // The lock is open meanwhile; connecting_ keeps others from doing the same.
-Outcome Client::Impl::attempt(Lock &lock) {
+Outcome Client::Impl::attempt(Lock &lock, Connection connection) {
     connecting_ = true;
-    const std::string path = options_.socket_path;
-    const Milliseconds timeout = options_.connect_timeout;
+    const auto address = address_;
+    const auto deadline = after(options_.connect_timeout);
     lock.unlock();
-    std::shared_ptr<Link> link;
-    const auto outcome = Link::open(path, timeout, link);
+    Link &link = *connection.link;
+    FrameBuffer buffer;
+    Outcome outcome{link.connect(address, deadline), ORU_STATUS_OK};
+    if (outcome.ok()) {
+        const bool spoken = waitFor(link.fd(), POLLIN, deadline);
+        outcome = (spoken ? link.greet(buffer) : std::nullopt).value_or(TIMED_OUT);
+    }
     lock.lock();
     connecting_ = false;
-    if (link) {
-        install(std::move(link));
+    if (outcome.ok()) {
+        watch(link);
+        install(std::move(connection));
     } else {
         last_failure_ = outcome;
         scheduleReconnect();
@@ -62,65 +76,128 @@ void Client::Impl::disconnect() {
     Lock lock(mutex_);
     changed_.wait(lock, [this] { return !connecting_; });
     reconnect_wanted_ = false;
-    next_attempt_ = NEVER;
-    drop({Transport::ConnectionLost, ORU_STATUS_OK});
+    endReconnect();
+    drop(LOST);
     last_failure_ = {Transport::NoService, ORU_STATUS_OK};
 }
 
 bool Client::Impl::connected() {
     const Lock lock(mutex_);
-    return link_ != nullptr;
+    return connection_.link != nullptr;
 }
 
 uint16_t Client::Impl::clientId() {
     const Lock lock(mutex_);
-    return link_ ? link_->clientId() : uint16_t{0};
+    return connection_.link ? connection_.link->clientId() : uint16_t{0};
 }
 
-void Client::Impl::install(std::shared_ptr<Link> link) {
-    link_ = std::move(link);
+void Client::Impl::watch(const Link &link) const {
     epoll_event readable{.events = EPOLLIN, .data = {}};
-    ::epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, link_->fd(), &readable);
-    next_attempt_ = NEVER;
+    ::epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, link.fd(), &readable);
+}
+
+void Client::Impl::unwatch(const Link &link) const {
+    ::epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, link.fd(), nullptr);
+}
+
+Client::Impl::Connection Client::Impl::prepareConnection(Link::Patience patience) {
+    Connection connection{std::make_shared<Link>(patience), {}, {}};
+    connection.up.emplace_back(ConnectionNote{true, {}});
+    connection.down.emplace_back(ConnectionNote{false, {}});
+    return connection;
+}
+
+void Client::Impl::install(Connection connection) {
+    connection_ = std::move(connection);
     pause_ = options_.reconnect_min;
-    addNote(ConnectionNote{true, {}});
+    addNote(connection_.up);
 }
 
 void Client::Impl::drop(const Outcome &reason) {
-    if (!link_) {
+    if (!connection_.link) {
         return;
     }
-    ::epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, link_->fd(), nullptr);
-    link_->shutdown();
-    link_.reset();
+    unwatch(*connection_.link);
+    connection_.link->shutdown();
+    auto ended = std::exchange(connection_, {});
     last_failure_ = reason;
-    for (OpenCall *call : open_calls_) {
+    for (OpenCall *call = open_calls_; call != nullptr; call = call->next) {
         if (!call->done) { // an answer may have come just before the end
             call->outcome = reason;
             call->done = true;
         }
     }
-    while (!async_calls_.empty()) {
-        completeAsync(async_calls_.begin(), {reason, {}});
+    for (auto call = async_calls_.begin(); call != async_calls_.end();) {
+        const auto current = call++;
+        if (current->second.taken) { // the others end with the call itself
+            completeAsync(current, {reason, {}});
+        }
     }
-    addNote(ConnectionNote{false, reason});
+    std::get<ConnectionNote>(ended.down.front()).reason = reason;
+    addNote(ended.down);
     scheduleReconnect();
     changed_.notify_all();
 }
+
+// ---------------------------------------------------------------- reconnecting
 
 void Client::Impl::scheduleReconnect() {
     if (!reconnect_wanted_) {
         return;
     }
+    pause_ = std::max(pause_, Milliseconds(1));
     next_attempt_ = after(pause_);
     pause_ = std::min(pause_ * 2, options_.reconnect_max);
     arm(next_attempt_);
 }
 
-void Client::Impl::reconnectIfDue(Lock &lock) {
-    if (!connecting_ && !link_ && reconnect_wanted_ && Clock::now() >= next_attempt_) {
-        attempt(lock);
+void Client::Impl::startReconnect() {
+    if (connecting_ || Clock::now() < next_attempt_) {
+        return;
     }
+    next_attempt_ = NEVER;
+    try {
+        greeting_ = prepareConnection(Link::Patience::Never);
+    } catch (const std::bad_alloc &) {
+        return failReconnect(NO_MEMORY);
+    }
+    watch(*greeting_.link);
+    const auto transport = greeting_.link->connect(address_, Clock::now());
+    if (transport != Transport::Ok) {
+        return failReconnect({transport, ORU_STATUS_OK});
+    }
+    greeting_deadline_ = after(options_.connect_timeout);
+    arm(greeting_deadline_);
+}
+
+void Client::Impl::receiveGreeting() {
+    if (!greeting_.link) {
+        return;
+    }
+    const auto outcome = greeting_.link->greet(buffer_);
+    if (!outcome) {
+        return;
+    }
+    if (!outcome->ok()) {
+        return failReconnect(*outcome);
+    }
+    greeting_deadline_ = NEVER;
+    install(std::exchange(greeting_, {}));
+}
+
+void Client::Impl::endReconnect() {
+    if (greeting_.link) {
+        unwatch(*greeting_.link);
+        greeting_ = {};
+    }
+    greeting_deadline_ = NEVER;
+    next_attempt_ = NEVER;
+}
+
+void Client::Impl::failReconnect(const Outcome &reason) {
+    endReconnect();
+    last_failure_ = reason;
+    scheduleReconnect();
 }
 
 // ---------------------------------------------------------------- calls
@@ -132,11 +209,11 @@ Outcome Client::Impl::notConnected() const {
 
 Outcome Client::Impl::transact(Lock &lock, oipc::FrameHeader header, Bytes payload, OpenCall &call) {
     const auto deadline = after(options_.call_timeout);
-    const auto link = link_;
+    const auto link = connection_.link;
     call.sequence = ++sequence_;
     header.sequence = call.sequence;
     header.payload_length = static_cast<uint32_t>(payload.size());
-    open_calls_.push_back(&call);
+    call.next = std::exchange(open_calls_, &call);
 
     lock.unlock();
     const auto sent = link->send(header, payload, deadline);
@@ -149,8 +226,12 @@ Outcome Client::Impl::transact(Lock &lock, oipc::FrameHeader header, Bytes paylo
             waitForSocket(lock, link->fd(), deadline);
         }
     }
-    std::erase(open_calls_, &call);
-    return call.done ? call.outcome : Outcome{Transport::TimedOut, ORU_STATUS_OK};
+    OpenCall **place = &open_calls_;
+    while (*place != &call) {
+        place = &(*place)->next;
+    }
+    *place = call.next;
+    return call.done ? call.outcome : TIMED_OUT;
 }
 
 Outcome Client::Impl::callSync(uint16_t function_id, Bytes in, std::span<uint8_t> out) {
@@ -158,7 +239,7 @@ Outcome Client::Impl::callSync(uint16_t function_id, Bytes in, std::span<uint8_t
         return {Transport::Invalid, ORU_STATUS_DATA_LEN_INVALID};
     }
     Lock lock(mutex_);
-    if (!link_) {
+    if (!connection_.link) {
         return notConnected();
     }
     OpenCall call;
@@ -171,25 +252,38 @@ Result<uint16_t> Client::Impl::callAsync(uint16_t function_id, Bytes payload, Ra
     if (payload.size() > oipc::MAX_PAYLOAD) {
         return {{Transport::Invalid, ORU_STATUS_DATA_LEN_INVALID}};
     }
+    auto prepared =
+        prepareAsync(std::move(done), timeout); // outlives the lock: what the handler holds may use the Client
     Lock lock(mutex_);
-    if (!link_) {
+    if (!connection_.link) {
         return {notConnected()};
     }
     OpenCall call;
-    if (done) {
+    if (!prepared.empty()) {
+        if (async_calls_.size() > LAST_CALLBACK_ID - FIRST_CALLBACK_ID) {
+            return {NO_MEMORY};
+        }
         call.callback_id = nextCallbackId();
-        auto &entry = async_calls_[call.callback_id];
-        entry.done = std::move(done);
-        entry.timeout = timeout == Milliseconds::zero() ? options_.completion_timeout : timeout;
+        auto entry = prepared.extract(prepared.begin());
+        entry.key() = call.callback_id;
+        async_calls_.insert(std::move(entry));
     }
     const auto outcome = transact(
         lock, {.type = oipc::FrameType::AsyncCall, .id = function_id, .callback_id = call.callback_id}, payload, call);
-    std::map<uint16_t, AsyncCall>::node_type forgotten;
     if (!outcome.ok()) {
-        forgotten = async_calls_.extract(call.callback_id);
+        prepared.insert(async_calls_.extract(call.callback_id));
     }
-    lock.unlock(); // before the handler is released: what it holds may use the Client
     return {outcome, call.callback_id};
+}
+
+Client::Impl::AsyncCalls Client::Impl::prepareAsync(RawCompletion done, Milliseconds timeout) {
+    AsyncCalls calls;
+    if (done) {
+        auto &call = calls[0];
+        call.note.emplace_back(CompletionNote{std::move(done), {}});
+        call.timeout = timeout;
+    }
+    return calls;
 }
 
 uint16_t Client::Impl::nextCallbackId() {
@@ -203,7 +297,7 @@ uint16_t Client::Impl::nextCallbackId() {
 // ---------------------------------------------------------------- reading
 
 void Client::Impl::waitForSocket(Lock &lock, int fd, TimePoint deadline) {
-    const auto link = link_; // keeps the descriptor open while this thread waits for it
+    const auto link = connection_.link; // keeps the descriptor open while this thread waits for it
     reader_ = true;
     lock.unlock();
     waitFor(fd, POLLIN, deadline);
@@ -215,16 +309,20 @@ void Client::Impl::waitForSocket(Lock &lock, int fd, TimePoint deadline) {
 
 void Client::Impl::receiveAvailable() {
     constexpr int AT_ONCE = 256; // then let the caller look at the time and at its own result
-    for (int i = 0; i < AT_ONCE && link_; ++i) {
+    receiveGreeting();
+    for (int i = 0; i < AT_ONCE && connection_.link; ++i) {
         Frame frame;
-        switch (link_->receive(buffer_, frame)) {
+        switch (connection_.link->receive(buffer_, frame)) {
         case Link::Received::Frame:
             handle(frame);
             break;
         case Link::Received::Nothing:
             return;
         case Link::Received::Closed:
-            drop({Transport::ConnectionLost, ORU_STATUS_OK});
+            drop(LOST);
+            return;
+        case Link::Received::OtherVersion:
+            drop(OTHER_VERSION);
             return;
         }
     }
@@ -243,28 +341,30 @@ void Client::Impl::handle(const Frame &frame) {
         handleEvent(frame);
         break;
     case oipc::FrameType::Refusal:
-        drop({Transport::Refused, frame.header.status});
+        drop(refusal(frame.header));
         break;
     case oipc::FrameType::Hello:
     case oipc::FrameType::SyncCall:
     case oipc::FrameType::AsyncCall:
-        drop({Transport::ConnectionLost, ORU_STATUS_OK}); // not what a service says here
+        drop(LOST); // not what a service says here
         break;
     }
 }
 
 void Client::Impl::handleResult(const Frame &frame) {
-    const auto found = std::ranges::find(open_calls_, frame.header.sequence, &OpenCall::sequence);
-    if (found == open_calls_.end()) {
+    OpenCall *call = open_calls_;
+    while (call != nullptr && call->sequence != frame.header.sequence) {
+        call = call->next;
+    }
+    if (call == nullptr) {
         return; // its caller has given up
     }
-    OpenCall &call = **found;
-    const auto count = std::min(frame.payload.size(), call.out.size());
-    std::ranges::copy(frame.payload.first(count), call.out.begin());
-    call.outcome = {Transport::Ok, frame.header.status};
-    call.done = true;
-    if (call.outcome.ok()) {
-        acceptAsync(call.callback_id);
+    const auto count = std::min(frame.payload.size(), call->out.size());
+    std::ranges::copy(frame.payload.first(count), call->out.begin());
+    call->outcome = {Transport::Ok, frame.header.status};
+    call->done = true;
+    if (call->outcome.ok()) {
+        acceptAsync(call->callback_id);
     }
 }
 
@@ -275,19 +375,24 @@ void Client::Impl::acceptAsync(uint16_t callback_id) {
     }
     auto &call = found->second;
     call.taken = true;
-    if (call.early) {
-        completeAsync(found, std::move(*call.early));
+    if (call.called_back) {
+        addNote(call.note);
+        async_calls_.erase(found);
         return;
     }
-    call.deadline = after(call.timeout);
+    call.deadline = after(call.timeout == Milliseconds::zero() ? options_.completion_timeout : call.timeout);
     arm(call.deadline);
 }
 
-void Client::Impl::completeAsync(std::map<uint16_t, AsyncCall>::iterator call, CallbackResult result) {
+void Client::Impl::completeAsync(AsyncCalls::iterator call, CallbackResult result) {
+    auto &note = call->second.note;
+    std::get<CompletionNote>(note.front()).result = std::move(result);
     if (call->second.taken) {
-        addNote(CompletionNote{std::move(call->second.done), std::move(result)});
+        addNote(note);
+        async_calls_.erase(call);
+    } else {
+        call->second.called_back = true;
     }
-    async_calls_.erase(call);
 }
 
 void Client::Impl::handleCallback(const Frame &frame) {
@@ -296,12 +401,12 @@ void Client::Impl::handleCallback(const Frame &frame) {
         return; // timed out before
     }
     CallbackResult result;
-    result.payload.assign(frame.payload.begin(), frame.payload.end());
-    if (found->second.taken) {
-        completeAsync(found, std::move(result));
-    } else {
-        found->second.early = std::move(result);
+    try {
+        result.payload.assign(frame.payload.begin(), frame.payload.end());
+    } catch (const std::bad_alloc &) {
+        static_cast<Outcome &>(result) = NO_MEMORY;
     }
+    completeAsync(found, std::move(result));
 }
 
 void Client::Impl::handleEvent(const Frame &frame) {
@@ -318,8 +423,14 @@ void Client::Impl::handleEvent(const Frame &frame) {
         notes_.erase(oldest);
         --queued_events_;
     }
-    ++queued_events_;
-    addNote(EventNote{frame.header.id, {frame.payload.begin(), frame.payload.end()}});
+    try {
+        Notes note;
+        note.emplace_back(EventNote{frame.header.id, {frame.payload.begin(), frame.payload.end()}});
+        addNote(note);
+        ++queued_events_;
+    } catch (const std::bad_alloc &) {
+        ++dropped_events_;
+    }
 }
 
 } // namespace corvane

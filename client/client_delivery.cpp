@@ -4,21 +4,35 @@
 #include "client_impl.h"
 #include <algorithm>
 #include <csignal>
+#include <exception>
 #include <poll.h>
 #include <sys/timerfd.h>
-#include <system_error>
 #include <unistd.h>
 
 namespace corvane {
 
-void Client::Impl::onEvent(EventHandler handler) {
-    const Lock lock(mutex_);
-    on_event_ = handler ? std::make_shared<const EventHandler>(std::move(handler)) : nullptr;
+namespace {
+
+template <class Handler>
+std::shared_ptr<const Handler> kept(Handler handler) {
+    return handler ? std::make_shared<const Handler>(std::move(handler)) : nullptr;
 }
 
-void Client::Impl::onConnection(ConnectionHandler handler) {
+} // namespace
+
+// The former handler is released after the lock: what it holds may use the Client.
+bool Client::Impl::onEvent(EventHandler handler) {
+    auto next = kept(std::move(handler));
     const Lock lock(mutex_);
-    on_connection_ = handler ? std::make_shared<const ConnectionHandler>(std::move(handler)) : nullptr;
+    on_event_.swap(next);
+    return true;
+}
+
+bool Client::Impl::onConnection(ConnectionHandler handler) {
+    auto next = kept(std::move(handler));
+    const Lock lock(mutex_);
+    on_connection_.swap(next);
+    return true;
 }
 
 uint64_t Client::Impl::droppedEvents() {
@@ -31,10 +45,11 @@ std::size_t Client::Impl::poll(Milliseconds timeout) {
 }
 
 bool Client::Impl::pollUntil(const std::function<bool()> &done, Milliseconds timeout) {
+    constexpr Milliseconds SLICE{100}; // what `done` asks about may be another thread's doing
     const auto deadline = after(timeout);
     while (!done()) {
-        const bool called = dispatch(deadline, Waiter::PollUntil) != 0;
-        if (!called && Clock::now() >= deadline) {
+        dispatch(std::min(deadline, after(SLICE)), Waiter::Poll);
+        if (Clock::now() >= deadline) {
             return done();
         }
     }
@@ -50,7 +65,7 @@ std::size_t Client::Impl::dispatch(TimePoint deadline, Waiter waiter) {
     }
     while (waiter != Waiter::ReceiveThread || !stop_requested_) {
         expire();
-        reconnectIfDue(lock);
+        startReconnect();
         if (!reader_) {
             receiveAvailable();
         }
@@ -58,11 +73,10 @@ std::size_t Client::Impl::dispatch(TimePoint deadline, Waiter waiter) {
         if (!notes_.empty() && my_turn) {
             return deliver(lock);
         }
-        const bool pointless = waiter == Waiter::Poll && !link_ && !reconnect_wanted_;
-        if (pointless || Clock::now() >= deadline) {
+        if (Clock::now() >= deadline) {
             return 0;
         }
-        if (reader_ || !my_turn || connecting_) {
+        if (reader_ || !my_turn) {
             changed_.wait_until(lock, std::min(deadline, armed_));
         } else {
             waitForSocket(lock, epoll_.get(), deadline);
@@ -89,8 +103,9 @@ std::size_t Client::Impl::deliver(Lock &lock) {
 
 void Client::Impl::deliverFirst(Lock &lock) {
     {
-        const Note note = std::move(notes_.front());
-        notes_.pop_front();
+        Notes first;
+        first.splice(first.end(), notes_, notes_.begin());
+        const Note &note = first.front();
         queued_events_ -= std::holds_alternative<EventNote>(note) ? 1U : 0U;
         const auto on_event = on_event_;
         const auto on_connection = on_connection_;
@@ -116,8 +131,8 @@ void Client::Impl::call(const Note &note, const EventHandler *on_event,
     }
 }
 
-void Client::Impl::addNote(Note note) {
-    notes_.push_back(std::move(note));
+void Client::Impl::addNote(Notes &note) {
+    notes_.splice(notes_.end(), note);
     setWake();
     changed_.notify_all();
 }
@@ -147,7 +162,10 @@ void Client::Impl::expire() {
     armed_ = NEVER;
     uint64_t ignored = 0;
     (void)!::read(timer_.get(), &ignored, sizeof ignored);
-    TimePoint next = !link_ && reconnect_wanted_ && next_attempt_ > now ? next_attempt_ : NEVER;
+    if (greeting_deadline_ <= now) {
+        failReconnect(TIMED_OUT);
+    }
+    TimePoint next = std::min(next_attempt_ > now ? next_attempt_ : NEVER, greeting_deadline_);
     for (auto call = async_calls_.begin(); call != async_calls_.end();) {
         const auto current = call++;
         if (current->second.deadline <= now) {
@@ -187,7 +205,7 @@ bool Client::Impl::start() {
     pthread_sigmask(SIG_SETMASK, &all, &former);
     try {
         thread_ = std::thread([this] { receiveLoop(); });
-    } catch (const std::system_error &) {
+    } catch (const std::exception &) { // no thread, or no memory for it
         // thread_ stays without a thread
     }
     pthread_sigmask(SIG_SETMASK, &former, nullptr);

@@ -10,13 +10,20 @@
 // Delivery. Frames that end in a handler become notes in a queue; only poll() and the receive thread take notes out and
 // call handlers, one at a time, without the lock.
 //
+// Memory. What a call or a connection needs is allocated before it begins, the notes of its end included. So nothing
+// that has begun can be lost for lack of memory but the payload of a callback (the outcome says so) and events (counted
+// as dropped).
+//
+// Reconnecting. Nobody waits for it: [startReconnect] connects at once or not at all, the greeting is read like any
+// other frame and has its deadline among those of the timer.
+//
 // Asynchronous calls. OPEN (sent, not yet taken over) -> TAKEN [acceptAsync] -> note [completeAsync: callback,
 // time-out, lost connection]. A callback may overtake the answer that takes the call over; it is kept until then. A
 // call that is not taken over is forgotten without a note, its caller has the result.
 #pragma once
 #include "client_link.h"
 #include <condition_variable>
-#include <deque>
+#include <list>
 #include <map>
 #include <mutex>
 #include <thread>
@@ -33,8 +40,8 @@ public:
     void disconnect();
     bool connected();
     uint16_t clientId();
-    void onEvent(EventHandler handler);
-    void onConnection(ConnectionHandler handler);
+    bool onEvent(EventHandler handler);
+    bool onConnection(ConnectionHandler handler);
 
     std::size_t poll(Milliseconds timeout);
     bool pollUntil(const std::function<bool()> &done, Milliseconds timeout);
@@ -55,13 +62,7 @@ private:
         std::span<uint8_t> out;
         Outcome outcome;
         bool done = false;
-    };
-    struct AsyncCall {
-        RawCompletion done;
-        Milliseconds timeout{};
-        TimePoint deadline = NEVER; // from being taken over on
-        bool taken = false;
-        std::optional<CallbackResult> early;
+        OpenCall *next = nullptr;
     };
     struct EventNote {
         uint16_t id;
@@ -76,9 +77,25 @@ private:
         Outcome reason;
     };
     using Note = std::variant<EventNote, CompletionNote, ConnectionNote>;
+    using Notes = std::list<Note>; // notes move between lists without allocation
+
+    struct AsyncCall {
+        Notes note; // the one CompletionNote
+        Milliseconds timeout{};
+        TimePoint deadline = NEVER; // from being taken over on
+        bool taken = false;
+        bool called_back = false; // before it was taken over; the result is in the note
+    };
+    using AsyncCalls = std::map<uint16_t, AsyncCall>; // by callback id
+
+    struct Connection {
+        std::shared_ptr<Link> link;
+        Notes up, down; // one ConnectionNote each, until it is delivered
+    };
 
     // calls
     Outcome transact(Lock &lock, oipc::FrameHeader header, Bytes payload, OpenCall &call);
+    static AsyncCalls prepareAsync(RawCompletion done, Milliseconds timeout);
     uint16_t nextCallbackId();
     Outcome notConnected() const;
 
@@ -90,24 +107,30 @@ private:
     void handleEvent(const Frame &frame);
     void handleCallback(const Frame &frame);
     void acceptAsync(uint16_t callback_id);
-    void completeAsync(std::map<uint16_t, AsyncCall>::iterator call, CallbackResult result);
+    void completeAsync(AsyncCalls::iterator call, CallbackResult result);
 
     // connection
-    void install(std::shared_ptr<Link> link);
+    static Connection prepareConnection(Link::Patience patience);
+    Outcome attempt(Lock &lock, Connection connection);
+    void install(Connection connection);
     void drop(const Outcome &reason);
+    void startReconnect();
+    void receiveGreeting();
+    void endReconnect();
+    void failReconnect(const Outcome &reason);
     void scheduleReconnect();
-    void reconnectIfDue(Lock &lock);
-    Outcome attempt(Lock &lock);
+    void watch(const Link &link) const; // in fileDescriptor()
+    void unwatch(const Link &link) const;
 
     // delivery
-    enum class Waiter : uint8_t { Poll, PollUntil, ReceiveThread };
+    enum class Waiter : uint8_t { Poll, ReceiveThread };
     std::size_t dispatch(TimePoint deadline, Waiter waiter);
     std::size_t deliver(Lock &lock);
     void deliverFirst(Lock &lock);
     static void call(const Note &note, const EventHandler *on_event, const ConnectionHandler *on_connection) noexcept;
     void expire();
     void arm(TimePoint deadline);
-    void addNote(Note note);
+    void addNote(Notes &note); // takes it
     void setWake();
     void clearWake();
     void receiveLoop();
@@ -118,25 +141,28 @@ private:
 
     std::mutex mutex_; // guards everything below
     std::condition_variable changed_;
-    Options options_;
-    std::shared_ptr<Link> link_;
+    Options options_; // but for socket_path, which is in address_
+    sockaddr_un address_{};
+    Connection connection_; // greeted; without a link when there is none
     Outcome last_failure_{Transport::NoService, ORU_STATUS_OK};
-    bool connecting_ = false;
-    bool reader_ = false; // somebody waits for the socket
+    bool connecting_ = false; // connect() is under way
+    bool reader_ = false;     // somebody waits for the socket
     bool wake_set_ = false;
     FrameBuffer buffer_{};
 
     bool reconnect_wanted_ = false;
     TimePoint next_attempt_ = NEVER;
     Milliseconds pause_{};
+    Connection greeting_; // reconnected, not greeted yet
+    TimePoint greeting_deadline_ = NEVER;
 
     uint32_t sequence_ = 0;
-    std::vector<OpenCall *> open_calls_;
+    OpenCall *open_calls_ = nullptr;
     uint16_t last_callback_id_ = LAST_CALLBACK_ID;
-    std::map<uint16_t, AsyncCall> async_calls_; // by callback id
+    AsyncCalls async_calls_;
     TimePoint armed_ = NEVER;
 
-    std::deque<Note> notes_;
+    Notes notes_;
     std::size_t queued_events_ = 0;
     uint64_t dropped_events_ = 0;
     std::shared_ptr<const EventHandler> on_event_;

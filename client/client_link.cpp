@@ -39,21 +39,13 @@ bool waitFor(int fd, short events, TimePoint deadline) {
 
 namespace {
 
-bool setSendTimeout(int fd, Milliseconds timeout) {
-    const auto bounded = std::clamp(timeout, Milliseconds(1), Milliseconds(std::chrono::hours(24)));
+bool setSendTimeout(int fd, Clock::duration timeout) {
+    const auto bounded = std::clamp<Clock::duration>(timeout, Milliseconds(1), std::chrono::hours(24));
     const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(bounded);
-    const timeval limit{static_cast<time_t>(seconds.count()),
-                        static_cast<suseconds_t>(std::chrono::microseconds(bounded - seconds).count())};
+    const timeval limit{
+        static_cast<time_t>(seconds.count()),
+        static_cast<suseconds_t>(std::chrono::duration_cast<std::chrono::microseconds>(bounded - seconds).count())};
     return ::setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit) == 0;
-}
-
-bool connectTo(int fd, const sockaddr_un &address) {
-    while (::connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0) {
-        if (errno != EINTR) {
-            return false;
-        }
-    }
-    return true;
 }
 
 iovec part(Bytes bytes) {
@@ -62,42 +54,58 @@ iovec part(Bytes bytes) {
 
 } // namespace
 
-Outcome Link::open(const std::string &path, Milliseconds timeout, std::shared_ptr<Link> &link) {
+std::optional<sockaddr_un> socketAddress(const std::string &path) {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     if (path.empty() || path.size() >= sizeof address.sun_path) {
-        return {Transport::Invalid, ORU_STATUS_PARAM_OUT_OF_RANGE};
+        return std::nullopt;
     }
     std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
-    const auto deadline = after(timeout);
-    auto candidate = std::make_shared<Link>(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
-    // The time limit of sending is that of connecting, too: it waits while the service's backlog is full.
-    if (!setSendTimeout(candidate->fd(), timeout) || !connectTo(candidate->fd(), address)) {
-        return {errno == EAGAIN ? Transport::TimedOut : Transport::NoService, ORU_STATUS_OK};
-    }
-    const auto outcome = candidate->greet(deadline);
-    if (outcome.ok()) {
-        link = std::move(candidate);
-    }
-    return outcome;
+    return address;
 }
 
-Outcome Link::greet(TimePoint deadline) {
-    FrameBuffer buffer;
-    Frame frame;
-    if (!waitFor(fd(), POLLIN, deadline)) {
-        return {Transport::TimedOut, ORU_STATUS_OK};
+Link::Link(Patience patience)
+    : fd_(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | (patience == Patience::Never ? SOCK_NONBLOCK : 0), 0)) {}
+
+Transport Link::connect(const sockaddr_un &address, TimePoint deadline) const {
+    // The time limit of sending is that of connecting, too: it waits while the service's backlog is full.
+    while (setSendTimeout(fd(), deadline - Clock::now())) {
+        if (::connect(fd(), reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0) {
+            return Transport::Ok;
+        }
+        if (errno == EAGAIN || (errno == EINTR && Clock::now() >= deadline)) {
+            return Transport::TimedOut;
+        }
+        if (errno != EINTR) {
+            break;
+        }
     }
-    if (receive(buffer, frame) != Received::Frame) {
-        return {Transport::ConnectionLost, ORU_STATUS_OK};
+    return Transport::NoService;
+}
+
+std::optional<Outcome> Link::greet(FrameBuffer &buffer) {
+    Frame frame;
+    switch (receive(buffer, frame)) {
+    case Received::Nothing:
+        return std::nullopt;
+    case Received::OtherVersion:
+        return OTHER_VERSION;
+    case Received::Closed:
+        return LOST;
+    case Received::Frame:
+        break;
     }
     oipc::Hello hello;
     if (frame.header.type == oipc::FrameType::Hello && oipc::decodeHello(frame.payload, hello)) {
         client_id_ = hello.client_id;
-        return {};
+        return Outcome{};
     }
-    const bool refused = frame.header.type == oipc::FrameType::Refusal;
-    return {refused ? Transport::Refused : Transport::ConnectionLost, refused ? frame.header.status : ORU_STATUS_OK};
+    return frame.header.type == oipc::FrameType::Refusal ? refusal(frame.header) : LOST;
+}
+
+Outcome refusal(const oipc::FrameHeader &header) {
+    const bool version = header.id == static_cast<uint16_t>(oipc::Reason::WrongVersion);
+    return version ? OTHER_VERSION : Outcome{Transport::Refused, header.status};
 }
 
 Transport Link::send(const oipc::FrameHeader &header, Bytes payload, TimePoint deadline) const {
@@ -131,8 +139,9 @@ Link::Received Link::receive(FrameBuffer &buffer, Frame &frame) const {
     }
     const auto size = static_cast<std::size_t>(count);
     const Bytes bytes = Bytes(buffer).first(std::min(size, buffer.size()));
-    if (oipc::decodeHeader(bytes, size, frame.header) != oipc::Reason::None) {
-        return Received::Closed;
+    const auto reason = oipc::decodeHeader(bytes, size, frame.header);
+    if (reason != oipc::Reason::None) {
+        return reason == oipc::Reason::WrongVersion ? Received::OtherVersion : Received::Closed;
     }
     frame.payload = bytes.subspan(oipc::HEADER_SIZE);
     return Received::Frame;

@@ -4,6 +4,7 @@
 #pragma once
 #include "corvane_client.h"
 #include "oipc_wire.h"
+#include <sys/un.h>
 
 namespace corvane {
 
@@ -35,30 +36,41 @@ struct Frame {
     oipc::FrameHeader header;
     Bytes payload;
 };
+constexpr Outcome LOST{Transport::ConnectionLost, ORU_STATUS_OK};
+constexpr Outcome TIMED_OUT{Transport::TimedOut, ORU_STATUS_OK};
+constexpr Outcome OTHER_VERSION{Transport::OtherVersion, ORU_STATUS_NOT_SUPPORTED};
+constexpr Outcome NO_MEMORY{Transport::Invalid, ORU_STATUS_OUT_OF_MEMORY};
+Outcome refusal(const oipc::FrameHeader &header); // what a frame of that type says
+
 using FrameBuffer = std::array<uint8_t, oipc::MAX_FRAME>;
+
+// Nothing when the path cannot be that of a socket.
+std::optional<sockaddr_un> socketAddress(const std::string &path);
 
 class Link {
 public:
-    // Connects and reads the greeting.
-    static Outcome open(const std::string &path, Milliseconds timeout, std::shared_ptr<Link> &link);
-
-    explicit Link(int fd) : fd_(fd) {}
+    enum class Patience : uint8_t { Waits, Never }; // of connect()
+    explicit Link(Patience patience);
     int fd() const { return fd_.get(); }
-    uint16_t clientId() const { return client_id_; }
+
+    // Ok, NoService, or TimedOut: the service's backlog is full, and with patience it was until the deadline.
+    Transport connect(const sockaddr_un &address, TimePoint deadline) const;
+    // What the service says first; nothing as long as it has said nothing. Never waits.
+    std::optional<Outcome> greet(FrameBuffer &buffer);
+    uint16_t clientId() const { return client_id_; } // once greeted
 
     // One frame is one message, so threads may send at the same time. TimedOut when the socket stays full;
     // ConnectionLost when the service has closed its end (what it said last can still be received).
     Transport send(const oipc::FrameHeader &header, Bytes payload, TimePoint deadline) const;
 
-    enum class Received : uint8_t { Frame, Nothing, Closed };
-    // Never waits. The frame's payload lies in `buffer`. A malformed frame counts as closed.
+    enum class Received : uint8_t { Frame, Nothing, Closed, OtherVersion };
+    // Never waits. The frame's payload lies in `buffer`. A malformed frame counts as closed, unless it is that of
+    // another protocol version.
     Received receive(FrameBuffer &buffer, Frame &frame) const;
 
     void shutdown() const; // wakes whoever waits for the socket
 
 private:
-    Outcome greet(TimePoint deadline);
-
     Descriptor fd_;
     uint16_t client_id_ = 0;
 };

@@ -338,11 +338,13 @@ const char *transportName(Transport transport) {
         return "connection lost";
     case Transport::Invalid:
         return "invalid argument";
+    case Transport::OtherVersion:
+        return "other protocol version";
     }
     return UNKNOWN;
 }
 
-std::string Outcome::describe() const {
+std::string Outcome::describe() const try {
     const auto statusText = [this] {
         return std::string(statusName(status)) + " (" + std::to_string(status) + "): " + statusMeaning(status);
     };
@@ -355,11 +357,15 @@ std::string Outcome::describe() const {
         return "timed out: no answer from the service, which may still carry the call out";
     case Transport::ConnectionLost:
         return "connection lost: the service ended the connection before it answered";
+    case Transport::OtherVersion:
+        return "other protocol version: the service is of a release that this client does not understand";
     case Transport::Refused:
     case Transport::Invalid:
         return std::string(transportName(transport)) + ": " + statusText();
     }
     return UNKNOWN;
+} catch (const std::bad_alloc &) {
+    return {}; // no room for words
 }
 
 std::span<const oru_status_t> allStatuses() {

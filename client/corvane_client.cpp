@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <limits>
+#include <new>
 #include <type_traits>
 
 namespace corvane {
@@ -14,6 +15,20 @@ namespace corvane {
 namespace {
 
 constexpr std::size_t MAX_PAYLOAD = oipc::MAX_PAYLOAD;
+
+// What there is no memory for is refused, not thrown.
+template <class Call>
+auto guarded(Call call) noexcept -> decltype(call()) {
+    try {
+        return call();
+    } catch (const std::bad_alloc &) {
+        if constexpr (std::is_base_of_v<Outcome, decltype(call())>) {
+            return {NO_MEMORY};
+        } else {
+            return decltype(call())();
+        }
+    }
+}
 
 template <class T>
 Bytes bytesOf(const T &record) {
@@ -27,10 +42,11 @@ std::span<uint8_t> writable(T &record) {
     return {reinterpret_cast<uint8_t *>(&record), sizeof record};
 }
 
+// Later versions may append fields.
 template <class T>
 std::optional<T> recordFrom(Bytes payload) {
     T record{};
-    if (payload.size() != sizeof record) {
+    if (payload.size() < sizeof record) {
         return std::nullopt;
     }
     std::memcpy(&record, payload.data(), sizeof record);
@@ -64,7 +80,11 @@ template <class Entry>
 Result<std::vector<Entry>> exchangeTable(Client &client, uint16_t function_id) {
     constexpr std::size_t MOST = 255; // the adapter counts in 8 bits
     constexpr std::size_t CAPACITY = std::min(MOST, MAX_PAYLOAD / sizeof(Entry));
-    std::vector<Entry> entries(CAPACITY);
+    std::vector<Entry> entries;
+    const bool room = guarded([&] { return entries.resize(CAPACITY), true; });
+    if (!room) {
+        return {NO_MEMORY};
+    }
     const std::span<uint8_t> buffer(reinterpret_cast<uint8_t *>(entries.data()), CAPACITY * sizeof(Entry));
     const auto outcome = client.callSync(function_id, buffer, buffer);
     std::size_t count = 0;
@@ -76,29 +96,29 @@ Result<std::vector<Entry>> exchangeTable(Client &client, uint16_t function_id) {
 }
 
 // Callbacks of most asynchronous functions carry the status of the operation.
-RawCompletion statusCompletion(Completion done) {
-    if (!done) {
-        return {};
-    }
-    return [done = std::move(done)](const CallbackResult &result) {
-        Outcome outcome = result;
-        if (outcome.answered()) {
-            outcome.status = recordFrom<oru_status_t>(result.payload).value_or(ORU_STATUS_DATA_LEN_INVALID);
+Result<uint16_t> begin(Client &client, uint16_t function_id, Bytes payload, Completion &done) {
+    return guarded([&]() -> Result<uint16_t> {
+        RawCompletion raw;
+        if (done) {
+            raw = [done = std::move(done)](const CallbackResult &result) {
+                Outcome outcome = result;
+                if (outcome.answered()) {
+                    outcome.status = recordFrom<oru_status_t>(result.payload).value_or(ORU_STATUS_DATA_LEN_INVALID);
+                }
+                done(outcome);
+            };
         }
-        done(outcome);
-    };
+        return client.callAsync(function_id, payload, std::move(raw));
+    });
 }
 
 } // namespace
 
 std::string defaultSocketPath() {
-    if (const char *path = std::getenv("CORVANE_SOCKET"); path != nullptr && *path != '\0') {
-        return path;
-    }
-    const char *variable = std::getenv("RUNTIME_DIRECTORY");
-    const std::string directories = variable != nullptr ? variable : "";
-    const auto first = directories.substr(0, directories.find(':')); // systemd separates several by colons
-    return (first.empty() ? "/run/corvane" : first) + "/corvane.sock";
+    return guarded([]() -> std::string {
+        const char *path = std::getenv("CORVANE_SOCKET");
+        return path != nullptr && *path != '\0' ? path : "/run/corvane/corvane.sock";
+    });
 }
 
 std::optional<oruZb_device_t> Event::device() const {
@@ -115,50 +135,56 @@ std::optional<oruZb_interpanResponse_t> Event::interpan() const {
     return id == ORU_ZB_SVC_INTERPAN_COMPLETE ? recordFrom<oruZb_interpanResponse_t>(payload) : std::nullopt;
 }
 
-Client::Client() : impl_(std::make_unique<Impl>()) {}
+Client::Client() : impl_(guarded([] { return std::make_unique<Impl>(); })) {}
 Client::~Client() = default;
 
 Outcome Client::connect(const Options &options) {
-    return impl_->connect(options);
+    return guarded([&] { return impl_ ? impl_->connect(options) : NO_MEMORY; });
 }
 void Client::disconnect() {
-    impl_->disconnect();
+    if (impl_) {
+        impl_->disconnect();
+    }
 }
 bool Client::connected() const {
-    return impl_->connected();
+    return impl_ && impl_->connected();
 }
 uint16_t Client::clientId() const {
-    return impl_->clientId();
+    return impl_ ? impl_->clientId() : uint16_t{0};
 }
-void Client::onEvent(EventHandler handler) {
-    impl_->onEvent(std::move(handler));
+bool Client::onEvent(EventHandler handler) {
+    return guarded([&] { return impl_ && impl_->onEvent(std::move(handler)); });
 }
-void Client::onConnection(ConnectionHandler handler) {
-    impl_->onConnection(std::move(handler));
+bool Client::onConnection(ConnectionHandler handler) {
+    return guarded([&] { return impl_ && impl_->onConnection(std::move(handler)); });
 }
 std::size_t Client::poll(Milliseconds timeout) {
-    return impl_->poll(timeout);
+    return impl_ ? impl_->poll(timeout) : 0;
 }
 bool Client::pollUntil(const std::function<bool()> &done, Milliseconds timeout) {
-    return impl_->pollUntil(done, timeout);
+    return impl_ ? impl_->pollUntil(done, timeout) : done();
 }
 int Client::fileDescriptor() const {
-    return impl_->fileDescriptor();
+    return impl_ ? impl_->fileDescriptor() : -1;
 }
 bool Client::start() {
-    return impl_->start();
+    return impl_ && impl_->start();
 }
 void Client::stop() {
-    impl_->stop();
+    if (impl_) {
+        impl_->stop();
+    }
 }
 std::uint64_t Client::droppedEvents() const {
-    return impl_->droppedEvents();
+    return impl_ ? impl_->droppedEvents() : 0;
 }
 Outcome Client::callSync(uint16_t function_id, Bytes in, std::span<uint8_t> out) {
-    return impl_->callSync(function_id, in, out);
+    return impl_ ? impl_->callSync(function_id, in, out) : NO_MEMORY;
 }
 Result<uint16_t> Client::callAsync(uint16_t function_id, Bytes payload, RawCompletion done, Milliseconds timeout) {
-    return impl_->callAsync(function_id, payload, std::move(done), timeout);
+    return guarded([&]() -> Result<uint16_t> {
+        return impl_ ? impl_->callAsync(function_id, payload, std::move(done), timeout) : Result<uint16_t>{NO_MEMORY};
+    });
 }
 
 // ---------------------------------------------------------------- synchronous calls
@@ -242,10 +268,9 @@ Outcome readPage(Client &client, std::size_t wanted, NodePage &page) {
     if (written > wanted) {
         return {Transport::Ok, ORU_STATUS_DATA_LEN_INVALID};
     }
-    for (std::size_t i = 0; i < written; ++i) {
+    for (std::size_t i = 0; i < written; ++i, ++page.next) {
         std::memcpy(&page.nodes.emplace_back(), &memory[PAGE_HEADER + i * NODE_SIZE], NODE_SIZE);
     }
-    page.next += written;
     page.more = outcome.status == ORU_STATUS_UNRECOVERABLE && written > 0;
     const bool ended = page.more || outcome.status == ORU_STATUS_GENERAL_ERROR;
     return ended ? Outcome{} : outcome;
@@ -264,7 +289,7 @@ Result<NodePage> Client::connectedNodes(uint32_t start, std::size_t max) {
     while (result.ok() && page.more && page.nodes.size() < max) {
         const std::size_t known = page.next < count.value ? count.value - page.next : std::size_t{1};
         const auto wanted = std::min({PAGE_NODES, known, max - page.nodes.size()});
-        static_cast<Outcome &>(result) = readPage(*this, wanted, page);
+        static_cast<Outcome &>(result) = guarded([&] { return readPage(*this, wanted, page); });
     }
     return result;
 }
@@ -274,10 +299,13 @@ Result<oruZb_clusterCmd_t> Client::sendCommand(const oruZb_clusterCmd_t &command
 }
 
 Outcome Client::bind(uint16_t node_id, Bytes body) {
-    std::vector<uint8_t> payload(sizeof node_id + body.size());
+    std::array<uint8_t, MAX_PAYLOAD> payload;
+    if (body.size() > payload.size() - sizeof node_id) {
+        return {Transport::Invalid, ORU_STATUS_DATA_LEN_INVALID};
+    }
     oipc::put(std::span(payload), 0, node_id);
     std::ranges::copy(body, payload.begin() + sizeof node_id);
-    return callSync(ORU_ZB_SVC_BINDING, payload, {});
+    return callSync(ORU_ZB_SVC_BINDING, Bytes(payload).first(sizeof node_id + body.size()), {});
 }
 
 Outcome Client::setRadioPower(int8_t dbm) {
@@ -285,12 +313,12 @@ Outcome Client::setRadioPower(int8_t dbm) {
 }
 
 Outcome Client::setRegion(std::string_view country_code) {
-    if (country_code.find('\0') != std::string_view::npos) {
+    std::array<uint8_t, MAX_PAYLOAD> text{};
+    if (country_code.find('\0') != std::string_view::npos || country_code.size() >= text.size()) {
         return {Transport::Invalid, ORU_STATUS_BAD_PARAM};
     }
-    const std::string text(country_code);
-    return callSync(ORU_ZB_SVC_ADAPTER_SET_REGION, {reinterpret_cast<const uint8_t *>(text.c_str()), text.size() + 1},
-                    {});
+    std::ranges::copy(country_code, text.begin());
+    return callSync(ORU_ZB_SVC_ADAPTER_SET_REGION, Bytes(text).first(country_code.size() + 1), {});
 }
 
 Outcome Client::setBurstSize(uint32_t commands) {
@@ -340,62 +368,64 @@ Result<std::vector<oruZb_neighborTableEntry_t>> Client::neighbors() {
 // ---------------------------------------------------------------- asynchronous calls
 
 Outcome Client::asyncPing(PingCompletion done) {
-    RawCompletion raw;
-    if (done) {
-        raw = [done = std::move(done)](const CallbackResult &result) {
-            const auto reply = recordFrom<oruZb_pingResponse_t>(result.payload).value_or(oruZb_pingResponse_t{});
-            done({result, textOf(reply)});
-        };
-    }
-    return callAsync(ORU_ZB_SVC_APING, {}, std::move(raw));
+    return guarded([&]() -> Outcome {
+        RawCompletion raw;
+        if (done) {
+            raw = [done = std::move(done)](const CallbackResult &result) {
+                const auto reply = recordFrom<oruZb_pingResponse_t>(result.payload).value_or(oruZb_pingResponse_t{});
+                done({result, textOf(reply)});
+            };
+        }
+        return callAsync(ORU_ZB_SVC_APING, {}, std::move(raw));
+    });
 }
 
 Outcome Client::formNetworkAuto(const std::optional<oruZb_coexParams_t> &coex, Completion done) {
-    return callAsync(ORU_ZB_SVC_FORMZ3NET_AUTO, coex ? bytesOf(*coex) : Bytes{}, statusCompletion(std::move(done)));
+    return begin(*this, ORU_ZB_SVC_FORMZ3NET_AUTO, coex ? bytesOf(*coex) : Bytes{}, done);
 }
 
 Outcome Client::formNetworkManual(uint8_t channel, Completion done) {
-    return callAsync(ORU_ZB_SVC_FORMZ3NET_MANUAL, bytesOf(oruZb_channel_t{channel}), statusCompletion(std::move(done)));
+    return begin(*this, ORU_ZB_SVC_FORMZ3NET_MANUAL, bytesOf(oruZb_channel_t{channel}), done);
 }
 
 Outcome Client::clearNetwork(Completion done) {
-    return callAsync(ORU_ZB_SVC_CLEAR_NETWORK, {}, statusCompletion(std::move(done)));
+    return begin(*this, ORU_ZB_SVC_CLEAR_NETWORK, {}, done);
 }
 
 Outcome Client::enableRadio(Completion done) {
-    return callAsync(ORU_ZB_SVC_ADAPTER_ENABLE_RADIO, {}, statusCompletion(std::move(done)));
+    return begin(*this, ORU_ZB_SVC_ADAPTER_ENABLE_RADIO, {}, done);
 }
 
 Outcome Client::disableRadio(Completion done) {
-    return callAsync(ORU_ZB_SVC_ADAPTER_DISABLE_RADIO, {}, statusCompletion(std::move(done)));
+    return begin(*this, ORU_ZB_SVC_ADAPTER_DISABLE_RADIO, {}, done);
 }
 
 Outcome Client::resetAdapter(Completion done) {
-    return callAsync(ORU_ZB_SVC_ADAPTER_RESET, {}, statusCompletion(std::move(done)));
+    return begin(*this, ORU_ZB_SVC_ADAPTER_RESET, {}, done);
 }
 
 Result<uint16_t> Client::sendCommandAsync(const oruZb_clusterCmd_t &command, Completion done) {
-    return callAsync(ORU_ZB_SVC_SEND_CLUSTER_CMD_ASYNC, bytesOf(command), statusCompletion(std::move(done)));
+    return begin(*this, ORU_ZB_SVC_SEND_CLUSTER_CMD_ASYNC, bytesOf(command), done);
 }
 
 Outcome Client::nodeLeave(const oruZb_nodeInfo_t &node, Completion done) {
-    return callAsync(ORU_ZB_SVC_SEND_NODE_LEAVE_REQUEST, bytesOf(node), statusCompletion(std::move(done)));
+    return begin(*this, ORU_ZB_SVC_SEND_NODE_LEAVE_REQUEST, bytesOf(node), done);
 }
 
 Outcome Client::sendInterpan(const oruZb_interpan_t &message, Completion done) {
-    return callAsync(ORU_ZB_SVC_SEND_INTERPAN, bytesOf(message), statusCompletion(std::move(done)));
+    return begin(*this, ORU_ZB_SVC_SEND_INTERPAN, bytesOf(message), done);
 }
 
 Outcome Client::ztsEnable(Completion done) {
-    return callAsync(ORU_ZB_SVC_ZTS_ENABLE, {}, statusCompletion(std::move(done)));
+    return begin(*this, ORU_ZB_SVC_ZTS_ENABLE, {}, done);
 }
 
 Outcome Client::ztsDisable(Completion done) {
-    return callAsync(ORU_ZB_SVC_ZTS_DISABLE, {}, statusCompletion(std::move(done)));
+    return begin(*this, ORU_ZB_SVC_ZTS_DISABLE, {}, done);
 }
 
 Outcome Client::startScan(const oruZb_scan_t &scan, Completion done) {
-    return callAsync(ORU_ZB_SVC_START_SCAN, bytesOf(scan), statusCompletion(std::move(done)));
+    return begin(*this, ORU_ZB_SVC_START_SCAN, bytesOf(scan), done);
 }
 
 } // namespace corvane

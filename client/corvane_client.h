@@ -4,15 +4,18 @@
 //
 //     corvane::Client client;
 //     client.onEvent([](const corvane::Event &e) { std::puts(corvane::eventName(e.id)); });
-//     if (auto up = client.connect(); !up.ok()) { std::puts(up.describe().c_str()); return 1; }
+//     corvane::Options options;
+//     options.auto_reconnect = true;                        // the service may be restarted
+//     if (auto up = client.connect(options); !up.ok()) { std::puts(up.describe().c_str()); return 1; }
 //     auto info = client.networkInfo();                     // synchronous: waits for the answer
 //     if (info.ok()) std::printf("channel %d\n", info.value.channel);
 //     client.formNetworkManual(15, [](const corvane::Outcome &o) { std::puts(o.describe().c_str()); });
 //     for (;;) client.poll(std::chrono::seconds(1));        // delivers callbacks and events
 //
 // Results. Every call returns an Outcome (or Result<T>, an Outcome with a value): `transport` tells whether the service
-// answered at all, `status` what it answered (an oru_status_t, 0 = good). Nothing here throws; running out of memory
-// ends the process. A handler of yours that throws ends it too.
+// answered at all, `status` what it answered (an oru_status_t, 0 = good). Nothing here throws: a call for which there
+// is no memory is Invalid with ORU_STATUS_OUT_OF_MEMORY and has not begun; texts are empty then. (Copying a handler on
+// its way in is the caller's business.) A handler of yours that throws ends the process.
 //
 // Threads. Every member may be called from any thread, except where noted. The service answers the calls of one
 // connection one after the other; use several Clients where a slow call must not hold up a quick one.
@@ -48,7 +51,8 @@ enum class Transport : uint8_t {
     Refused,        // the service turned the connection away: too many clients (-15), user not allowed (-11), bad frame
     TimedOut,       // no answer in time; the service may still carry the call out
     ConnectionLost, // the connection ended before the answer came; the service may have carried the call out
-    Invalid,        // refused by this library: an argument that cannot be sent (status says why)
+    Invalid,        // refused by this library: an argument that cannot be sent, or no memory (status says why)
+    OtherVersion,   // the service speaks another version of the protocol
 };
 
 struct Outcome {
@@ -93,8 +97,8 @@ struct NodePage {
     bool more = false;                   // the service knows more nodes, from position `next` on
 };
 
-// The socket that a client uses when Options names none: $CORVANE_SOCKET, else $RUNTIME_DIRECTORY/corvane.sock, else
-// /run/corvane/corvane.sock.
+// The socket that a client uses when Options names none: $CORVANE_SOCKET, else /run/corvane/corvane.sock. Not that of
+// $RUNTIME_DIRECTORY: a client that is a service has one of its own.
 std::string defaultSocketPath();
 
 struct Options {
@@ -124,15 +128,19 @@ public:
     bool connected() const;
     uint16_t clientId() const; // given by the service for this connection; 0 when not connected
 
-    // Set handlers before connect(). They replace the former ones.
-    void onEvent(EventHandler handler);
-    void onConnection(ConnectionHandler handler); // each time a connection comes up or ends
+    // Set handlers before connect(). They replace the former ones. False when there is no memory to keep the handler;
+    // then the former one stays.
+    bool onEvent(EventHandler handler);
+    bool onConnection(ConnectionHandler handler); // each time a connection comes up or ends
 
     // ------------------------------------------------------------ delivery, single-threaded
-    // Waits up to `timeout` for something to deliver and delivers all that is there. Returns the number of handlers
-    // called. Without auto_reconnect a lost connection makes it return at once: look at connected().
+    // Waits up to `timeout` for something to deliver and delivers all that is there. Returns the number of messages
+    // delivered: events, callbacks, and connections that came up or ended (counted with or without a handler), so that
+    // a lost connection makes it return. Without a connection it waits as well, for a reconnection or another thread's
+    // connect().
     std::size_t poll(Milliseconds timeout);
-    // Polls until `done` returns true (true) or the time is up (false). `done` is asked on the calling thread.
+    // Polls until `done` returns true (true) or the time is up (what `done` says then). `done` is asked on the calling
+    // thread, after each delivery and every 100 ms; what it throws goes to the caller.
     bool pollUntil(const std::function<bool()> &done, Milliseconds timeout);
     // A descriptor that is readable whenever poll(0) has work, for a main loop of your own; the same for the Client's
     // whole life, owned by it.
@@ -142,7 +150,7 @@ public:
     bool start(); // false when the thread runs already or cannot be created
     void stop();  // returns when the last handler has returned
 
-    std::uint64_t droppedEvents() const; // events lost because max_queued was reached
+    std::uint64_t droppedEvents() const; // events lost because max_queued was reached, or for lack of memory
 
     // ------------------------------------------------------------ synchronous calls
     Result<std::string> ping(); // answered by the service itself, without its main loop: "pong"
@@ -186,9 +194,10 @@ public:
     // ------------------------------------------------------------ asynchronous calls
     // The return value tells whether the service took the call over. If it did (ok()), `done` is called exactly once:
     // with the service's status, with TimedOut after Options::completion_timeout, or with ConnectionLost; if it did
-    // not, `done` is never called. An empty `done` asks for no callback.
-    // Never answered by the service, so `done` sees TimedOut: disableRadio while the adapter is off or turning off,
-    // nodeLeave for an unknown node, formNetworkManual with a channel outside 11 to 26.
+    // not, `done` is never called. An empty `done` asks for no callback. Up to 24,576 calls can be open at a time, a
+    // further one is Invalid with ORU_STATUS_OUT_OF_MEMORY; so is the outcome of a callback that there was no memory
+    // for. Never answered by the service, so `done` sees TimedOut: disableRadio while the adapter is off or turning
+    // off, nodeLeave for an unknown node, formNetworkManual with a channel outside 11 to 26.
     Outcome asyncPing(PingCompletion done); // "apong"
     Outcome formNetworkAuto(const std::optional<oruZb_coexParams_t> &coex, Completion done);
     Outcome formNetworkManual(uint8_t channel, Completion done);

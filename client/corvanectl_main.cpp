@@ -19,8 +19,7 @@ constexpr const char *FOOTER =
     "\nA DEVICE is a node id (0x1a2b), an EUI-64 (00:12:4b:00:01:02:03:04) or a list position ('#0').\n"
     "Exit status: 0 done, 1 refused or failed, 2 wrong usage, 3 no service, 4 connection refused or lost, 5 timed "
     "out.\n"
-    "The service's socket: --socket, else $CORVANE_SOCKET, else $RUNTIME_DIRECTORY/corvane.sock, else\n"
-    "/run/corvane/corvane.sock.\n";
+    "The service's socket: --socket, else $CORVANE_SOCKET, else /run/corvane/corvane.sock.\n";
 
 struct MainOptions {
     bool no_colour = false;

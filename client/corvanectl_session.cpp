@@ -19,6 +19,7 @@ Exit exitOf(const Outcome &outcome) {
         return Exit::NoService;
     case Transport::Refused:
     case Transport::ConnectionLost:
+    case Transport::OtherVersion:
         return Exit::ConnectionLost;
     case Transport::TimedOut:
         return Exit::TimedOut;

@@ -6,6 +6,7 @@
 #include "oipc_fixture.h"
 #include <array>
 #include <chrono>
+#include <csignal>
 #include <cstdlib>
 #include <future>
 
@@ -30,6 +31,17 @@ protected:
         return ::poll(&entry, 1, static_cast<int>(patience.count())) > 0;
     }
     Outcome echo() { return client.callSync(ECHO, {}, {}); }
+    static Payload greeting() {
+        const auto hello =
+            oipc::encodeHello({.client_id = 5, .service_uuid = 2, .max_payload = 4096, .max_clients = 10});
+        return frameOf({.type = FrameType::Hello}, {hello.begin(), hello.end()});
+    }
+    template <class Action>
+    static std::chrono::nanoseconds timed(Action action) {
+        const auto begin = std::chrono::steady_clock::now();
+        action();
+        return std::chrono::steady_clock::now() - begin;
+    }
 
     corvane::Options options;
     Client client;
@@ -174,6 +186,21 @@ TEST_F(ClientTest, CompletionsComeOnceAndCarryTheStatus) {
     EXPECT_EQ(seen, (std::vector<std::string>{"apong", "enable -27", "sent 0"}));
 }
 
+TEST_F(ClientTest, IdsOfOpenCallsRunOutAndAreUsedAgain) {
+    connect();
+    const auto open = [this] { return client.callAsync(CUSTOM, {}, [](const auto &) {}); };
+    for (int id = corvane::FIRST_CALLBACK_ID; id <= corvane::LAST_CALLBACK_ID; ++id) {
+        ASSERT_EQ(open().value, id);
+    }
+    for (const uint16_t id : {corvane::LAST_CALLBACK_ID, uint16_t{0xA000}, corvane::FIRST_CALLBACK_ID}) {
+        const Outcome refused = open();
+        EXPECT_TRUE(refused.transport == Transport::Invalid && refused.status == ORU_STATUS_OUT_OF_MEMORY);
+        callback(1, id, {});
+        EXPECT_TRUE(echo().ok()); // behind the callback
+        EXPECT_EQ(open().value, id);
+    }
+}
+
 TEST_F(ClientTest, TimedOutCallDoesNotConfuseTheNext) {
     options.call_timeout = 1ms;
     connect();
@@ -188,6 +215,25 @@ TEST_F(ClientTest, TimedOutCallDoesNotConfuseTheNext) {
     EXPECT_EQ(out, 9);
 }
 
+TEST_F(ClientTest, WaitsAsLongAsToldInSpiteOfSignals) {
+    ASSERT_EQ(std::signal(SIGUSR1, [](int) {}), SIG_DFL);
+    const std::jthread pester([target = ::pthread_self()](const std::stop_token &over) {
+        for (; !over.stop_requested(); std::this_thread::sleep_for(1ms)) {
+            ::pthread_kill(target, SIGUSR1);
+        }
+    });
+    EXPECT_GE(timed([&] { EXPECT_EQ(client.poll(30ms), 0U); }), 30ms) << "not connected";
+    options.call_timeout = 30ms;
+    connect();
+    EXPECT_EQ(client.poll(0ms), 1U) << "the connection is up";
+    EXPECT_GE(timed([&] { EXPECT_EQ(client.poll(200ms), 0U); }), 200ms);
+    EXPECT_FALSE(client.pollUntil([&] { return publish(1025, {1}) != ORU_STATUS_OK; }, 30ms)) << "always something new";
+    EXPECT_GE(timed([&] { EXPECT_EQ(client.callSync(BLOCK, {}, {}).transport, Transport::TimedOut); }), 30ms);
+    client.onEvent([](const corvane::Event &) {});
+    const std::jthread publisher([this] { publish(1025, {1}); });
+    EXPECT_EQ(client.poll(PATIENCE), 1U) << "wakes";
+}
+
 TEST_F(ClientTest, ManyThreadsShareOneClient) {
     connect();
     const auto ask = [this](uint8_t thread) {
@@ -197,6 +243,9 @@ TEST_F(ClientTest, ManyThreadsShareOneClient) {
             EXPECT_EQ(out, (Payload{thread, i}));
         }
     };
+    Payload most(4096, 7), back(4096);
+    EXPECT_TRUE(client.callSync(ECHO, most, back).ok());
+    EXPECT_EQ(back, most);
     for (const bool own_thread : {false, true}) {
         EXPECT_EQ(own_thread && client.start(), own_thread);
         std::vector<std::jthread> threads;
@@ -241,17 +290,26 @@ TEST_F(ClientTest, DescriptorShowsWhenThereIsWorkAndOldEventsAreDropped) {
     connect();
     client.poll(0ms); // the note that the connection is up
     EXPECT_FALSE(readable());
-    for (uint8_t i = 0; i < 10; ++i) { // a whole record, and one that is cut
-        publish(ORU_ZB_SVC_DEVICE_LEFT, Payload(i % 2 == 0 ? 744 : 743, i));
+    for (uint8_t i = 0; i < 10; ++i) { // the last are one of a later version, a whole one and one that is cut
+        publish(ORU_ZB_SVC_DEVICE_LEFT, Payload(752U - i, i));
     }
     EXPECT_TRUE(readable());
     EXPECT_TRUE(echo().ok()); // takes the events off the socket, too
     EXPECT_TRUE(readable()) << "for those that are kept";
     EXPECT_EQ(client.poll(0ms), 3U);
     EXPECT_EQ(seen, (Payload{7, 8, 9}));
-    EXPECT_EQ(records, 1);
+    EXPECT_EQ(records, 2);
     EXPECT_EQ(client.droppedEvents(), 7U);
     EXPECT_FALSE(readable());
+    for (uint8_t turn = 0; turn < 40; turn += 2) { // never more than may wait
+        publish(1025, {turn});
+        publish(1025, Payload(turn % 4 == 0 ? 4096 : 1, static_cast<uint8_t>(turn + 1)));
+        EXPECT_TRUE(echo().ok());
+        EXPECT_EQ(client.poll(0ms), 2U);
+        EXPECT_EQ(seen.back(), turn + 1);
+    }
+    EXPECT_EQ(seen.size(), 43U);
+    EXPECT_EQ(client.droppedEvents(), 7U);
     EXPECT_TRUE(client.callAsync(CUSTOM, {}, note, 1h).ok());
     EXPECT_TRUE(client.callAsync(CUSTOM, {}, note, 20ms).ok());
     EXPECT_TRUE(readable(PATIENCE)) << "for the time-out";
@@ -283,6 +341,58 @@ TEST_F(ClientTest, ReconnectsWhenTheServiceComesBack) {
     EXPECT_EQ(states, "+L-+L-+-");
 }
 
+TEST_F(ClientTest, ReconnectsWithGrowingPausesAndHoldsUpNobody) {
+    const RawClient listener(listenAt(path));
+    const RawClient mute(listenAt(directory + "/mute"));
+    const auto accept = [](const RawClient &place) {
+        pollfd entry{place.fd(), POLLIN, 0};
+        EXPECT_EQ(::poll(&entry, 1, PATIENCE_MS), 1);
+        return std::make_unique<RawClient>(::accept4(place.fd(), nullptr, nullptr, SOCK_CLOEXEC));
+    };
+    options.auto_reconnect = true;
+    options.reconnect_min = 10ms;
+    options.reconnect_max = 35ms;
+    std::atomic<bool> over{false};
+    Client unheard;
+    std::vector<std::jthread> threads;
+    const auto pollWith = [&](Client &speaker) {
+        threads.emplace_back([&] { speaker.pollUntil([&] { return over.load(); }, PATIENCE); });
+    };
+    options.socket_path = directory + "/mute";
+    options.connect_timeout = 20ms;
+    EXPECT_EQ(unheard.connect(options).transport, Transport::TimedOut);
+    pollWith(unheard);
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_TRUE(accept(mute)->ended()) << "gives up, and tries again";
+    }
+    options.socket_path = path;
+    options.connect_timeout = 1h;
+    auto up = std::async([&] { return client.connect(options); });
+    auto peer = accept(listener);
+    EXPECT_TRUE(peer->send(greeting()) && up.get().ok());
+    pollWith(client);
+    pollWith(client);
+    auto shortest = std::chrono::nanoseconds::max(); // first pause after a success
+    for (int round = 0; round < 5; ++round) {
+        for (const auto pause : {10ms, 20ms, 35ms, 35ms}) {
+            const auto lost = [&] {
+                peer.reset();
+                peer = accept(listener); // and no greeting
+            };
+            const auto taken = timed(lost);
+            EXPECT_GE(taken, pause);
+            shortest = pause == 10ms ? std::min(shortest, taken) : shortest;
+        }
+        EXPECT_LT(timed([&] { client.poll(5ms); }), PATIENCE / 2) << "though the service says nothing";
+        EXPECT_FALSE(client.connected());
+        EXPECT_TRUE(peer->send(greeting()));
+        EXPECT_TRUE(client.pollUntil([&] { return client.connected(); }, PATIENCE));
+        EXPECT_EQ(client.clientId(), 5);
+    }
+    EXPECT_LT(shortest, options.reconnect_max);
+    over = true;
+}
+
 TEST_F(ClientTest, FailuresToConnectAreToldApart) {
     ASSERT_EQ(start(), ORU_STATUS_OK);
     const RawClient mute(listenAt(directory + "/mute"));
@@ -298,7 +408,9 @@ TEST_F(ClientTest, FailuresToConnectAreToldApart) {
 
 TEST_F(ClientTest, AServiceThatTalksNonsenseLosesTheClient) {
     constexpr auto LOST = Transport::ConnectionLost;
-    const auto hello = oipc::encodeHello({.client_id = 5, .service_uuid = 2, .max_payload = 4096, .max_clients = 10});
+    constexpr auto OTHER = Transport::OtherVersion;
+    Payload version_2 = frameOf({.type = FrameType::SyncResult, .sequence = 1});
+    version_2[2] = 2;
     const Payload of_another_call = frameOf({.type = FrameType::SyncResult, .sequence = 12345}, {1});
     const Payload more_than_asked = frameOf({.type = FrameType::SyncResult, .sequence = 1}, Payload(4096));
     const std::pair<Payload, Transport> rows[] = {
@@ -307,6 +419,8 @@ TEST_F(ClientTest, AServiceThatTalksNonsenseLosesTheClient) {
         {Payload(60000, 'C'), LOST},
         {frameOf({.type = FrameType::SyncCall}), LOST},
         {frameOf({.type = FrameType::Refusal, .status = -20}), Transport::Refused},
+        {frameOf({.type = FrameType::Refusal, .id = uint16_t(oipc::Reason::WrongVersion), .status = -6}), OTHER},
+        {version_2, OTHER},
         {of_another_call, LOST},
         {more_than_asked, Transport::Ok},
     };
@@ -315,7 +429,7 @@ TEST_F(ClientTest, AServiceThatTalksNonsenseLosesTheClient) {
         Client fresh;
         std::jthread played([&, &speech = speech] {
             const RawClient peer(::accept4(listener.fd(), nullptr, nullptr, SOCK_CLOEXEC));
-            peer.send(frameOf({.type = FrameType::Hello}, {hello.begin(), hello.end()}));
+            peer.send(greeting());
             peer.receive(); // the call
             peer.send(speech);
         });
@@ -324,16 +438,18 @@ TEST_F(ClientTest, AServiceThatTalksNonsenseLosesTheClient) {
         EXPECT_EQ(fresh.clientId(), 5);
         std::array<uint8_t, 2> out{};
         EXPECT_EQ(fresh.callSync(ECHO, Payload{1}, out).transport, expected) << speech.size();
+        std::jthread greets([&, &speech = speech] {
+            const RawClient peer(::accept4(listener.fd(), nullptr, nullptr, SOCK_CLOEXEC));
+            peer.send(speech);
+        });
+        EXPECT_EQ(fresh.connect(options).transport, expected == Transport::Ok ? LOST : expected) << speech.size();
     }
 }
 
 TEST(ClientNames, SocketPathComesFromTheEnvironmentAndNumbersHaveNames) {
-    const std::array<const char *, 3> rows[] = {{"/a/b", "/run/x", "/a/b"},
-                                                {"", "/run/x:/run/y", "/run/x/corvane.sock"},
-                                                {"", "", "/run/corvane/corvane.sock"}};
-    for (const auto &[socket, runtime, expected] : rows) {
+    ::setenv("RUNTIME_DIRECTORY", "/run/of-another-service", 1);
+    for (const auto &[socket, expected] : {std::pair{"/a/b", "/a/b"}, {"", "/run/corvane/corvane.sock"}}) {
         ::setenv("CORVANE_SOCKET", socket, 1);
-        ::setenv("RUNTIME_DIRECTORY", runtime, 1);
         EXPECT_EQ(corvane::defaultSocketPath(), expected);
     }
     ::unsetenv("CORVANE_SOCKET");
