@@ -75,32 +75,34 @@ Table deviceTable() {
     return Table({"INDEX", "NODE", "EUI-64", "DEVICE", "ENDPOINTS", "KIND", "MANUFACTURER"});
 }
 
-std::vector<oruZb_nodeInfo_t> allNodes(Session &session, std::size_t page, unsigned &requests) {
-    std::vector<oruZb_nodeInfo_t> nodes;
+std::vector<oruZb_device_t> pagesOfNodes(Session &session, std::size_t page, unsigned &requests) {
+    std::vector<oruZb_device_t> nodes;
     NodePage last;
     do {
         const auto result = session.client().connectedNodes(last.next, page);
         last = session.value(result, "list of devices");
-        nodes.insert(nodes.end(), last.nodes.begin(), last.nodes.end());
+        std::ranges::transform(last.nodes, std::back_inserter(nodes), asDevice);
         ++requests;
     } while (last.more && !last.nodes.empty());
     return nodes;
 }
 
-void listDevices(Session &session, const char *key, std::size_t page) {
-    unsigned requests = 0;
-    const auto nodes = allNodes(session, page, requests);
+void listDevices(Session &session, const std::vector<oruZb_device_t> &devices, const char *key, Json json = {}) {
     Json rows = Json::array();
     Table table = deviceTable();
-    for (std::size_t i = 0; i < nodes.size(); ++i) {
-        rows.push_back(deviceJson(asDevice(nodes[i]), static_cast<uint32_t>(i)));
-        table.add(deviceRow(i, asDevice(nodes[i])));
+    for (std::size_t i = 0; i < devices.size(); ++i) {
+        rows.push_back(deviceJson(devices[i], static_cast<uint32_t>(i)));
+        table.add(deviceRow(i, devices[i]));
     }
-    Json json{{key, rows}};
-    if (std::string_view(key) == "nodes") {
-        json["requests"] = requests;
-    }
-    session.answer(json, nodes.empty() ? "no devices yet; \"corvanectl permit open\" lets them in" : table.text());
+    json[key] = rows;
+    session.answer(json, devices.empty() ? "no devices yet; \"corvanectl permit open\" lets them in" : table.text());
+}
+
+void nodes(Session &session, const std::string &page) {
+    unsigned requests = 0;
+    const auto size = static_cast<std::size_t>(parseNumber(page, "--page", 1, NODES_PER_REQUEST));
+    const auto devices = pagesOfNodes(session, size, requests);
+    listDevices(session, devices, "nodes", {{"requests", requests}});
 }
 
 struct DevicesOptions {
@@ -114,7 +116,7 @@ void devices(Session &session, const DevicesOptions &options) {
         return session.answer({{"count", count}}, std::to_string(count));
     }
     if (options.device.empty()) {
-        return listDevices(session, "devices", NODES_PER_REQUEST);
+        return listDevices(session, session.allDevices(), "devices");
     }
     const DeviceRef ref = parseDevice(options.device);
     const auto device = session.findDevice(ref);
@@ -230,6 +232,7 @@ void bind(Session &session, const BindOptions &options) {
         body =
             raw ? parseHex(options.raw, "the request body", MAX_BIND_BODY) : bindBody(session, device, options.words);
     }
+    requireAddress(node_id);
     session.require(session.client().bind(node_id, body), "bind request");
     session.answer({{"status", 0}, {"node_id", hex16(node_id)}, {"body", formatHex(body)}},
                    fmt::format("bind request sent to {}", hexUpper(node_id)));
@@ -246,13 +249,9 @@ void addDeviceCommands(CLI::App &app, Session &session) {
         [&session, options] { session.run = [&session, options] { devices(session, *options); }; });
 
     auto page = std::make_shared<std::string>("5");
-    auto *nodes = app.add_subcommand("nodes", "The same as pages of nodes");
-    nodes->add_option("--page", *page, "Nodes per request, 1 to 5")->type_name("N")->capture_default_str();
-    nodes->callback([&session, page] {
-        session.run = [&session, page] {
-            listDevices(session, "nodes", static_cast<std::size_t>(parseNumber(*page, "--page", 1, NODES_PER_REQUEST)));
-        };
-    });
+    auto *nodes_command = app.add_subcommand("nodes", "The same as pages of nodes");
+    nodes_command->add_option("--page", *page, "Nodes per request, 1 to 5")->type_name("N")->capture_default_str();
+    nodes_command->callback([&session, page] { session.run = [&session, page] { nodes(session, *page); }; });
 
     auto with_key = std::make_shared<bool>(false);
     auto *info_command = app.add_subcommand("info", "Network, adapter and local node");

@@ -38,10 +38,10 @@ std::vector<Measurement> chosenDevices(Session &session, const LatencyOptions &o
         chosen.push_back({session.findDevice(parseDevice(text)), {}, 0});
     }
     if (options.devices.empty()) {
-        const auto page = session.value(session.client().connectedNodes(), "list of devices");
-        for (const auto &node : page.nodes) {
-            chosen.push_back({{node.id, node.manufacturer_code, node.device_info}, {}, 0});
+        for (const auto &device : session.allDevices()) {
+            chosen.push_back({device, {}, 0});
         }
+        std::erase_if(chosen, [](const Measurement &one) { return one.device.node_id == NO_ADDRESS; });
     }
     if (chosen.empty()) {
         throw Failure(Exit::Refused, "there is no device to send to");

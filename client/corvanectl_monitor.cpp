@@ -105,9 +105,9 @@ std::string endpointSummary(const oruZb_device_t &device) {
 class AddressBook {
 public:
     void learn(const oruZb_device_t &device) { eui64s_[device.node_id] = formatEui64(device.device_info.eui64); }
-    void load(Client &client) {
-        for (const auto &node : client.connectedNodes().value.nodes) {
-            eui64s_[node.id] = formatEui64(node.device_info.eui64);
+    void load(Session &session) {
+        for (const auto &device : session.allDevices()) {
+            learn(device);
         }
     }
     const std::string *find(uint16_t node_id) const {
@@ -128,7 +128,7 @@ public:
     }
 
     void run(double seconds) {
-        book_.load(session_.client());
+        book_.load(session_);
         if (!session_.settings.json) {
             fmt::print(stderr, "watching {}; end with Ctrl-C\n", session_.socketPath());
         }

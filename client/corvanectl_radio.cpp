@@ -106,6 +106,13 @@ void leave(Session &session, const std::string &text) {
     node.device_info = device.device_info;
     session.complete("leave request",
                      [&](Client &client, const Completion &done) { return client.nodeLeave(node, done); });
+    Eui64 eui64{};
+    std::ranges::copy(device.device_info.eui64, eui64.begin());
+    if (session.client().deviceByEui64(eui64).ok()) {
+        throw Failure(Exit::Refused, fmt::format("{} was told to leave, but the service could not forget it: its log "
+                                                 "says why; try again",
+                                                 deviceTitle(device)));
+    }
     session.answer({{"status", 0},
                     {"left", true},
                     {"node_id", hex16(device.node_id)},

@@ -21,6 +21,7 @@ constexpr uint8_t COMMAND_ON = 0x01;
 constexpr uint8_t COMMAND_TOGGLE = 0x02;
 constexpr uint8_t COMMAND_MOVE_TO_LEVEL_WITH_ON_OFF = 0x04;
 constexpr uint8_t ALL_ENDPOINTS = 0xFF;
+constexpr uint16_t FIRST_BROADCAST = 0xFFF8; // up to 0xFFFF, but for NO_ADDRESS
 constexpr uint16_t ZDO_RESPONSE = 0x8000;
 
 Bytes frameOf(const oruZb_clusterCmd_t &command) {
@@ -102,6 +103,7 @@ oruZb_clusterCmd_t makeCommand(uint16_t node_id, uint8_t endpoint, uint16_t clus
 }
 
 void submit(Session &session, const oruZb_clusterCmd_t &command, bool async) {
+    requireAddress(command.dest_node);
     const std::string what = fmt::format("sending to {}", hexUpper(command.dest_node));
     if (async) {
         session.complete(
@@ -150,7 +152,15 @@ struct SendOptions {
 struct Target {
     uint16_t node_id = 0;
     uint8_t endpoint = 0;
+    bool answers = true; // false: nobody there does
 };
+
+bool hasEndpoint(const oruZb_device_t &device, uint8_t wanted) {
+    const auto endpoints = endpointsOf(device.device_info);
+    const bool all_known = !endpoints.empty() && endpoints.size() < ORU_ZB_HAL_MAX_ENDPOINTS; // no more are remembered
+    return !all_known || wanted == ALL_ENDPOINTS ||
+           std::ranges::find(endpoints, wanted, &oruZb_endpointInfo_t::endpoint) != endpoints.end();
+}
 
 // The endpoint as given, else the first of the device that serves the cluster. Devices that the service does not know
 // can be reached by node id.
@@ -159,14 +169,16 @@ Target findTarget(Session &session, const std::string &text, uint16_t profile, u
     const uint8_t fallback = profile == PROFILE_ZDO ? 0 : 1;
     const auto *node_id = std::get_if<uint16_t>(&wanted.device);
     if (node_id != nullptr) {
-        const auto known = session.client().deviceByNodeId(*node_id);
-        if (wanted.endpoint || !known.ok()) {
-            return {*node_id, wanted.endpoint.value_or(fallback)};
+        requireAddress(*node_id);
+        const bool broadcast = *node_id >= FIRST_BROADCAST;
+        if (broadcast || !session.client().deviceByNodeId(*node_id).ok()) {
+            return {*node_id, wanted.endpoint.value_or(fallback), !broadcast};
         }
     }
     const auto device = session.findDevice(wanted.device);
     if (wanted.endpoint || profile == PROFILE_ZDO) {
-        return {device.node_id, wanted.endpoint.value_or(fallback)};
+        const uint8_t endpoint = wanted.endpoint.value_or(fallback);
+        return {device.node_id, endpoint, profile == PROFILE_ZDO || hasEndpoint(device, endpoint)};
     }
     for (const auto &endpoint : endpointsOf(device.device_info)) {
         for (const auto &entry : clustersOf(endpoint)) {
@@ -185,7 +197,9 @@ void report(Session &session, const SentCommand &sent, const Delivery &delivery)
     json["node_id"] = hex16(sent.command.dest_node);
     json["endpoint"] = sent.command.dest_ep;
     json["confirmed_ms"] = static_cast<int>(delivery.confirmed_ms);
-    std::string text = fmt::format("{} in {:.0f} ms", paint(Colour::Green, "delivered"), delivery.confirmed_ms);
+    const bool broadcast = sent.command.dest_node >= FIRST_BROADCAST;
+    std::string text = fmt::format("{} in {:.0f} ms", paint(Colour::Green, broadcast ? "broadcast" : "delivered"),
+                                   delivery.confirmed_ms);
     if (delivery.answer != nullptr) {
         json["answer"] = *delivery.answer;
         json["answered_ms"] = static_cast<int>(delivery.answered_ms);
@@ -211,11 +225,21 @@ void send(Session &session, const SendOptions &options, const SentCommand &sent)
     session.answer({{"sent", true}}, "handed to the radio");
 }
 
+// A command to an endpoint that is not there would be confirmed all the same, by the device's network layer.
+void sendZcl(Session &session, const SendOptions &options, const Target &target, uint16_t cluster, Bytes frame) {
+    if (!target.answers && target.node_id < FIRST_BROADCAST) {
+        throw Failure(Exit::Refused, fmt::format("{} has no endpoint {}; \"corvanectl devices {}\" shows those it has, "
+                                                 "\"send raw\" sends there all the same",
+                                                 hexUpper(target.node_id), target.endpoint, hexUpper(target.node_id)));
+    }
+    send(session, options, {makeCommand(target.node_id, target.endpoint, cluster, frame), target.answers});
+}
+
 void sendClusterCommand(Session &session, const SendOptions &options, uint16_t cluster, uint8_t command,
                         Bytes payload) {
     const Target target = findTarget(session, options.target, PROFILE_HOME_AUTOMATION, cluster);
     const auto frame = encodeClusterCommand(nextSequence(), command, payload);
-    send(session, options, {makeCommand(target.node_id, target.endpoint, cluster, frame), true});
+    sendZcl(session, options, target, cluster, frame);
 }
 
 void sendLevel(Session &session, const SendOptions &options) {
@@ -228,7 +252,7 @@ void sendReadAttribute(Session &session, const SendOptions &options) {
     const uint16_t cluster = parseCluster(options.cluster);
     const auto frame = encodeReadAttribute(nextSequence(), parseAttribute(cluster, options.attribute));
     const Target target = findTarget(session, options.target, PROFILE_HOME_AUTOMATION, cluster);
-    send(session, options, {makeCommand(target.node_id, target.endpoint, cluster, frame), true});
+    sendZcl(session, options, target, cluster, frame);
 }
 
 // Node_Desc_req, Simple_Desc_req and Active_EP_req: the service keeps the answers for its own discovery.
@@ -257,7 +281,7 @@ void sendRaw(Session &session, const SendOptions &options) {
     const auto frame = parseHex(options.hex, "the frame", ORU_ZB_MAX_PAYLOAD);
     const Target target = findTarget(session, options.target, profile, cluster);
     SentCommand sent{makeCommand(target.node_id, target.endpoint, cluster, frame),
-                     rawExpectsAnswer(profile, cluster, frame)};
+                     target.answers && rawExpectsAnswer(profile, cluster, frame)};
     sent.command.profile_id = profile;
     sent.command.src_ep = profile == PROFILE_ZDO ? 0 : 1;
     if (!options.source_endpoint.empty()) {

@@ -5,6 +5,7 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <fmt/format.h>
+#include <iostream>
 #include <memory>
 
 namespace corvane::ctl {
@@ -111,6 +112,8 @@ std::optional<oruZb_coexParams_t> coexistence(const FormOptions &options) {
 void form(Session &session, const FormOptions &options) {
     const auto coex = coexistence(options);
     const uint8_t manual = options.manual.empty() ? uint8_t{0} : parseChannel(options.manual);
+    session.client();
+    session.awaitSettledAdapter(); // it refuses to form a network before
     session.complete("forming a network", [&](Client &client, const Completion &done) {
         return manual != 0 ? client.formNetworkManual(manual, done) : client.formNetworkAuto(coex, done);
     });
@@ -150,13 +153,30 @@ void addForm(CLI::App &app, Session &session) {
 
 // ---------------------------------------------------------------- joining
 
+constexpr int MAX_INSTALL_CODE_WORDS = 10000;
+
 void permit(Session &session, bool open) {
     session.require(session.client().permitJoin(open), open ? "opening the network" : "closing the network");
     session.answer({{"status", 0}, {"permit_join", open ? "open" : "closed"}},
                    open ? "joining is open for every device" : "joining is closed");
 }
 
-void addInstallCodes(Session &session, const std::vector<std::string> &words) {
+// The words of standard input, for codes that other users are not to see in the list of processes.
+std::vector<std::string> wordsOfInput() {
+    std::vector<std::string> words;
+    for (std::string word; std::ssize(words) <= MAX_INSTALL_CODE_WORDS && std::cin >> word;) {
+        words.push_back(word);
+    }
+    if (words.empty() || std::ssize(words) > MAX_INSTALL_CODE_WORDS) {
+        throw UsageError(fmt::format("standard input holds no install codes, or more than {}: one EUI64 CODE per line",
+                                     MAX_INSTALL_CODE_WORDS / 2));
+    }
+    return words;
+}
+
+void addInstallCodes(Session &session, const std::vector<std::string> &arguments) {
+    const bool from_input = arguments.size() == 1 && arguments[0] == "-";
+    const auto words = from_input ? wordsOfInput() : arguments;
     if (words.size() % 2 != 0) {
         throw UsageError("install codes come in pairs: EUI64 CODE [EUI64 CODE ...]");
     }
@@ -177,11 +197,18 @@ void addInstallCodes(Session &session, const std::vector<std::string> &words) {
 }
 
 void enableInstallCodes(Session &session, bool enable) {
+    if (enable) { // open for everybody is a switch of its own, which would stay as it is
+        session.require(session.client().permitJoin(false), "closing the network for other devices");
+    }
     session.complete("install codes", [enable](Client &client, const Completion &done) {
         return enable ? client.ztsEnable(done) : client.ztsDisable(done);
     });
-    session.answer({{"status", 0}, {"install_codes", enable ? "enabled" : "disabled"}},
-                   enable ? "joining is open for devices with a known install code" : "joining is closed");
+    Json json{{"status", 0}, {"install_codes", enable ? "enabled" : "disabled"}};
+    if (enable) {
+        json["permit_join"] = "closed";
+    }
+    session.answer(json, enable ? "joining is open for devices with a known install code, and closed for all others"
+                                : "joining is closed for devices with an install code");
 }
 
 void addJoining(CLI::App &app, Session &session) {
@@ -198,7 +225,10 @@ void addJoining(CLI::App &app, Session &session) {
     codes->require_subcommand(1);
     auto words = std::make_shared<std::vector<std::string>>();
     auto *add = codes->add_subcommand("add", "Add devices: 36 hexadecimal digits with CRC, or 32 without");
-    add->add_option("PAIRS", *words, "EUI64 CODE [EUI64 CODE ...]")->required()->type_name("")->expected(2, 10000);
+    add->add_option("PAIRS", *words, "EUI64 CODE [EUI64 CODE ...], or \"-\": read them from standard input")
+        ->required()
+        ->type_name("")
+        ->expected(1, MAX_INSTALL_CODE_WORDS);
     add->callback([&session, words] { session.run = [&session, words] { addInstallCodes(session, *words); }; });
     codes->add_subcommand("clear", "Forget all of them")->callback([&session] {
         session.run = [&session] {

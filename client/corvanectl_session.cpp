@@ -1,15 +1,23 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "corvanectl_session.h"
 #include <algorithm>
+#include <cerrno>
+#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <fmt/format.h>
+#include <thread>
+#include <unistd.h>
 
 namespace corvane::ctl {
 
 namespace {
 
+using Clock = std::chrono::steady_clock;
+
 constexpr double MAX_TIMEOUT_S = 86400;
+constexpr Milliseconds START_UP{5000}; // time that a service has to come up, and its adapter after it
+constexpr Milliseconds START_UP_POLL{50};
 
 Exit exitOf(const Outcome &outcome) {
     switch (outcome.transport) {
@@ -77,7 +85,7 @@ Client &Session::client() {
     options.connect_timeout = timeout();
     options.call_timeout = timeout();
     options.completion_timeout = timeout();
-    const Outcome outcome = client_.connect(options);
+    const Outcome outcome = connectPatiently(options);
     if (outcome.transport == Transport::Invalid) {
         throw UsageError(fmt::format("\"{}\" is too long for the path of a socket", options.socket_path));
     }
@@ -92,7 +100,34 @@ Client &Session::client() {
     }
     require(outcome, "connecting to " + options.socket_path);
     connected_ = true;
+    if (just_started_) {
+        awaitSettledAdapter();
+    }
     return client_;
+}
+
+Outcome Session::connectPatiently(const Options &options) {
+    const auto deadline = Clock::now() + std::min(timeout(), START_UP);
+    for (;;) {
+        Outcome outcome = client_.connect(options);
+        const bool forbidden = ::access(options.socket_path.c_str(), W_OK) != 0 && errno == EACCES;
+        if (outcome.transport != Transport::NoService || forbidden || Clock::now() >= deadline) {
+            return outcome;
+        }
+        just_started_ = true;
+        std::this_thread::sleep_for(START_UP_POLL);
+    }
+}
+
+void Session::awaitSettledAdapter() {
+    const auto onItsWay = [this] {
+        const auto state = client().adapterState();
+        return state.ok() &&
+               (state.value == ORU_ZB_ADAPTER_TURNING_ON || (just_started_ && state.value == ORU_ZB_ADAPTER_OFF));
+    };
+    for (const auto deadline = Clock::now() + std::min(timeout(), START_UP); onItsWay() && Clock::now() < deadline;) {
+        client_.pollUntil([] { return false; }, START_UP_POLL);
+    }
 }
 
 void Session::fail(const Outcome &outcome, std::string_view what) const {
@@ -178,6 +213,31 @@ oruZb_device_t Session::findDevice(const DeviceRef &ref) {
             result.status, statusName(result.status));
     }
     return value(result, "device " + describeRef(ref));
+}
+
+std::vector<oruZb_device_t> Session::allDevices() {
+    std::vector<oruZb_device_t> devices;
+    const uint32_t count = value(client().deviceCount(), "number of devices");
+    for (uint32_t index = 0; index < count; ++index) {
+        const auto device = client().deviceByIndex(index);
+        if (device.answered() && device.status == ORU_STATUS_NOT_FOUND) {
+            break; // one has left meanwhile
+        }
+        const auto sameDevice = [&](const oruZb_device_t &known) {
+            return std::ranges::equal(known.device_info.eui64, device.value.device_info.eui64);
+        };
+        if (value(device, "list of devices"); std::ranges::none_of(devices, sameDevice)) { // one has joined meanwhile
+            devices.push_back(device.value);
+        }
+    }
+    return devices;
+}
+
+void requireAddress(uint16_t node_id) {
+    if (node_id == NO_ADDRESS) {
+        throw Failure(Exit::Refused, "0xFFFE stands for \"address not known\": another device has taken the node id of "
+                                     "this one; it can be reached again when it has announced itself or joined");
+    }
 }
 
 void Session::answer(const Json &object, std::string_view text) const {

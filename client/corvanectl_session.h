@@ -66,7 +66,9 @@ public:
     std::string socketPath() const;
     std::string simSocketPath() const;
 
-    Client &client(); // connected; Failure when that does not work
+    // Connected; Failure when that does not work. A service that is just starting is waited for.
+    Client &client();
+    void awaitSettledAdapter(); // until it is on its way no longer, or the time is up
     // Live events go to `handler` instead of being kept for waitEvent(). Before the first client().
     void listen(EventHandler handler) { live_ = std::move(handler); }
 
@@ -88,21 +90,28 @@ public:
 
     // The device, by whatever key; Failure with the key in its sentence when there is none.
     oruZb_device_t findDevice(const DeviceRef &ref);
+    // One by one: asking for pages of them writes errors into the service's log as long as more remain.
+    std::vector<oruZb_device_t> allDevices();
 
     // One answer: the object with --json, else the text.
     void answer(const Json &object, std::string_view text) const;
 
 private:
     void keep(const Event &event);
+    Outcome connectPatiently(const Options &options);
 
     static constexpr std::size_t MAX_KEPT = 1000;
     Client client_;
     bool connected_ = false;
+    bool just_started_ = false; // the service was not there at first
     EventHandler live_;
     std::deque<StoredEvent> events_;
 };
 
 std::string describeRef(const DeviceRef &ref);
+
+constexpr uint16_t NO_ADDRESS = 0xFFFE; // node id of a device that cannot be reached now
+void requireAddress(uint16_t node_id);  // Failure when it is none
 
 Json eventJson(const Event &event); // "event", "id" and what its record tells
 std::string eventText(const Event &event, const Json &decoded);

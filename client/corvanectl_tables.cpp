@@ -111,7 +111,9 @@ MapInput readTables(Session &session) {
     }
     input.title = fmt::format("channel {}, PAN id {}", network.channel, hexUpper(network.panid));
     input.coordinator_eui64 = formatEui64(session.value(client.localNode(), "local node").device_info.eui64);
-    input.devices = session.value(client.connectedNodes(), "list of devices").nodes;
+    for (const auto &device : session.allDevices()) {
+        input.devices.push_back({device.node_id, device.manufacturer_code, {}, device.device_info});
+    }
     input.children = session.value(client.children(), "children");
     input.routes = session.value(client.routes(), "routes");
     input.neighbors = session.value(client.neighbors(), "neighbours");
