@@ -71,7 +71,7 @@ struct Layout {
 Layout layOut(const NetworkMap &map);
 constexpr double NODE_RADIUS = 17;
 
-// A bar chart of round trips in milliseconds, one row of bars per device.
+// Round trips in milliseconds as dots on a scale, one row per device, the median marked by a bar.
 struct LatencySeries {
     std::string name;
     std::vector<double> round_trips_ms;

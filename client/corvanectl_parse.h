@@ -17,7 +17,7 @@ struct UsageError : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-// Decimal or 0x-hexadecimal, with an optional minus sign (also U+2212, see protectNegativeNumbers). `what` names the
+// Decimal or 0x-hexadecimal, with an optional minus sign (also U+2212, see protectNegativeNumber). `what` names the
 // value in the error.
 int64_t parseNumber(std::string_view text, std::string_view what, int64_t minimum, int64_t maximum);
 std::optional<int64_t> tryNumber(std::string_view text);
