@@ -123,6 +123,7 @@ TEST_F(DiscoveryTest, DeviceThatJoinsAgainStaysInDiscovery) {
         const FakeDevice before{LAMP.eui64, static_cast<uint16_t>(again.node_id - 1)};
         before.nodeDescriptor();
         pump();
+        testplat::log::on_line = nullptr;
         EXPECT_EQ(ipc::eventIds(), (std::vector<uint16_t>{ORU_ZB_SVC_DEVICE_DISCOVERED, ORU_ZB_SVC_DEVICE_LEFT}));
         EXPECT_EQ(oruZb_databaseGetDeviceCount(), 0U);
         ASSERT_NE(oruZb_findNodeDiscoveryList(LAMP.eui64.data()), nullptr);
