@@ -94,6 +94,8 @@ oru_status_t oruZbHal_setAdapterName(char *device);
 // Starts the stack. Reports ENABLING, then ENABLED_NETWORK_UP when the adapter remembers a network, else
 // ENABLED_NO_NETWORK. -27: it is not disabled. Failures that the name causes (no such device, no backend for it, a
 // scenario with a fault) are logged with the reason: -8, -6, -11; -15 when the name was changed after the first enable.
+// Where the configuration asks to wait for the adapter, these three are accepted and nothing is reported before the
+// adapter is there; until then oruZbHal_setRegion is remembered for it and the other operations return -25.
 oru_status_t oruZbHal_enable(void);
 
 // Stops the stack; everything accepted is confirmed as failed. Reports DISABLED. The network is kept. Accepted in any

@@ -191,9 +191,9 @@ struct Reader {
 };
 
 TEST_F(ClientTest, StoppedReadersCostTheOthersNothing) {
-    constexpr int DEVICES = 5; // ten reports per second each, 20 times as fast: 1000 events per second
+    constexpr int DEVICES = 5; // five reports per second each, 20 times as fast: 500 events per second
     daemon.scenario = Daemon::routers(DEVICES, "[[device.report]]\ncluster = \"on_off\"\nattribute = \"on_off\"\n"
-                                               "interval_ms = 100\n");
+                                               "interval_ms = 200\n");
     daemon.log += "level = \"warn\"\n"; // or the lines looked for below would be in an older file
     corvane::Options options;
     options.socket_path = daemon.path("run/corvane.sock");
@@ -228,7 +228,7 @@ TEST_F(ClientTest, StoppedReadersCostTheOthersNothing) {
     node.id = lamp;
     node.device_info = listener.client.deviceByNodeId(lamp).value.device_info;
     EXPECT_TRUE(listener.client.nodeLeave(node, nullptr).ok());
-    // On a machine too busy for 1000 reports per second the radio's own queue overflows, which is said.
+    // On a machine too busy for 500 reports per second the radio's own queue overflows, which is said.
     const bool all_received = timesSaid(daemon, "reports of the radio lost") == 0;
     for (auto &reader : readers) {
         ASSERT_TRUE(eventually([&] { return reader->complete.load(); }));
@@ -310,7 +310,7 @@ TEST_F(ClientTest, EveryFunctionAtOnceWithNonsense) {
     for (auto &client : clients) {
         callers.emplace_back([&, chance = std::mt19937(random()), speaker = &client->client]() mutable {
             std::vector<uint8_t> out(4096);
-            while (Clock::now() < end) {
+            while (Clock::now() < end || (taken_over <= 100 && Clock::now() < end + 60s)) {
                 const auto functions = corvane::allFunctions();
                 const uint16_t id = functions[chance() % functions.size()];
                 const Bytes in = nonsense(chance);
