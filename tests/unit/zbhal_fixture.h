@@ -39,8 +39,8 @@ struct Record {
     std::string trace;              // every report in words, but for energies: "stack up, 3 joined, "
     std::vector<uint16_t> node_ids; // in the trace
     std::vector<Confirmation> confirmations;
-    std::vector<int8_t> energy;
-    size_t interpan = 0; // completions
+    std::map<uint8_t, int8_t> energy; // by channel
+    size_t interpan = 0;              // completions
 };
 inline Record record;
 inline std::function<void()> in_callback;      // called from inside the callbacks; empty: nothing
@@ -274,6 +274,8 @@ private:
         if (announce) {
             EXPECT_EQ(frame->message[1] | frame->message[2] << 8, frame->source);
         }
+        EXPECT_EQ(frame->type, announce ? 4 : 0);
+        EXPECT_TRUE(frame->last_hop_lqi > 0 && frame->last_hop_rssi < 0 && frame->binding_table_index == 0xFF);
         enter(frame->source, announce ? "announced" : "frame of " + std::to_string(frame->msg_len));
         return true;
     }
@@ -291,7 +293,7 @@ private:
             enter(0, std::string("stack ") + states[status]);
         };
         table.incoming_message_callback = onFrame;
-        table.energy_scan_result_callback = [](uint8_t, int8_t rssi) { record.energy.push_back(rssi); };
+        table.energy_scan_result_callback = [](uint8_t channel, int8_t rssi) { record.energy[channel] = rssi; };
         table.network_found_callback = [](oruZbHal_network_t *network, uint8_t, int8_t) {
             enter(network->pan_id, network->allowing_join ? "open network" : "closed network");
         };

@@ -35,6 +35,21 @@ reset | stack resetting, stack without network # overtakes the forming)");
     EXPECT_EQ(parameters.channel_mask, 0U) << "written on success only";
 }
 
+TEST_P(HalTest, theNameOfTheAdapterCountsUntilTheFirstEnable) {
+    start();
+    const auto enable = [](std::string name) { return (oruZbHal_setAdapterName(name.data()), oruZbHal_enable()); };
+    EXPECT_EQ(enable("virtual:other.toml"), ORU_STATUS_BUSY);
+    EXPECT_EQ(enable("virtual:given.toml"), ORU_STATUS_ALREADY_EXISTS);
+    pump([] { EXPECT_EQ(oruZbHal_runEvents(1), GetParam() == hal::Mode::thread ? ORU_STATUS_NOT_SUPPORTED : 0); });
+    hal::reset({});
+    oruZbHal_callbacks_t callbacks{};
+    EXPECT_EQ(oruZbHal_init(&callbacks, &descriptor_), 0);
+    EXPECT_EQ(enable(""), ORU_STATUS_BAD_PARAM);
+    EXPECT_EQ(enable(folder_ + "/none"), ORU_STATUS_NOT_FOUND);
+    EXPECT_EQ(enable("/dev/null"), ORU_STATUS_NOT_SUPPORTED);
+    EXPECT_EQ(enable("virtual:" + folder_ + "/none"), ORU_STATUS_BAD_PARAM);
+}
+
 TEST_P(HalTest, formationChecksMasksAndChoosesTheChannel) {
     scenario_.energy_dbm[15 - 11] = -40;
     scenario_.energy_dbm[20 - 11] = -95; // the quietest of the primary mask

@@ -105,7 +105,9 @@ TEST_P(HalTest, sendsAreRefusedForAReasonOrConfirmedInTheirOrder) {
     uint8_t payload[200] = {};
     EXPECT_EQ(oruZbHal_sendZdoMessage(1, nullptr, payload, 2, nullptr, 0), ORU_STATUS_NULL_POINTER);
     EXPECT_EQ(oruZbHal_sendZdoMessage(1, &aps_frame, nullptr, 2, nullptr, 0), ORU_STATUS_NULL_POINTER);
-    EXPECT_EQ(oruZbHal_sendZdoMessage(1, &aps_frame, payload, 200, nullptr, 0), ORU_ZB_HAL_APS_ASDU_TOO_LONG);
+    EXPECT_EQ(oruZbHal_sendZdoMessage(1, &aps_frame, payload, 129, nullptr, 0), ORU_ZB_HAL_APS_ASDU_TOO_LONG);
+    EXPECT_EQ(oruZbHal_sendZdoMessage(1, &aps_frame, payload, 128, nullptr, 0), 0);
+    EXPECT_EQ(oruZbHal_sendZdoMessage(1, &aps_frame, nullptr, 0, nullptr, 0), 0);
     play(R"({"command":"refuse","operation":"sendZclUnicast","status":240} => ok
 send lamp 9 => 240
 send coordinator 9 => 194
@@ -132,7 +134,7 @@ TEST_P(HalTest, noDestinationTakesThePlacesOfTheOthersAndOfZdo) {
         EXPECT_EQ(status, ORU_ZB_HAL_MAC_TRANSACTION_OVERFLOW);
         return count;
     };
-    for (int i = 0; i < 2; ++i) { // all places come back
+    for (int i = 0; i < 5; ++i) { // all places come back
         hal::holdConfirmations(true);
         EXPECT_EQ(accepted("dead", false), 16);
         EXPECT_EQ(accepted("dead", true), 0);
@@ -209,6 +211,14 @@ wait | interpan 0
 interpan 0x00000800 @60000 # lost
 interpan 0x00000800 @0
 reset | interpan -20, interpan -20, stack resetting, stack up)");
+    oruZbHal_interpanHeader_t header{};
+    uint8_t frame[103] = {};
+    const auto send = [&](uint8_t *from, uint8_t size) {
+        return oruZbHal_sendRawInterpanMessageOnChannels(0x800, &header, from, size, nullptr);
+    };
+    EXPECT_EQ(send(frame, 103), ORU_ZB_HAL_MAC_FRAME_TOO_LONG);
+    EXPECT_EQ(send(frame, 102), 0);
+    EXPECT_EQ(send(nullptr, 0), 0);
 }
 
 TEST_P(HalTest, scansReportAndComplete) {
@@ -217,26 +227,33 @@ TEST_P(HalTest, scansReportAndComplete) {
     startWithNetwork(); // on channel 15
     play(R"(scan 2 0x00100000 3 => -10 # no such type
 scan 0 0x00000400 3 => -10 # no channel
+scan 0 0x00000800 15 => -10
 scan 0 0x07FFF800 3 @100
 scan 0 0x07FFF800 3 @10000 => -15 | scanned to 26 0
 scan 1 0x00108000 2 | closed network, open network, scanned to 20 0
 scan 0 0x07FFF800 5 @600
-reset | scanned to 12 -20, stack resetting, stack up)");
-    ASSERT_GT(record.energy.size(), 16U);
-    EXPECT_GE(record.energy[20 - 11], -35);
-    EXPECT_LT(record.energy[0], -80);
+reset | scanned to 12 -20, stack resetting, stack up
+scan 0 0x00000800 14 @252000 | scanned to 11 0)");
+    EXPECT_EQ(record.energy.size(), 16U);
+    EXPECT_GE(record.energy[20], -35);
+    EXPECT_LT(record.energy[11], -80);
     EXPECT_NE(std::ranges::find(record.node_ids, 0xBEEF), record.node_ids.end());
 }
 
 TEST_P(HalTest, adapterDescribesItself) {
     startWithNetwork();
     EXPECT_EQ(oruZbHal_addEndpoint(2, 0x0104, 5, 1, 0, 0, nullptr, nullptr), 0);
-    EXPECT_EQ(oruZbHal_addEndpoint(2, 0x0104, 6, 1, 0, 0, nullptr, nullptr), 0) << "replaced";
-    EXPECT_EQ(oruZbHal_addEndpoint(3, 0x0104, 5, 1, 0, 0, nullptr, nullptr), ORU_STATUS_OUT_OF_MEMORY);
+    const uint16_t clusters[36] = {7};
+    EXPECT_EQ(oruZbHal_addEndpoint(2, 0x0104, 6, 1, 1, 34, clusters, clusters), 0) << "replaced";
+    EXPECT_EQ(oruZbHal_addEndpoint(2, 0x0104, 6, 1, 1, 35, clusters, clusters), ORU_STATUS_PARAM_OUT_OF_RANGE);
+    EXPECT_EQ(oruZbHal_addEndpoint(240, 0x0104, 5, 1, 0, 0, nullptr, nullptr), ORU_STATUS_OUT_OF_MEMORY);
+    EXPECT_EQ(oruZbHal_addEndpoint(241, 0x0104, 5, 1, 0, 0, nullptr, nullptr), ORU_STATUS_PARAM_OUT_OF_RANGE);
     oruZbHal_adapterInfo_t info{};
     EXPECT_EQ(oruZbHal_getAdapterInfo(&info), 0);
     EXPECT_EQ(info.endpoints[0].cluster_count, 23);
     EXPECT_EQ(info.endpoints[1].device_id, 6);
+    EXPECT_EQ(info.endpoints[1].cluster_count, 35);
+    EXPECT_TRUE(info.endpoints[1].clusters[0].server == 1 && info.endpoints[1].clusters[1].server == 0);
     EXPECT_EQ(info.eui64[0], scenario_.coordinator.eui64[7]);
     uint8_t version[2];
     uint8_t count = 2;
