@@ -1,13 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 // Delivery: wake bytes, waiting, reentrancy, a full queue, the watchdog.
-#include "allocation_counter.h"
 #include "zbhal_fixture.h"
 #include <chrono>
 #include <csignal>
 #include <fcntl.h>
-#include <fstream>
 #include <pthread.h>
-#include <sys/resource.h>
 #include <unistd.h>
 
 namespace zbhal_test {
@@ -139,63 +136,21 @@ hal::Options watched(hal::Mode mode, uint32_t seconds) {
     return options;
 }
 
-// Runs work while every new thread wants a stack of a GiB, never touched, and there is room for so many of them.
-void withRoomFor(size_t threads, const std::function<void()> &work) {
-    constexpr size_t stack_size = 1UL << 30;
-    size_t pages = 0;
-    std::ifstream("/proc/self/statm") >> pages;
+TEST_P(HalTest, aThreadThatCannotBeStartedFailsTheStartWithALine) {
     pthread_attr_t usual, huge;
     pthread_getattr_default_np(&usual);
     huge = usual;
-    pthread_attr_setstacksize(&huge, stack_size);
-    pthread_setattr_default_np(&huge);
-    rlimit before{}, limit{};
-    getrlimit(RLIMIT_AS, &before);
-    limit = {pages * 4096 + threads * stack_size + stack_size / 2, before.rlim_max};
-    setrlimit(RLIMIT_AS, &limit);
-    work();
-    setrlimit(RLIMIT_AS, &before);
-    pthread_setattr_default_np(&usual);
-}
-
-TEST_P(HalTest, aThreadThatCannotBeStartedFailsTheStartWithALine) {
-    std::vector<std::string> threads = {"watch", "clock", "dispatch"};
-    threads.resize(GetParam() == hal::Mode::thread ? 3 : 1);
+    pthread_attr_setstacksize(&huge, 1UL << 46);
     oruZbHal_callbacks_t callbacks{};
-    int32_t descriptor = -1;
-    for (size_t room = 0; room <= threads.size(); ++room) {
-        hal::reset(watched(GetParam(), 60));
-        const bool fails = room < threads.size();
-        withRoomFor(room, [&] { EXPECT_EQ(oruZbHal_init(&callbacks, &descriptor), fails ? -1 : 0) << room; });
-        EXPECT_TRUE(!fails || testplat::log::has("cannot start the thread zbhal-" + threads[room] + ": Resource"));
-        EXPECT_EQ(oruZbHal_init(&callbacks, &descriptor), fails ? 0 : ORU_STATUS_ALREADY_INITIALIZED) << "once more";
+    for (const uint32_t watchdog_seconds : {0, 60}) {
+        const bool needed = watchdog_seconds > 0 || GetParam() == hal::Mode::thread;
+        hal::reset(watched(GetParam(), watchdog_seconds));
+        pthread_setattr_default_np(&huge);
+        EXPECT_EQ(oruZbHal_init(&callbacks, &descriptor_), needed ? -1 : 0);
+        pthread_setattr_default_np(&usual);
+        EXPECT_EQ(oruZbHal_init(&callbacks, &descriptor_), needed ? 0 : ORU_STATUS_ALREADY_INITIALIZED);
     }
-}
-
-TEST(MemoryTest, anAllocationThatFailsCostsItsWorkOnly) {
-    mesh::Scenario scenario;
-    hal::Options options = watched(hal::Mode::descriptor, 0);
-    options.scenario = &scenario;
-    oruZbHal_callbacks_t callbacks{};
-    int32_t descriptor = -1;
-    char name[] = "virtual:a name that no string holds without an allocation";
-    const auto start = [&] {
-        const oru_status_t status = oruZbHal_setAdapterName(name);
-        return status == ORU_STATUS_OK ? oruZbHal_enable() : status;
-    };
-    oru_status_t status = ORU_STATUS_OUT_OF_MEMORY;
-    for (uint64_t nth = 1; status == ORU_STATUS_OUT_OF_MEMORY; ++nth) {
-        testplat::log::clear();
-        hal::reset(options);
-        ASSERT_EQ(oruZbHal_init(&callbacks, &descriptor), 0);
-        failing_allocation = allocations + nth;
-        status = start();
-        failing_allocation = 0;
-        oruZbHal_processAction();
-        EXPECT_EQ(testplat::log::has("memory is short: the radio has lost 1 steps"), status != ORU_STATUS_OK) << nth;
-        EXPECT_NE(start(), ORU_STATUS_OUT_OF_MEMORY) << nth;
-    }
-    hal::reset({});
+    EXPECT_TRUE(testplat::log::has("cannot start the thread zbhal-watch: Resource"));
 }
 
 void sleepMs(int milliseconds) {
