@@ -29,7 +29,7 @@ Outcome Client::Impl::connect(const Options &options) {
         return {Transport::NoService, ORU_STATUS_OUT_OF_MEMORY}; // no descriptors
     }
     const auto address = socketAddress(options.socket_path.empty() ? defaultSocketPath() : options.socket_path);
-    auto connection = prepareConnection(Link::Patience::Waits);
+    auto connection = prepareConnection();
     Options wanted = options;
     Lock lock(mutex_);
     changed_.wait(lock, [this] { return !connecting_; });
@@ -100,8 +100,8 @@ void Client::Impl::unwatch(const Link &link) const {
     ::epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, link.fd(), nullptr);
 }
 
-Client::Impl::Connection Client::Impl::prepareConnection(Link::Patience patience) {
-    Connection connection{std::make_shared<Link>(patience), {}, {}};
+Client::Impl::Connection Client::Impl::prepareConnection() {
+    Connection connection{std::make_shared<Link>(), {}, {}};
     connection.up.emplace_back(ConnectionNote{true, {}});
     connection.down.emplace_back(ConnectionNote{false, {}});
     return connection;
@@ -157,7 +157,7 @@ void Client::Impl::startReconnect() {
     }
     next_attempt_ = NEVER;
     try {
-        greeting_ = prepareConnection(Link::Patience::Never);
+        greeting_ = prepareConnection();
     } catch (const std::bad_alloc &) {
         return failReconnect(NO_MEMORY);
     }

@@ -14,7 +14,7 @@
 // that has begun can be lost for lack of memory but the payload of a callback (the outcome says so) and events (counted
 // as dropped).
 //
-// Reconnecting. Nobody waits for it: [startReconnect] connects at once or not at all, the greeting is read like any
+// Reconnecting. Nobody waits for it: [startReconnect] connects within 1 ms or not at all, the greeting is read like any
 // other frame and has its deadline among those of the timer.
 //
 // Asynchronous calls. OPEN (sent, not yet taken over) -> TAKEN [acceptAsync] -> note [completeAsync: callback,
@@ -110,7 +110,7 @@ private:
     void completeAsync(AsyncCalls::iterator call, CallbackResult result);
 
     // connection
-    static Connection prepareConnection(Link::Patience patience);
+    static Connection prepareConnection();
     Outcome attempt(Lock &lock, Connection connection);
     void install(Connection connection);
     void drop(const Outcome &reason);

@@ -64,8 +64,7 @@ std::optional<sockaddr_un> socketAddress(const std::string &path) {
     return address;
 }
 
-Link::Link(Patience patience)
-    : fd_(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | (patience == Patience::Never ? SOCK_NONBLOCK : 0), 0)) {}
+Link::Link() : fd_(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0)) {}
 
 Transport Link::connect(const sockaddr_un &address, TimePoint deadline) const {
     // The time limit of sending is that of connecting, too: it waits while the service's backlog is full.

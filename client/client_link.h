@@ -49,11 +49,10 @@ std::optional<sockaddr_un> socketAddress(const std::string &path);
 
 class Link {
 public:
-    enum class Patience : uint8_t { Waits, Never }; // of connect()
-    explicit Link(Patience patience);
+    Link();
     int fd() const { return fd_.get(); }
 
-    // Ok, NoService, or TimedOut: the service's backlog is full, and with patience it was until the deadline.
+    // Ok, NoService, or TimedOut: the service's backlog was full until the deadline. Waits 1 ms at least.
     Transport connect(const sockaddr_un &address, TimePoint deadline) const;
     // What the service says first; nothing as long as it has said nothing. Never waits.
     std::optional<Outcome> greet(FrameBuffer &buffer);

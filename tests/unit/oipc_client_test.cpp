@@ -232,6 +232,21 @@ TEST_F(ClientTest, WaitsAsLongAsToldInSpiteOfSignals) {
     client.onEvent([](const corvane::Event &) {});
     const std::jthread publisher([this] { publish(1025, {1}); });
     EXPECT_EQ(client.poll(PATIENCE), 1U) << "wakes";
+
+    const RawClient mute(listenAt(directory + "/mute"));
+    Client others[6]; // more than wait at its door
+    options.socket_path = directory + "/mute";
+    options.connect_timeout = 30ms;
+    for (Client &other : others) {
+        EXPECT_GE(timed([&] { EXPECT_EQ(other.connect(options).transport, Transport::TimedOut); }), 30ms);
+    }
+    options.socket_path = path;
+    options.connect_timeout = options.call_timeout = 1h;
+    EXPECT_TRUE(client.connect(options).ok());
+    auto call = std::async([this] { return client.callSync(BLOCK, {}, {}); });
+    EXPECT_TRUE(waitFor(blocked, 2));
+    client.disconnect();
+    EXPECT_EQ(call.get().transport, Transport::ConnectionLost);
 }
 
 TEST_F(ClientTest, ManyThreadsShareOneClient) {
@@ -352,6 +367,7 @@ TEST_F(ClientTest, ReconnectsWithGrowingPausesAndHoldsUpNobody) {
     options.auto_reconnect = true;
     options.reconnect_min = 10ms;
     options.reconnect_max = 35ms;
+    options.call_timeout = 2ms;
     std::atomic<bool> over{false};
     Client unheard;
     std::vector<std::jthread> threads;
@@ -390,6 +406,9 @@ TEST_F(ClientTest, ReconnectsWithGrowingPausesAndHoldsUpNobody) {
         EXPECT_EQ(client.clientId(), 5);
     }
     EXPECT_LT(shortest, options.reconnect_max);
+    for (int i = 0; i < 100; ++i) { // more than the socket takes
+        EXPECT_EQ(client.callSync(ECHO, Payload(4096), {}).transport, Transport::TimedOut);
+    }
     over = true;
 }
 
@@ -397,7 +416,8 @@ TEST_F(ClientTest, FailuresToConnectAreToldApart) {
     ASSERT_EQ(start(), ORU_STATUS_OK);
     const RawClient mute(listenAt(directory + "/mute"));
     for (const auto &[place, expected] : {std::pair{directory + "/nobody", Transport::NoService},
-                                          {std::string(200, 'x'), Transport::Invalid},
+                                          {std::string(107, 'x'), Transport::NoService},
+                                          {std::string(108, 'x'), Transport::Invalid},
                                           {directory + "/mute", Transport::TimedOut}}) {
         options.socket_path = place;
         options.connect_timeout = 10ms;
