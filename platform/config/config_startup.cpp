@@ -22,6 +22,7 @@ struct folder_t {
     const std::string &path;
     mode_t mode; // of a folder that start-up creates
     const char *key;
+    bool may_wait; // what cannot be written now is no reason to end: the store reads what is there and writes later
 };
 
 void reportFolder(const folder_t &folder, const char *what, int error_number) {
@@ -64,7 +65,7 @@ oru_status_t prepareFolder(const folder_t &folder) {
     }
     if (!tryToWrite(folder)) {
         reportFolder(folder, "cannot be written", errno);
-        return ORU_STATUS_GENERAL_ERROR;
+        return folder.may_wait ? ORU_STATUS_OK : ORU_STATUS_GENERAL_ERROR;
     }
     return ORU_STATUS_OK;
 }
@@ -100,8 +101,8 @@ oru_status_t applyLogSettings(const oruConfig_t &config) {
 oru_status_t startUp() {
     (void)std::signal(SIGPIPE, SIG_IGN);
     const oruConfig_t &config = oruConfig_get();
-    const folder_t state = {config.state_directory, 0700, "store.directory"};
-    const folder_t runtime = {config.runtime_directory, 0755, "ipc.directory"};
+    const folder_t state = {config.state_directory, 0700, "store.directory", true};
+    const folder_t runtime = {config.runtime_directory, 0755, "ipc.directory", false};
     oru_status_t result = ORU_STATUS_OK;
     for (const oru_status_t status : {prepareFolder(state), prepareFolder(runtime), applyLogSettings(config)}) {
         result = result == ORU_STATUS_OK ? status : result;

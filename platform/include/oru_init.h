@@ -32,7 +32,8 @@ extern "C" {
 // last component is missing, checks that both can be written, and sets the log up. What fails is one line in the log;
 // the process may go on, the layers concerned then report their own failures.
 //   ORU_STATUS_OK             all is in place
-//   ORU_STATUS_GENERAL_ERROR  a folder is missing or cannot be written
+//   ORU_STATUS_GENERAL_ERROR  a folder is missing, or that of the sockets cannot be written (that of the store may be
+//                             read-only or full for a while; it gets its line and no more)
 //   ORU_STATUS_BAD_PARAM      the log cannot be set up
 //   ORU_STATUS_OUT_OF_MEMORY
 oru_status_t oru_init(void);

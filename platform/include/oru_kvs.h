@@ -10,16 +10,20 @@
 // inspection, named in the log) and treated as absent, so it never hides the others.
 //
 // When the medium fails, nothing here is fatal: set reports the failure and keeps the value in memory (1024 keys at
-// most), get and listKeys see it, and every later operation tries to write it. Each change of condition is one log
-// line, however many calls fail.
+// most), get and listKeys see it, and every later operation, a timer (every 5 s) and the end of the process try to
+// write it; what is lost in the end is named in the log. An erasure of a group is kept in the same way. Each change of
+// condition is one log line, however many calls fail. A medium on which nothing can be written is read from a copy in
+// the folder of the sockets.
 //
 // All operations may be called from every thread, also under locks of the caller: no lock is held while a callback
-// runs, and the only layer used is the log. They wait for the medium (one flush per set), and once for up to 2 s when
-// another program has the file locked. The store opens itself at the first call, in the folder of the configuration.
+// runs, and the only layers used are the log and the timers. They wait for the medium (one flush per set), and once for
+// up to 2 s when another program has the file locked. The store opens itself at the first call, in the folder of the
+// configuration; that call waits up to 10 s for a store that cannot be opened, or until SIGTERM or SIGINT arrives.
+// Files deleted while they are open are written back; nothing is written to a file that has replaced ours.
 //
-// Statuses that every operation but a refused argument can return:
-//   ORU_STATUS_GENERAL_ERROR  the medium is full, read-only or failing, or the folder is not there
-//   ORU_STATUS_BUSY           another daemon uses the folder, or another program has the file locked
+// Statuses that every operation that changes something can return:
+//   ORU_STATUS_GENERAL_ERROR  the medium is full, read-only or failing, the folder is not there, or the file was
+//   replaced ORU_STATUS_BUSY           another daemon uses the folder, or another program has the file locked
 //   ORU_STATUS_NOT_SUPPORTED  the store was written by a newer release; it is left untouched
 //   ORU_STATUS_OUT_OF_MEMORY
 #pragma once
@@ -44,6 +48,7 @@ oru_status_t oruKeyValueDsHal_set(const char *key, const void *value, size_t val
 // returned count.
 //   1 and more                   bytes copied
 //   ORU_STATUS_NOT_FOUND         there is no (sound) value of this key
+//   ORU_STATUS_TRY_AGAIN         the store could not be read, whatever the reason: there may be a value
 //   ORU_STATUS_NULL_POINTER      key or buffer is null
 //   ORU_STATUS_DATA_LEN_INVALID  buffer_size is 0
 //   ORU_STATUS_BAD_PARAM         the key has the wrong form
@@ -59,11 +64,14 @@ oru_status_t oruKeyValueDsHal_remove(const char *key);
 // callback stops it. The names are those at the moment of the call; the callback may use the store and change it.
 //   ORU_STATUS_OK                the listing ran, also over no key at all and when the callback stopped it
 //   ORU_STATUS_NULL_POINTER      group or callback is null
-//   any other                    the store could not be read; values waiting in memory were listed all the same
+//   ORU_STATUS_TRY_AGAIN         the store could not be read, whatever the reason: there may be more than was listed
+//                                (values waiting in memory were)
 oru_status_t oruKeyValueDsHal_listKeys(const char *group, oruKeyValueDsHal_listKeysCallback_t callback);
 
 // Removes every key of the group, all or nothing.
 //   ORU_STATUS_OK                the group is empty, whether or not it was before
 //   ORU_STATUS_NULL_POINTER      group is null
+//   any other                    the group counts as empty from now on, but is not yet so on the medium: should the
+//                                process end before the erasure could be made up for, its keys are back
 oru_status_t oruKeyValueDsHal_eraseGroup(const char *group);
 }

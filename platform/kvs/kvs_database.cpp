@@ -7,6 +7,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <filesystem>
+#include <fstream>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <vector>
@@ -16,6 +18,7 @@ namespace {
 constexpr int schema_version = 1;
 constexpr long schema_mark = 0x43560000; // "CV"; with the number of the schema it is the application_id
 
+constexpr const char *connection_sql = "PRAGMA cell_size_check=ON; PRAGMA synchronous=FULL; PRAGMA temp_store=MEMORY";
 constexpr const char *schema_sql =
     "BEGIN IMMEDIATE;"
     "CREATE TABLE records(\"group\" TEXT NOT NULL, name TEXT NOT NULL, value BLOB NOT NULL, crc32c INTEGER NOT NULL,"
@@ -164,6 +167,9 @@ kvsResult_t createOrCheckSchema(sqlite3 *connection, const std::string &path) {
 kvsResult_t checkIntegrity(sqlite3 *connection, const std::string &path) {
     std::string verdict;
     kvsResult_t result = queryText(connection, path, "PRAGMA integrity_check(1)", verdict);
+    if (result.ok() && verdict != "ok") { // a block that could not be read just once is no damage
+        result = queryText(connection, path, "PRAGMA integrity_check(1)", verdict);
+    }
     if (result.ok() && verdict != "ok") {
         return {SQLITE_CORRUPT, "cannot use " + path + ": " + verdict};
     }
@@ -186,20 +192,44 @@ kvsResult_t prepareStatements(kvsDatabase_t &database) {
     return {};
 }
 
+// Size in bytes, 0 when there is no such file.
+kvsResult_t fileSize(const std::string &path, off_t &size) {
+    struct stat file = {};
+    size = 0;
+    if (stat(path.c_str(), &file) == 0) {
+        size = file.st_size;
+        return {};
+    }
+    return errno == ENOENT ? kvsResult_t{} : kvsSystemFailure("cannot read", path, errno);
+}
+
 // SQLite takes a file that is empty, or as good as, for a new database and deletes its log; content that was cut off
 // would vanish unseen.
-bool wasEmptied(const std::string &path) {
+kvsResult_t checkNotEmptied(const std::string &path) {
     constexpr off_t header_size = 100;
-    struct stat file = {};
-    struct stat log = {};
-    return stat(path.c_str(), &file) == 0 && file.st_size < header_size &&
-           (file.st_size > 0 || (stat((path + "-wal").c_str(), &log) == 0 && log.st_size > 0));
+    off_t file = 0;
+    off_t log = 0;
+    kvsResult_t result = fileSize(path, file);
+    if (result.ok()) {
+        result = fileSize(path + "-wal", log);
+    }
+    if (result.ok() && file < header_size && (file > 0 || log > 0)) {
+        return {SQLITE_CORRUPT, "cannot use " + path + ": its content was cut off"};
+    }
+    return result;
 }
 
 // SQLite reads, but does not write, a file whose header asks for a format it does not know; no release of ours wrote
-// such a one.
-bool hasStrangeFormat(sqlite3 *connection, const std::string &path) {
-    return sqlite3_db_readonly(connection, "main") == 1 && access(path.c_str(), W_OK) == 0;
+// such a one. It does the same with one that it may not, or just once could not, open for writing.
+kvsResult_t readOnlyFailure(const std::string &path) {
+    constexpr size_t write_version_at = 18;
+    constexpr unsigned char highest_known = 2;
+    std::array<char, write_version_at + 1> header{};
+    if (std::ifstream(path, std::ios::binary).read(header.data(), header.size()) &&
+        static_cast<unsigned char>(header[write_version_at]) > highest_known) {
+        return {SQLITE_CORRUPT, "cannot use " + path + ": its header is damaged"};
+    }
+    return {SQLITE_READONLY, "cannot open " + path + " for writing" + adviceFor(SQLITE_READONLY)};
 }
 
 // Moves the content of the log into the database file. When that fails (a full medium, a reader elsewhere) the log
@@ -208,41 +238,89 @@ void emptyLog(sqlite3 *connection) {
     (void)sqlite3_wal_checkpoint_v2(connection, nullptr, SQLITE_CHECKPOINT_TRUNCATE, nullptr, nullptr);
 }
 
-kvsResult_t openAndCheck(kvsDatabase_t &database, int busy_timeout_ms) {
+kvsResult_t openConnection(kvsDatabase_t &database, int busy_timeout_ms) {
     const std::string &path = database.path;
     kvsResult_t result = kvsFile_create(path);
-    if (result.ok() && wasEmptied(path)) {
-        return {SQLITE_CORRUPT, "cannot use " + path + ": its content was cut off"};
+    if (result.ok()) {
+        result = checkNotEmptied(path);
     }
     if (result.ok()) {
-        result = kvsConnection_open(database.connection, path, SQLITE_OPEN_READWRITE);
+        result = kvsConnection_open(database.connection, path, SQLITE_OPEN_READWRITE, database.alone);
     }
     if ((result.code & 0xFF) == SQLITE_ERROR) { // a format that SQLite does not know
         return foreign(path, result.text);
     }
+    if (result.ok()) {
+        (void)sqlite3_busy_timeout(database.connection.get(), busy_timeout_ms);
+    }
+    return result;
+}
+
+kvsResult_t checkContent(sqlite3 *connection, const std::string &path) {
+    kvsResult_t result = createOrCheckSchema(connection, path);
+    if ((result.ok() || (result.code & 0xFF) == SQLITE_READONLY) && sqlite3_db_readonly(connection, "main") == 1) {
+        return readOnlyFailure(path);
+    }
+    return result.ok() ? checkIntegrity(connection, path) : result;
+}
+
+void noteFiles(kvsDatabase_t &database) {
+    database.files = {kvsFile_id(database.path), kvsFile_id(database.path + "-wal"),
+                      database.alone ? kvsFileId_t{} : kvsFile_id(database.path + "-shm")};
+}
+
+// Nothing is written before all is known to be sound and ours: a newer or damaged store stays as it was found.
+kvsResult_t openAndCheck(kvsDatabase_t &database, int busy_timeout_ms) {
+    kvsResult_t result = openConnection(database, busy_timeout_ms);
     if (!result.ok()) {
         return result;
     }
     sqlite3 *const connection = database.connection.get();
-    (void)sqlite3_busy_timeout(connection, busy_timeout_ms);
-    result = createOrCheckSchema(connection, path);
-    if ((result.ok() || (result.code & 0xFF) == SQLITE_READONLY) && hasStrangeFormat(connection, path)) {
-        result = {SQLITE_CORRUPT, "cannot use " + path + ": its header is damaged"};
-    }
-    if (result.ok()) {
-        result = checkIntegrity(connection, path);
-    }
+    result = checkContent(connection, database.path);
     if (result.ok()) {
         // 25 pages keep the log near 100 KB: writes are rare, and what is not in the log cannot be lost with it.
-        result = execute(connection, path, "PRAGMA journal_mode=WAL; PRAGMA wal_autocheckpoint=25");
+        result = execute(connection, database.path, "PRAGMA journal_mode=WAL; PRAGMA wal_autocheckpoint=25");
+    }
+    if (!result.ok()) {
+        return result;
     }
     // What a crash left in the log is brought home early: one bad block in the log would hide all that follows it.
     emptyLog(connection);
-    return result.ok() ? prepareStatements(database) : result;
+    noteFiles(database);
+    return prepareStatements(database);
+}
+
+kvsResult_t openOrRebuild(kvsDatabase_t &database, int busy_timeout_ms) {
+    kvsResult_t result = openAndCheck(database, busy_timeout_ms);
+    if (isDamage(result.code)) {
+        kvsDatabase_close(database);
+        result = kvsRebuild_run(database.path, result.text);
+        if (result.ok()) {
+            result = openAndCheck(database, busy_timeout_ms);
+        }
+    }
+    return result;
+}
+
+// Of the failures these may come from the -shm alone: it is made when the database is opened, and takes 32 KiB.
+bool mayLackSharedMemory(int code) {
+    const int primary = code & 0xFF;
+    return code > 0 && (primary == SQLITE_FULL || primary == SQLITE_CANTOPEN || primary == SQLITE_IOERR);
 }
 
 kvsResult_t statementFailure(const kvsDatabase_t &database, const char *action) {
     return kvsConnection_failure(database.connection.get(), action, database.path);
+}
+
+kvsResult_t change(kvsDatabase_t &database, statementUse_t &statement) {
+    int code = statement.step();
+    if ((code & 0xFF) == SQLITE_FULL) {
+        // On a small medium the log may be what fills it.
+        (void)sqlite3_reset(statement.statement); // repeats the error
+        emptyLog(database.connection.get());
+        code = statement.step();
+    }
+    return code == SQLITE_DONE ? kvsResult_t{} : statementFailure(database, "cannot write");
 }
 
 uint32_t recordCrc(const kvsKey_t &key, std::span<const uint8_t> value) {
@@ -302,7 +380,7 @@ void quarantine(kvsDatabase_t &database, const std::vector<unsound_t> &records) 
     if (records.empty()) {
         return;
     }
-    const int code = moveRecords(database, records);
+    const int code = database.copy ? SQLITE_READONLY : moveRecords(database, records);
     if (sqlite3_get_autocommit(database.connection.get()) == 0) {
         (void)sqlite3_exec(database.connection.get(), "ROLLBACK", nullptr, nullptr, nullptr); // nothing changed then
     }
@@ -348,7 +426,7 @@ void kvsFile_syncFolder(const std::string &path) {
     }
 }
 
-kvsResult_t kvsConnection_open(kvsConnection_t &connection, const std::string &path, int flags) {
+kvsResult_t kvsConnection_open(kvsConnection_t &connection, const std::string &path, int flags, bool alone) {
     sqlite3 *raw = nullptr;
     // The mutex of the store already keeps threads apart.
     const int code = sqlite3_open_v2(path.c_str(), &raw, flags | SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_EXRESCODE, nullptr);
@@ -363,7 +441,9 @@ kvsResult_t kvsConnection_open(kvsConnection_t &connection, const std::string &p
     // Closing leaves the log alone, so that a damaged file is set aside as it was found.
     (void)sqlite3_db_config(raw, SQLITE_DBCONFIG_TRUSTED_SCHEMA, 0, nullptr);
     (void)sqlite3_db_config(raw, SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
-    return execute(raw, path, "PRAGMA cell_size_check=ON; PRAGMA synchronous=FULL; PRAGMA temp_store=MEMORY");
+    // The locking mode first: the other settings look into the file.
+    kvsResult_t result = alone ? execute(raw, path, "PRAGMA locking_mode=EXCLUSIVE") : kvsResult_t{};
+    return result.ok() ? execute(raw, path, connection_sql) : result;
 }
 
 kvsResult_t kvsConnection_createSchema(sqlite3 *connection, const std::string &path) {
@@ -388,12 +468,17 @@ std::string kvsRow_key(sqlite3_stmt *row) {
 
 kvsResult_t kvsDatabase_open(kvsDatabase_t &database, const std::string &directory, int busy_timeout_ms) {
     database.path = directory + "/corvane.db";
-    kvsResult_t result = openAndCheck(database, busy_timeout_ms);
-    if (isDamage(result.code)) {
+    database.alone = database.copy = false;
+    kvsResult_t result = kvsRebuild_resume(database.path);
+    if (!result.ok()) {
+        return result;
+    }
+    result = openOrRebuild(database, busy_timeout_ms);
+    if (mayLackSharedMemory(result.code)) {
         kvsDatabase_close(database);
-        result = kvsRebuild_run(database.path, result.text);
-        if (result.ok()) {
-            result = openAndCheck(database, busy_timeout_ms);
+        database.alone = true;
+        if (openAndCheck(database, busy_timeout_ms).ok()) {
+            return {};
         }
     }
     if (!result.ok()) {
@@ -407,14 +492,14 @@ void kvsDatabase_close(kvsDatabase_t &database) {
         statement.reset();
     }
     database.connection.reset();
+    if (database.copy) {
+        std::error_code error; // it is made afresh when it is needed again
+        std::filesystem::remove_all(std::filesystem::path(database.path).parent_path(), error);
+        database.copy = false;
+    }
 }
 
 kvsResult_t kvsDatabase_put(kvsDatabase_t &database, const kvsKey_t &key, std::span<const uint8_t> value) {
-    int moved = 0;
-    if (sqlite3_file_control(database.connection.get(), "main", SQLITE_FCNTL_HAS_MOVED, &moved) == SQLITE_OK &&
-        moved != 0) {
-        return {KVS_MOVED, "cannot write " + database.path + ": it was moved or deleted while in use"};
-    }
     {
         statementUse_t stored(database, KVS_STATEMENT_GET);
         stored.bindKey(key);
@@ -427,14 +512,7 @@ kvsResult_t kvsDatabase_put(kvsDatabase_t &database, const kvsKey_t &key, std::s
     put.bindKey(key);
     (void)sqlite3_bind_blob(put.statement, 3, value.data(), static_cast<int>(value.size()), SQLITE_STATIC);
     (void)sqlite3_bind_int64(put.statement, 4, int64_t{recordCrc(key, value)});
-    int code = put.step();
-    if ((code & 0xFF) == SQLITE_FULL) {
-        // On a small medium the log may be what fills it.
-        (void)sqlite3_reset(put.statement); // repeats the error
-        emptyLog(database.connection.get());
-        code = put.step();
-    }
-    return code == SQLITE_DONE ? kvsResult_t{} : statementFailure(database, "cannot write");
+    return change(database, put);
 }
 
 kvsResult_t kvsDatabase_get(kvsDatabase_t &database, const kvsKey_t &key, std::span<uint8_t> buffer, size_t &copied) {
@@ -462,13 +540,13 @@ kvsResult_t kvsDatabase_get(kvsDatabase_t &database, const kvsKey_t &key, std::s
 kvsResult_t kvsDatabase_remove(kvsDatabase_t &database, const kvsKey_t &key) {
     statementUse_t removal(database, KVS_STATEMENT_REMOVE);
     removal.bindKey(key);
-    return removal.step() == SQLITE_DONE ? kvsResult_t{} : statementFailure(database, "cannot write");
+    return change(database, removal);
 }
 
 kvsResult_t kvsDatabase_eraseGroup(kvsDatabase_t &database, std::string_view group) {
     statementUse_t erasure(database, KVS_STATEMENT_ERASE_GROUP);
     erasure.bindText(1, group);
-    return erasure.step() == SQLITE_DONE ? kvsResult_t{} : statementFailure(database, "cannot write");
+    return change(database, erasure);
 }
 
 kvsResult_t kvsDatabase_listNames(kvsDatabase_t &database, std::string_view group, std::set<std::string> &names) {

@@ -3,11 +3,13 @@
 // Repair of a damaged database file. Steps, in an order that survives a crash between any two of them:
 //   1. corvane.db.new: a new database, readable records of the damaged one copied into it in one transaction; what its
 //      first page hides is read from a copy, corvane.db.salvage, that has a sound one
-//   2. the log and other companions of the damaged file get their new names
-//   3. the damaged file gets its second name, corvane.db.damaged-<time> (a hard link)
-//   4. corvane.db.new takes over the name corvane.db
-// Up to step 4 the damaged file is still corvane.db and the next start simply begins again. Nothing is ever deleted
-// except an unfinished corvane.db.new and the salvage copy. A full disk stops at step 1 with the damaged file in place.
+//   2. complete on the medium, it becomes corvane.db.repaired; from here on the next start goes on with it
+//   3. the log and other companions of the damaged file get their new names
+//   4. the damaged file gets its second name, corvane.db.damaged-<time> (a hard link)
+//   5. corvane.db.repaired takes over the name corvane.db
+// Up to step 2 nothing has happened to the damaged file and the next start begins again. The time in the new names is
+// that of the repaired file, so that a start that goes on finds the same ones. Nothing is ever deleted except an
+// unfinished corvane.db.new and the salvage copy. A full disk stops at step 1 with the damaged file in place.
 #include "kvs_database.h"
 #include "oru_log.h"
 #include <cerrno>
@@ -43,7 +45,9 @@ constexpr const char *quarantine_sql = "INSERT INTO quarantine(\"group\", name, 
 struct salvage_t {
     kvsConnection_t source; // null: not even readable as a database
     kvsConnection_t target;
+    std::string source_path;
     std::string target_path;
+    kvsResult_t unread; // the last block that the medium did not give
     unsigned recovered = 0;
     unsigned quarantined = 0;
 };
@@ -66,13 +70,43 @@ bool copyRow(sqlite3_stmt *row, sqlite3_stmt *insertion, const char *fault) {
     return done;
 }
 
-// False only when the target cannot be written; a source that ends in an error is what we are here for.
-bool copyRows(salvage_t &salvage, const char *sql, bool keep_unsound) {
+// Not the damage, but want of memory, of descriptors, of a lock: another try may read more.
+bool mayPass(int code) {
+    switch (code & 0xFF) {
+    case SQLITE_NOMEM:
+    case SQLITE_BUSY:
+    case SQLITE_LOCKED:
+    case SQLITE_FULL:
+    case SQLITE_CANTOPEN:
+        return code > 0;
+    default:
+        return false;
+    }
+}
+
+kvsResult_t sourceState(salvage_t &salvage) {
+    const int code = sqlite3_extended_errcode(salvage.source.get());
+    if ((code & 0xFF) == SQLITE_IOERR) {
+        salvage.unread = kvsConnection_failure(salvage.source.get(), "cannot read", salvage.source_path);
+    }
+    return mayPass(code) ? kvsConnection_failure(salvage.source.get(), "cannot read", salvage.source_path)
+                         : kvsResult_t{};
+}
+
+kvsResult_t targetFailure(const salvage_t &salvage) {
+    return kvsConnection_failure(salvage.target.get(), "cannot write", salvage.target_path);
+}
+
+// A source that ends in an error is what we are here for; a failure is one of the target, or one that may pass.
+kvsResult_t copyRows(salvage_t &salvage, const char *sql, bool keep_unsound) {
+    if (!salvage.source) {
+        return {};
+    }
     const kvsStatement_t scan = prepare(salvage.source.get(), sql);
     const kvsStatement_t insertion = prepare(salvage.target.get(), insert_sql);
     const kvsStatement_t unsound = prepare(salvage.target.get(), quarantine_sql);
     if (!insertion || !unsound) {
-        return false;
+        return targetFailure(salvage);
     }
     for (unsigned count = 0; scan && count < max_rows_read && sqlite3_step(scan.get()) == SQLITE_ROW; count++) {
         const char *fault = kvsRow_fault(scan.get());
@@ -80,7 +114,7 @@ bool copyRows(salvage_t &salvage, const char *sql, bool keep_unsound) {
             continue;
         }
         if (!copyRow(scan.get(), fault == nullptr ? insertion.get() : unsound.get(), fault)) {
-            return false;
+            return targetFailure(salvage);
         }
         const auto added = static_cast<unsigned>(sqlite3_changes(salvage.target.get()));
         (fault == nullptr ? salvage.recovered : salvage.quarantined) += added;
@@ -90,7 +124,12 @@ bool copyRows(salvage_t &salvage, const char *sql, bool keep_unsound) {
                        kvsRow_key(scan.get()).c_str(), fault);
         }
     }
-    return true;
+    return sourceState(salvage);
+}
+
+kvsResult_t copyBothWays(salvage_t &salvage, bool keep_unsound) {
+    kvsResult_t result = copyRows(salvage, forward_sql, keep_unsound);
+    return result.ok() ? copyRows(salvage, backward_sql, false) : result;
 }
 
 void removeSalvageCopy(const std::string &path) {
@@ -104,8 +143,11 @@ kvsResult_t makeSalvageCopy(const salvage_t &salvage, const std::string &path) {
     const std::string copy = path + ".salvage";
     std::error_code error;
     std::filesystem::copy_file(path, copy, error);
-    if (!error && std::filesystem::exists(path + "-wal")) {
+    if (!error) {
         std::filesystem::copy_file(path + "-wal", copy + "-wal", error);
+        if (error == std::errc::no_such_file_or_directory) {
+            error.clear();
+        }
     }
     if (error) {
         return kvsSystemFailure("cannot copy", path, error.value());
@@ -121,20 +163,30 @@ kvsResult_t makeSalvageCopy(const salvage_t &salvage, const std::string &path) {
 
 // SQLite would delete the log of an empty file, even on a connection that only reads, and refuse one that was cut short
 // unless the schema is declared writable.
-void openSource(salvage_t &salvage, const std::string &path, int flags) {
+kvsResult_t openSource(salvage_t &salvage, const std::string &path, int flags) {
+    salvage.source.reset();
+    salvage.source_path = path;
     struct stat file = {};
-    if (stat(path.c_str(), &file) != 0 || file.st_size == 0) {
-        return;
+    if (stat(path.c_str(), &file) != 0) {
+        return errno == ENOENT ? kvsResult_t{} : kvsSystemFailure("cannot read", path, errno);
     }
-    if (!kvsConnection_open(salvage.source, path, flags).ok() ||
+    if (file.st_size == 0) {
+        return {};
+    }
+    kvsResult_t result = kvsConnection_open(salvage.source, path, flags);
+    if (result.ok() &&
         sqlite3_exec(salvage.source.get(), "PRAGMA writable_schema=ON", nullptr, nullptr, nullptr) != SQLITE_OK) {
+        result = kvsConnection_failure(salvage.source.get(), "cannot read", path);
+    }
+    if (!result.ok()) {
         salvage.source.reset();
     }
+    return mayPass(result.code) ? result : kvsResult_t{};
 }
 
 // Each page in turn takes the place of the root, as a tree of its own. Rows deleted long ago may come back from pages
 // that are not in use: for when all others are lost.
-bool copyPageByPage(salvage_t &salvage, const std::string &copy) {
+kvsResult_t copyPageByPage(salvage_t &salvage, const std::string &copy) {
     (void)sqlite3_exec(salvage.source.get(), "PRAGMA wal_checkpoint(TRUNCATE)", nullptr, nullptr, nullptr);
     std::fstream file(copy, std::ios::binary | std::ios::in | std::ios::out);
     for (unsigned page = 1; page < max_pages_tried; page++) {
@@ -143,29 +195,40 @@ bool copyPageByPage(salvage_t &salvage, const std::string &copy) {
         file.read(content.data(), content.size());
         file.clear();
         if (file.gcount() != std::streamsize(page_size)) {
-            return true;
+            break;
         }
         salvage.source.reset();
         file.seekp(std::streamoff(root_at));
         file.write(content.data(), content.size()).flush();
-        openSource(salvage, copy, SQLITE_OPEN_READWRITE);
-        if (!copyRows(salvage, forward_sql, false)) {
-            return false;
+        kvsResult_t result = openSource(salvage, copy, SQLITE_OPEN_READWRITE);
+        if (result.ok()) {
+            result = copyRows(salvage, forward_sql, false);
+        }
+        if (!result.ok()) {
+            return result;
         }
     }
-    return true;
+    return {};
 }
 
 // Of the copy sound rows only: the file may be that of another program.
-bool copyAll(salvage_t &salvage, const std::string &path) {
-    openSource(salvage, path, SQLITE_OPEN_READONLY);
-    if (!copyRows(salvage, forward_sql, true) || !copyRows(salvage, backward_sql, false)) {
-        return false;
-    }
+kvsResult_t copyAll(salvage_t &salvage, const std::string &path) {
     const std::string copy = path + ".salvage";
-    openSource(salvage, copy, SQLITE_OPEN_READWRITE);
-    return copyRows(salvage, forward_sql, false) && copyRows(salvage, backward_sql, false) &&
-           (salvage.recovered > 0 || copyPageByPage(salvage, copy));
+    kvsResult_t result = openSource(salvage, path, SQLITE_OPEN_READONLY);
+    if (result.ok()) {
+        result = copyBothWays(salvage, true);
+    }
+    if (result.ok()) {
+        result = openSource(salvage, copy, SQLITE_OPEN_READWRITE);
+    }
+    if (result.ok()) {
+        result = copyBothWays(salvage, false);
+    }
+    if (result.ok() && salvage.recovered == 0) {
+        result = copyPageByPage(salvage, copy);
+    }
+    // A medium that gives nothing at all may come back; one that gives a part has given what it can.
+    return result.ok() && salvage.recovered == 0 ? salvage.unread : result;
 }
 
 // The target stays in rollback-journal mode: complete in one file once the transaction has ended.
@@ -179,10 +242,13 @@ kvsResult_t fillTarget(salvage_t &salvage, const std::string &path) {
     if (!result.ok() && result.code != SQLITE_CANTOPEN) {
         return result;
     }
-    const bool filled = sqlite3_exec(target, "BEGIN", nullptr, nullptr, nullptr) == SQLITE_OK &&
-                        copyAll(salvage, path) &&
-                        sqlite3_exec(target, "COMMIT", nullptr, nullptr, nullptr) == SQLITE_OK;
-    return filled ? kvsResult_t{} : kvsConnection_failure(target, "cannot write", salvage.target_path);
+    if (sqlite3_exec(target, "BEGIN", nullptr, nullptr, nullptr) != SQLITE_OK) {
+        return targetFailure(salvage);
+    }
+    result = copyAll(salvage, path);
+    return result.ok() && sqlite3_exec(target, "COMMIT", nullptr, nullptr, nullptr) != SQLITE_OK
+               ? targetFailure(salvage)
+               : result;
 }
 
 kvsResult_t buildTarget(salvage_t &salvage, const std::string &path) {
@@ -205,16 +271,22 @@ kvsResult_t buildTarget(salvage_t &salvage, const std::string &path) {
     return result;
 }
 
-// A name that is not taken yet.
-std::string asideName(const std::string &path) {
-    const time_t now = time(nullptr);
+std::string timeOf(const std::string &path) {
+    struct stat file = {};
+    (void)stat(path.c_str(), &file); // of a file that is there; 1970 else, as good a name as any
     struct tm utc = {};
-    (void)gmtime_r(&now, &utc);
+    (void)gmtime_r(&file.st_mtime, &utc);
     std::array<char, 32> stamp = {};
     (void)strftime(stamp.data(), stamp.size(), "%Y%m%dT%H%M%SZ", &utc);
-    const std::string base = path + ".damaged-" + stamp.data();
+    return stamp.data();
+}
+
+// A name that is not taken yet, except by this very file.
+std::string asideName(const std::string &path) {
+    const std::string base = path + ".damaged-" + timeOf(path + ".repaired");
+    const kvsFileId_t damaged = kvsFile_id(path);
     std::string name = base;
-    for (int number = 2; access(name.c_str(), F_OK) == 0; number++) {
+    for (int number = 2; access(name.c_str(), F_OK) == 0 && !(kvsFile_id(name) == damaged); number++) {
         name = base + "-" + std::to_string(number);
     }
     return name;
@@ -227,27 +299,57 @@ kvsResult_t setAside(const std::string &path, const std::string &aside) {
         }
     }
     // Not every file system has hard links.
-    if (link(path.c_str(), aside.c_str()) != 0 && rename(path.c_str(), aside.c_str()) != 0) {
+    if (link(path.c_str(), aside.c_str()) != 0 && errno != EEXIST && errno != ENOENT &&
+        rename(path.c_str(), aside.c_str()) != 0) {
         return kvsSystemFailure("cannot set aside", path, errno);
-    }
-    kvsFile_syncFolder(path);
-    if (rename((path + ".new").c_str(), path.c_str()) != 0) {
-        return kvsSystemFailure("cannot replace", path, errno);
     }
     kvsFile_syncFolder(path);
     return {};
 }
 
+// The file with the new name is complete.
+kvsResult_t takeOver(const std::string &path, std::string &aside) {
+    const std::string name = asideName(path);
+    kvsResult_t result = setAside(path, name);
+    if (result.ok() && rename((path + ".repaired").c_str(), path.c_str()) != 0) {
+        return kvsSystemFailure("cannot replace", path, errno);
+    }
+    kvsFile_syncFolder(path);
+    aside = access(name.c_str(), F_OK) == 0 ? name : "";
+    return result;
+}
+
 } // namespace
+
+kvsResult_t kvsRebuild_replace(const std::string &path, std::string &aside) {
+    if (rename((path + ".new").c_str(), (path + ".repaired").c_str()) != 0) {
+        return kvsSystemFailure("cannot rename", path + ".new", errno);
+    }
+    kvsFile_syncFolder(path);
+    return takeOver(path, aside);
+}
+
+kvsResult_t kvsRebuild_resume(const std::string &path) {
+    if (access((path + ".repaired").c_str(), F_OK) != 0) {
+        return errno == ENOENT ? kvsResult_t{} : kvsSystemFailure("cannot read", path + ".repaired", errno);
+    }
+    std::string aside;
+    kvsResult_t result = takeOver(path, aside);
+    if (result.ok()) {
+        oruLog_log(ORU_LOG_ID_MAIN, ORU_LOG_ERROR, kvs_log_tag,
+                   "store: a repair of %s that was cut short is finished%s%s", path.c_str(),
+                   aside.empty() ? "" : "; the file was set aside as ", aside.c_str());
+    }
+    return result;
+}
 
 kvsResult_t kvsRebuild_run(const std::string &path, const std::string &reason) {
     salvage_t salvage;
     kvsResult_t result = buildTarget(salvage, path);
-    if (!result.ok()) {
-        return result;
+    std::string aside;
+    if (result.ok()) {
+        result = kvsRebuild_replace(path, aside);
     }
-    const std::string aside = asideName(path);
-    result = setAside(path, aside);
     if (result.ok()) {
         oruLog_log(ORU_LOG_ID_MAIN, ORU_LOG_ERROR, kvs_log_tag,
                    "store: %s; the file was set aside as %s, a new one begun with %u records recovered from it and %u "

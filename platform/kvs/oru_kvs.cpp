@@ -1,29 +1,33 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The key-value store: checks of arguments, the lock of the folder, and values that could not be written yet.
+// The key-value store: checks of arguments, the wait at start, and changes that could not be written yet.
 //
-//   operation ──► open (if closed) ──► flush waiting values, oldest first ──► the operation itself
+//   operation ──► open (if closed) ──► flush erasures and values that wait, oldest first ──► the operation itself
 //
-// A value whose write fails waits in memory; get and listKeys see it, every later operation tries again, and the caller
-// of set has been told by the status. While anything waits, the database holds older values of those keys only.
-// Operations that remove something are not kept: their failure changes nothing, and their caller keeps its record.
+// A value whose write fails waits in memory; get and listKeys see it, every later operation, a timer and the end of the
+// process try again, and the caller of set has been told by the status. While anything waits, the database holds older
+// values of those keys only. So does the erasure of a group: its caller has forgotten what was in it, and what is
+// erased must not be back after a restart. The removal of one key is not kept: its failure changes nothing, and its
+// caller keeps its record.
 //
-// One mutex guards everything here. It is never held while a callback runs, and the log is the only layer called
-// under it.
+// One mutex guards everything here. It is never held while a callback runs; the log and the timers' own lock are the
+// only things taken under it.
 #include "oru_kvs.h"
 #include "kvs_database.h"
 #include "oru_config.h"
 #include "oru_kvs_testing.h"
 #include "oru_log.h"
+#include "oru_time.h"
 #include <algorithm>
-#include <cerrno>
+#include <atomic>
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
 #include <cstring>
 #include <deque>
-#include <fcntl.h>
 #include <mutex>
 #include <new>
 #include <optional>
-#include <sys/file.h>
 #include <unistd.h>
 #include <vector>
 
@@ -33,21 +37,36 @@ constexpr size_t max_key_length = 64;
 constexpr size_t max_value_size = 65536;
 constexpr size_t max_waiting = 1024;
 constexpr int busy_timeout_ms = 2000;
+constexpr uint32_t watch_period_ms = 60'000; // whether the files still have their names
+constexpr auto last_flush_limit = std::chrono::seconds(1);
+
+std::atomic<uint32_t> start_wait_ms{10'000}; // longest, for a medium that is mounted late or a lock that is held
+std::atomic<uint32_t> retry_period_ms{5'000};
 
 struct waiting_t {
     std::string key;
     std::vector<uint8_t> value;
 };
 
+// What does not work, and what proves that it works again: opening, or anything further to the right.
+enum class trouble_t : uint8_t { none, opening, reading, writing };
+
 struct store_t {
-    std::mutex mutex;
+    std::timed_mutex mutex;
     int lock_descriptor = -1;
     kvsDatabase_t database;
+    kvsResult_t copy_reason;       // why database is a copy only
+    bool started = false;          // the wait at start is over
+    bool writable = false;         // open, in its place and not a copy, as far as the last operation knows
     bool reopen = false;           // the connection may be unsound; the next operation opens it again
     std::deque<waiting_t> waiting; // one entry per key
-    std::string condition;         // text of the failure that was logged last; empty: all is well
-    unsigned written_late = 0;     // waiting values written since the failure began
+    std::set<std::string> erasing; // groups; values of theirs in `waiting` are newer than the erasure
+    trouble_t trouble = trouble_t::none;
+    std::set<int> reported;    // codes of failures logged since the trouble began
+    unsigned written_late = 0; // waiting values written since then
     bool overflow_logged = false;
+    oruTimer_t timer{};
+    uint32_t period_ms = 0; // of the timer; 0: not running
 };
 
 // Never deleted: layer threads may be inside while exit() runs.
@@ -82,71 +101,114 @@ oru_status_t statusOf(const kvsResult_t &result) {
     }
 }
 
+// Of operations that only read. Whatever the reason, the caller must not take what it missed for absent.
+oru_status_t readStatusOf(const kvsResult_t &result) {
+    return result.ok() ? ORU_STATUS_OK : ORU_STATUS_TRY_AGAIN;
+}
+
 // SQLite undoes a failed write by itself as long as the connection lives; a new connection might find it complete in
 // the log after all. After other failures the next operation opens and checks the file afresh (the one that failed may
 // still read through the old connection).
-bool keepsConnection(const kvsDatabase_t &database, const kvsResult_t &result) {
+bool keepsConnection(const kvsResult_t &result) {
     switch (result.code < 0 ? result.code : result.code & 0xFF) {
     case SQLITE_OK:
     case SQLITE_FULL:
     case SQLITE_BUSY:
     case SQLITE_IOERR:
         return true;
-    case SQLITE_READONLY: // opened read-only for lack of permission: only a new connection can change that
-        return database.connection != nullptr && sqlite3_db_readonly(database.connection.get(), "main") == 0;
-    default:
+    default: // SQLITE_READONLY too: one of the files was opened so for lack of permission, and stays so
         return false;
     }
 }
 
-// Logs each change of condition once, not each failing call.
-void note(store_t &store, const kvsResult_t &result) {
-    store.reopen = store.reopen || !keepsConnection(store.database, result);
-    if (!result.ok() && result.text != store.condition) {
-        store.condition = result.text;
+// One line for each kind of failure while the trouble lasts, however many calls fail and however they take turns.
+void noteFailure(store_t &store, trouble_t trouble, const kvsResult_t &result) {
+    store.reopen = store.reopen || !keepsConnection(result);
+    store.trouble = std::max(store.trouble, trouble);
+    if (store.reported.insert(result.code).second) {
         oruLog_log(ORU_LOG_ID_MAIN, ORU_LOG_ERROR, kvs_log_tag,
                    "store: %s; changes stay in memory and are written as soon as that is possible",
                    result.text.c_str());
     }
-    if (result.ok() && store.waiting.empty() && !store.condition.empty()) {
-        oruLog_log(ORU_LOG_ID_MAIN, ORU_LOG_INFO, kvs_log_tag,
-                   "store: working again, %u values that waited in memory are written", store.written_late);
-        store.condition.clear();
-        store.written_late = 0;
-        store.overflow_logged = false;
-    }
 }
 
-// Two daemons on one folder would overwrite each other's devices.
-kvsResult_t lockFolder(store_t &store, const std::string &directory) {
-    if (store.lock_descriptor >= 0) {
-        return {};
+void noteSuccess(store_t &store, trouble_t proof) {
+    if (store.trouble == trouble_t::none || proof < store.trouble || !store.waiting.empty() || !store.erasing.empty()) {
+        return;
     }
-    const std::string path = directory + "/corvane.lock";
-    const int descriptor = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-    if (descriptor < 0) {
-        return kvsSystemFailure("cannot open", path, errno);
+    oruLog_log(ORU_LOG_ID_MAIN, ORU_LOG_INFO, kvs_log_tag,
+               "store: working again, %u values that waited in memory are written", store.written_late);
+    store.trouble = trouble_t::none;
+    store.reported.clear();
+    store.written_late = 0;
+    store.overflow_logged = false;
+}
+
+void note(store_t &store, trouble_t kind, const kvsResult_t &result) {
+    result.ok() ? noteSuccess(store, kind) : noteFailure(store, kind, result);
+}
+
+bool mayBeCopied(int code) {
+    const int primary = code & 0xFF;
+    return code > 0 && (primary == SQLITE_FULL || primary == SQLITE_IOERR || primary == SQLITE_CANTOPEN ||
+                        primary == SQLITE_READONLY || primary == SQLITE_PERM);
+}
+
+// A medium that lets nothing be written is read from a copy; the result then still is the failure.
+kvsResult_t openStore(store_t &store, int timeout_ms) {
+    const oruConfig_t &config = oruConfig_get();
+    kvsDatabase_t opened;
+    kvsResult_t result = kvsLock_take(store.lock_descriptor, config.state_directory);
+    if (result.ok()) {
+        result = kvsDatabase_open(opened, config.state_directory, timeout_ms);
     }
-    if (flock(descriptor, LOCK_EX | LOCK_NB) != 0) {
-        const int reason = errno;
-        (void)close(descriptor);
-        if (reason == EWOULDBLOCK) {
-            return {KVS_FOLDER_IN_USE, "another process uses the folder " + directory +
-                                           " (it holds corvane.lock); stop it or set another store.directory"};
+    if (result.ok()) {
+        kvsDatabase_close(store.database); // a copy, if anything
+        store.database = std::move(opened);
+        store.reopen = false;
+    } else if (store.database.connection == nullptr && mayBeCopied(result.code)) {
+        (void)kvsCopy_open(store.database, config.state_directory, config.runtime_directory + "/corvane-store");
+    }
+    store.copy_reason = result;
+    return result;
+}
+
+// The lock goes with the place of the files.
+kvsResult_t keepPlace(store_t &store) {
+    kvsResult_t result = kvsLock_take(store.lock_descriptor, oruConfig_get().state_directory);
+    return result.ok() ? kvsPlace_keep(store.database) : result;
+}
+
+// retry: a copy is given up for the original if that can be opened now.
+kvsResult_t ensureOpen(store_t &store, int timeout_ms, bool retry) {
+    if (store.database.copy) {
+        return retry ? openStore(store, timeout_ms) : store.copy_reason;
+    }
+    if (store.database.connection != nullptr) {
+        kvsResult_t result = keepPlace(store);
+        if (!result.ok()) {
+            return result;
         }
-        return kvsSystemFailure("cannot lock", path, reason);
     }
-    store.lock_descriptor = descriptor;
+    if (store.reopen) {
+        kvsDatabase_close(store.database);
+        store.reopen = false;
+    }
+    if (store.database.connection == nullptr) {
+        return openStore(store, timeout_ms);
+    }
+    (void)sqlite3_busy_timeout(store.database.connection.get(), timeout_ms);
     return {};
 }
 
-kvsResult_t openStore(store_t &store, int timeout_ms) {
-    const std::string &directory = oruConfig_get().state_directory;
-    kvsResult_t result = lockFolder(store, directory);
-    return result.ok() ? kvsDatabase_open(store.database, directory, timeout_ms) : result;
-}
-
 kvsResult_t flush(store_t &store) {
+    while (!store.erasing.empty()) {
+        kvsResult_t result = kvsDatabase_eraseGroup(store.database, *store.erasing.begin());
+        if (!result.ok()) {
+            return result;
+        }
+        store.erasing.erase(store.erasing.begin());
+    }
     while (!store.waiting.empty()) {
         const waiting_t &oldest = store.waiting.front();
         kvsResult_t result = kvsDatabase_put(store.database, *parseKey(oldest.key.c_str()), oldest.value);
@@ -159,24 +221,155 @@ kvsResult_t flush(store_t &store) {
     return {};
 }
 
+bool changesWait(const store_t &store) {
+    return !store.waiting.empty() || !store.erasing.empty();
+}
+
 // Makes the store usable as far as possible. While it fails, waits for other programs are not repeated at each call.
-kvsResult_t prepareStore(store_t &store) {
-    const int timeout_ms = store.condition.empty() ? busy_timeout_ms : 0;
-    kvsResult_t result;
-    if (store.reopen) {
-        kvsDatabase_close(store.database);
-        store.reopen = false;
-    }
-    if (store.database.connection == nullptr) {
-        result = openStore(store, timeout_ms);
-    } else {
-        (void)sqlite3_busy_timeout(store.database.connection.get(), timeout_ms);
-    }
-    if (result.ok()) {
+kvsResult_t prepareStore(store_t &store, bool retry) {
+    const int timeout_ms = store.trouble == trouble_t::none ? busy_timeout_ms : 0;
+    const sqlite3 *const former = store.database.connection.get();
+    kvsResult_t result = ensureOpen(store, timeout_ms, retry);
+    store.writable = result.ok();
+    // Opening reads and checks all of it.
+    note(store, store.database.connection.get() == former ? trouble_t::opening : trouble_t::reading, result);
+    if (result.ok() && changesWait(store)) {
         result = flush(store);
+        note(store, trouble_t::writing, result);
     }
-    note(store, result);
     return result;
+}
+
+// While it exists, the signals that end the process are let in during its pauses only, so that none is missed.
+class interruptibleWait_t {
+public:
+    interruptibleWait_t() {
+        (void)sigemptyset(&signals_);
+        (void)sigaddset(&signals_, SIGTERM);
+        (void)sigaddset(&signals_, SIGINT);
+        (void)pthread_sigmask(SIG_BLOCK, &signals_, &former_);
+    }
+    interruptibleWait_t(const interruptibleWait_t &) = delete;
+    interruptibleWait_t &operator=(const interruptibleWait_t &) = delete;
+    ~interruptibleWait_t() { (void)pthread_sigmask(SIG_SETMASK, &former_, nullptr); }
+
+    // True when the process is to end; the signal is handled as soon as this object is gone.
+    bool pause(std::chrono::milliseconds duration) const {
+        const timespec limit = {0, static_cast<long>(std::chrono::nanoseconds(duration).count())};
+        const int signal = sigtimedwait(&signals_, nullptr, &limit);
+        return signal > 0 && raise(signal) == 0;
+    }
+
+private:
+    sigset_t signals_{};
+    sigset_t former_{};
+};
+
+// Whoever starts with a store that cannot be read knows none of its devices, so a little patience is worth it.
+void waitForStore(store_t &store) {
+    constexpr auto pause = std::chrono::milliseconds(100);
+    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(start_wait_ms);
+    const interruptibleWait_t wait;
+    kvsResult_t result = prepareStore(store, true);
+    while (store.database.connection == nullptr && result.code != KVS_NEWER_SCHEMA &&
+           std::chrono::steady_clock::now() < end && !wait.pause(pause)) {
+        result = prepareStore(store, true);
+    }
+}
+
+void retryStore(store_t &store) {
+    // With room for the -shm other programs may read the database again.
+    store.reopen = store.reopen || (store.database.alone && store.trouble == trouble_t::none);
+    (void)prepareStore(store, true);
+}
+
+void runTimer(void *);
+
+// Timer and final flush belong to the process that uses the store, which may have forked before.
+void schedule(store_t &store) {
+    const bool urgent = changesWait(store) || store.database.connection == nullptr || store.database.copy;
+    const uint32_t period_ms = retry_period_ms == 0 ? 0 : urgent ? retry_period_ms.load() : watch_period_ms;
+    if (period_ms == store.period_ms) {
+        return;
+    }
+    if (store.timer.id == 0 &&
+        oruTime_timerNew(&store.timer, ORUTIME_CLOCK_MONOTONIC, ORUTIME_TIMER_PERIODIC, runTimer, nullptr) != 0) {
+        return; // the operations still try
+    }
+    const oru_status_t status =
+        period_ms == 0 ? oruTime_timerStop(&store.timer) : oruTime_timerStart(&store.timer, period_ms);
+    store.period_ms = status == ORU_STATUS_OK ? period_ms : 0;
+}
+
+void logLost(const std::string &names) {
+    oruLog_log(ORU_LOG_ID_MAIN, ORU_LOG_ERROR, kvs_log_tag, "store: could not be written to the end, lost:%s",
+               names.c_str());
+}
+
+void reportLost(const store_t &store) {
+    constexpr size_t line_length = 800; // the log cuts at 1 KiB
+    std::string names;
+    for (const std::string &group : store.erasing) {
+        names += " erasure of all " + group + ".*";
+    }
+    for (const waiting_t &entry : store.waiting) {
+        if (names.size() > line_length) {
+            logLost(names);
+            names.clear();
+        }
+        names += " " + entry.key;
+    }
+    logLost(names);
+}
+
+void endOfProcess() {
+    store_t &store = theStore();
+    const std::unique_lock guard(store.mutex, last_flush_limit);
+    if (!guard) { // a medium that hangs must not hold up the end
+        return;
+    }
+    try {
+        if (changesWait(store)) {
+            (void)prepareStore(store, true);
+        }
+        if (changesWait(store)) {
+            reportLost(store);
+        }
+        if (store.database.copy) {
+            kvsDatabase_close(store.database);
+        }
+    } catch (const std::bad_alloc &) {
+        logLost(" unknown, out of memory");
+    }
+}
+
+// One operation: the lock and, at its end, the timer that what it leaves behind asks for.
+class operation_t {
+public:
+    operation_t() {
+        static const int registered = std::atexit(endOfProcess);
+        (void)registered; // without it there is no last try
+        if (!store.started) {
+            store.started = true;
+            waitForStore(store);
+        }
+    }
+    operation_t(const operation_t &) = delete;
+    operation_t &operator=(const operation_t &) = delete;
+    ~operation_t() { schedule(store); }
+
+    store_t &store = theStore();
+
+private:
+    const std::lock_guard<std::timed_mutex> guard_{store.mutex};
+};
+
+void runTimer(void *) {
+    try {
+        const operation_t operation;
+        retryStore(operation.store);
+    } catch (const std::bad_alloc &) { // the next one may have more luck
+    }
 }
 
 std::deque<waiting_t>::iterator findWaiting(store_t &store, std::string_view key) {
@@ -213,12 +406,12 @@ oru_status_t setValue(const char *key, std::span<const uint8_t> value) {
     if (!parsed) {
         return ORU_STATUS_BAD_PARAM;
     }
-    store_t &store = theStore();
-    const std::lock_guard guard(store.mutex);
-    kvsResult_t result = prepareStore(store);
+    const operation_t operation;
+    store_t &store = operation.store;
+    kvsResult_t result = prepareStore(store, true);
     if (result.ok()) {
         result = kvsDatabase_put(store.database, *parsed, value);
-        note(store, result);
+        note(store, trouble_t::writing, result);
     }
     if (!result.ok()) {
         keepWaiting(store, key, value);
@@ -231,69 +424,95 @@ int32_t getValue(const char *key, std::span<uint8_t> buffer) {
     if (!parsed) {
         return ORU_STATUS_BAD_PARAM;
     }
-    store_t &store = theStore();
-    const std::lock_guard guard(store.mutex);
-    kvsResult_t result = prepareStore(store);
+    const operation_t operation;
+    store_t &store = operation.store;
+    (void)prepareStore(store, changesWait(store));
     size_t copied = 0;
     if (const auto entry = findWaiting(store, key); entry != store.waiting.end()) {
         copied = std::min(entry->value.size(), buffer.size());
         std::copy_n(entry->value.begin(), copied, buffer.begin());
         return static_cast<int32_t>(copied);
     }
+    if (store.erasing.contains(std::string(parsed->group))) {
+        return ORU_STATUS_NOT_FOUND;
+    }
     if (store.database.connection == nullptr) {
-        return statusOf(result);
+        return ORU_STATUS_TRY_AGAIN;
     }
-    result = kvsDatabase_get(store.database, *parsed, buffer, copied);
-    if (!result.ok()) {
-        note(store, result);
-        return statusOf(result);
-    }
-    return copied > 0 ? static_cast<int32_t>(copied) : ORU_STATUS_NOT_FOUND;
+    const kvsResult_t result = kvsDatabase_get(store.database, *parsed, buffer, copied);
+    note(store, trouble_t::reading, result);
+    return !result.ok() ? readStatusOf(result) : copied > 0 ? static_cast<int32_t>(copied) : ORU_STATUS_NOT_FOUND;
 }
 
-// Removals go to the database even while values wait: they may be what makes room.
-template <typename Removal, typename Affected>
-oru_status_t removeWhere(Removal removal, Affected affected) {
-    store_t &store = theStore();
-    const std::lock_guard guard(store.mutex);
-    kvsResult_t result = prepareStore(store);
-    if (store.database.connection == nullptr) {
-        return statusOf(result);
+// A change that is not a value. It goes to the database even while values wait: it may be what makes room.
+template <typename Change>
+kvsResult_t changeDatabase(store_t &store, Change change) {
+    kvsResult_t result = prepareStore(store, true);
+    if (!store.writable) {
+        return result;
     }
-    result = removal(store.database);
+    result = change();
+    note(store, trouble_t::writing, result);
+    return result;
+}
+
+oru_status_t removeKey(const char *key) {
+    const auto parsed = parseKey(key);
+    if (!parsed) {
+        return ORU_STATUS_BAD_PARAM;
+    }
+    const operation_t operation;
+    store_t &store = operation.store;
+    kvsResult_t result = changeDatabase(store, [&] { return kvsDatabase_remove(store.database, *parsed); });
+    if (result.ok() || store.erasing.contains(std::string(parsed->group))) {
+        std::erase_if(store.waiting, [key](const waiting_t &entry) { return entry.key == key; });
+        noteSuccess(store, result.ok() ? trouble_t::writing : trouble_t::none);
+        return ORU_STATUS_OK;
+    }
+    return statusOf(result);
+}
+
+oru_status_t eraseGroup(std::string_view group) {
+    const operation_t operation;
+    store_t &store = operation.store;
+    const kvsResult_t result = changeDatabase(store, [&] { return kvsDatabase_eraseGroup(store.database, group); });
+    std::erase_if(store.waiting, [group](const waiting_t &entry) { return inGroup(entry.key, group); });
     if (result.ok()) {
-        std::erase_if(store.waiting, [&](const waiting_t &entry) { return affected(entry.key); });
+        store.erasing.erase(std::string(group));
+        noteSuccess(store, trouble_t::writing);
+    } else {
+        store.erasing.emplace(group);
     }
-    note(store, result);
     return statusOf(result);
 }
 
 // The names are copied, so that the callback may use the store.
 oru_status_t snapshotNames(std::string_view group, std::set<std::string> &names) {
-    store_t &store = theStore();
-    const std::lock_guard guard(store.mutex);
-    kvsResult_t result = prepareStore(store);
-    if (store.database.connection != nullptr) {
-        result = kvsDatabase_listNames(store.database, group, names);
-        if (!result.ok()) {
-            note(store, result);
-        }
-    }
+    const operation_t operation;
+    store_t &store = operation.store;
+    kvsResult_t result = prepareStore(store, changesWait(store));
     for (const waiting_t &entry : store.waiting) {
         if (inGroup(entry.key, group)) {
             names.insert(entry.key.substr(group.size() + 1));
         }
     }
-    return statusOf(result);
+    if (store.erasing.contains(std::string(group))) {
+        return ORU_STATUS_OK;
+    }
+    if (store.database.connection != nullptr) {
+        result = kvsDatabase_listNames(store.database, group, names);
+        note(store, trouble_t::reading, result);
+    }
+    return readStatusOf(result);
 }
 
 // Memory is the only thing that throws here, and C callers must not see it.
 template <typename Operation>
-oru_status_t guarded(Operation operation) {
+oru_status_t guarded(oru_status_t without_memory, Operation operation) {
     try {
         return operation();
     } catch (const std::bad_alloc &) {
-        return ORU_STATUS_OUT_OF_MEMORY;
+        return without_memory;
     }
 }
 
@@ -306,7 +525,9 @@ extern "C" oru_status_t oruKeyValueDsHal_set(const char *key, const void *value,
     if (value_size == 0 || value_size > max_value_size) {
         return ORU_STATUS_DATA_LEN_INVALID;
     }
-    return guarded([&] { return setValue(key, {static_cast<const uint8_t *>(value), value_size}); });
+    return guarded(ORU_STATUS_OUT_OF_MEMORY, [&] {
+        return setValue(key, {static_cast<const uint8_t *>(value), value_size});
+    });
 }
 
 extern "C" int32_t oruKeyValueDsHal_get(const char *key, void *buffer, size_t buffer_size) {
@@ -316,21 +537,14 @@ extern "C" int32_t oruKeyValueDsHal_get(const char *key, void *buffer, size_t bu
     if (buffer_size == 0) {
         return ORU_STATUS_DATA_LEN_INVALID;
     }
-    return guarded([&] { return getValue(key, {static_cast<uint8_t *>(buffer), buffer_size}); });
+    return guarded(ORU_STATUS_TRY_AGAIN, [&] { return getValue(key, {static_cast<uint8_t *>(buffer), buffer_size}); });
 }
 
 extern "C" oru_status_t oruKeyValueDsHal_remove(const char *key) {
     if (key == nullptr) {
         return ORU_STATUS_NULL_POINTER;
     }
-    const auto parsed = parseKey(key);
-    if (!parsed) {
-        return ORU_STATUS_BAD_PARAM;
-    }
-    return guarded([&] {
-        return removeWhere([&](kvsDatabase_t &database) { return kvsDatabase_remove(database, *parsed); },
-                           [&](const std::string &waiting) { return waiting == key; });
-    });
+    return guarded(ORU_STATUS_OUT_OF_MEMORY, [&] { return removeKey(key); });
 }
 
 extern "C" oru_status_t oruKeyValueDsHal_listKeys(const char *group, oruKeyValueDsHal_listKeysCallback_t callback) {
@@ -339,7 +553,7 @@ extern "C" oru_status_t oruKeyValueDsHal_listKeys(const char *group, oruKeyValue
     }
     std::set<std::string> names;
     const std::string_view bounded(group, strnlen(group, max_key_length));
-    const oru_status_t status = guarded([&] { return snapshotNames(bounded, names); });
+    const oru_status_t status = guarded(ORU_STATUS_TRY_AGAIN, [&] { return snapshotNames(bounded, names); });
     for (const std::string &name : names) {
         if (callback(name.c_str()) != 0) {
             break;
@@ -353,23 +567,32 @@ extern "C" oru_status_t oruKeyValueDsHal_eraseGroup(const char *group) {
         return ORU_STATUS_NULL_POINTER;
     }
     const std::string_view bounded(group, strnlen(group, max_key_length));
-    return guarded([&] {
-        return removeWhere([&](kvsDatabase_t &database) { return kvsDatabase_eraseGroup(database, bounded); },
-                           [&](const std::string &waiting) { return inGroup(waiting, bounded); });
-    });
+    return guarded(ORU_STATUS_OUT_OF_MEMORY, [&] { return eraseGroup(bounded); });
+}
+
+void oruKvsTesting_setPace(uint32_t start_wait, uint32_t retry_period) {
+    start_wait_ms = start_wait;
+    retry_period_ms = retry_period;
+}
+
+void oruKvsTesting_endOfProcess() {
+    endOfProcess();
 }
 
 void oruKvsTesting_closeStore() {
     store_t &store = theStore();
     const std::lock_guard guard(store.mutex);
     kvsDatabase_close(store.database);
-    store.reopen = false;
     if (store.lock_descriptor >= 0) {
         (void)close(store.lock_descriptor);
     }
     store.lock_descriptor = -1;
+    store.started = store.reopen = store.overflow_logged = false;
     store.waiting.clear();
-    store.condition.clear();
+    store.erasing.clear();
+    store.trouble = trouble_t::none;
+    store.reported.clear();
     store.written_late = 0;
-    store.overflow_logged = false;
+    (void)oruTime_timerStop(&store.timer);
+    store.period_ms = 0;
 }

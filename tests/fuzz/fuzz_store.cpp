@@ -17,7 +17,9 @@ const std::string &folder() {
         fuzz::logToFile();
         oruConfig_t config = oruConfig_defaults();
         config.state_directory = fuzz::folder() + "/state";
+        config.runtime_directory = fuzz::folder();
         oruConfig_setForTesting(config);
+        oruKvsTesting_setPace(0, 0);
         return config.state_directory;
     }();
     return path;

@@ -181,7 +181,8 @@ TEST_F(ConfigTest, UnusableFoldersStopTheStartWithOneLineEach) {
     };
     for (const auto &[path, reason] : cases) {
         const std::string line = std::string(".directory \"").append(path).append("\" ").append(reason);
-        expectLine(start(path, folder, ORU_STATUS_GENERAL_ERROR), "store" + line);
+        const bool may_wait = path == "/proc"; // a medium can be read-only for a while, a wrong path stays wrong
+        expectLine(start(path, folder, may_wait ? ORU_STATUS_OK : ORU_STATUS_GENERAL_ERROR), "store" + line);
         expectLine(start(folder, path, ORU_STATUS_GENERAL_ERROR), "ipc" + line);
     }
     const std::string both = start(file, file, ORU_STATUS_GENERAL_ERROR);

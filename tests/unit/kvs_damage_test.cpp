@@ -1,10 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 // The store in front of files that are damaged, not ours, or newer than this release.
+#include "../support/file_faults.h"
 #include "kvs_fixture.h"
+#include <cerrno>
 #include <fstream>
 #include <functional>
 #include <iostream>
 #include <iterator>
+#include <sys/wait.h>
+#include <unistd.h>
 
 namespace {
 
@@ -217,6 +221,80 @@ TEST_F(KvsDamageTest, RepairOnAFullMediumKeepsTheDamagedFileAndIsTriedAgain) {
     }
 }
 
+// A damaged file, its log with one more record, and what a crash left of an earlier repair. The process ends before
+// each change on the medium in turn, and the one after it finds what the uncut repair finds.
+TEST_F(KvsDamageTest, ARepairCutShortAnywhereLosesNothing) {
+    const std::string damaged = readFile(database()).replace(8 * 4096, 4096, 4096, '\0');
+    ASSERT_EQ(set("zigbee.device-200", valueOf(100)), 0);
+    restart();
+    const std::string log = readFile(database() + "-wal");
+    int uncut = 0, cuts = 0;
+    for (bool died = true; died; cuts++) {
+        SCOPED_TRACE("cut " + std::to_string(cuts));
+        startOver();
+        for (const auto &[suffix, content] : {std::pair{"", damaged}, {"-wal", log}, {".salvage", log}}) {
+            writeFile(database() + suffix, content);
+        }
+        if (const pid_t child = cuts > 0 ? fork() : -1; child == 0) {
+            filefaults::dieBeforeChange(static_cast<unsigned>(cuts));
+            _exit(oruKeyValueDsHal_listKeys("zigbee", [](const char *) { return 0; }));
+        } else if (child > 0) {
+            int status = 0;
+            ASSERT_EQ(waitpid(child, &status, 0), child);
+            ASSERT_TRUE(WIFEXITED(status));
+            died = WEXITSTATUS(status) == 42;
+        }
+        const int found = soundRecords();
+        uncut = cuts == 0 ? found : uncut;
+        EXPECT_EQ(found, uncut);
+        EXPECT_EQ(get("zigbee.device-200"), valueOf(100));
+        EXPECT_TRUE(readFile(asideName()) == damaged);
+        EXPECT_FALSE(std::filesystem::exists(database() + ".repaired") ||
+                     std::filesystem::exists(database() + ".salvage"));
+    }
+    EXPECT_GT(uncut, records / 3);
+    EXPECT_GT(cuts, 50);
+    std::cout << cuts << " cuts\n";
+}
+
+// Each call in turn fails, once or from there on: a sound file is never taken for damaged, what cannot be read is never
+// taken for absent, and with the medium back everything is there.
+TEST_F(KvsDamageTest, NoFailingCallMakesASoundStoreLookEmptyOrADamagedOneEmptier) {
+    const std::string sound = readFile(database());
+    const std::string damaged = std::string(sound).replace(8 * 4096, 4096, 4096, '\0');
+    static int listed;
+    unsigned runs = 0;
+    for (const std::string &content : {sound, damaged}) {
+        int whole = 0;
+        for (const auto &[error, count] : {std::pair{0, 0U}, {EIO, 1U}, {EMFILE, 1U}, {ENOSPC, 1000000U}}) {
+            for (unsigned first = 1;; first++) {
+                SCOPED_TRACE(std::to_string(error) + " at " + std::to_string(first));
+                startOver();
+                writeFile(database(), content);
+                filefaults::failCalls(first, count, error);
+                listed = 0;
+                const oru_status_t status =
+                    oruKeyValueDsHal_listKeys("zigbee", [](const char *) { return listed++, 0; });
+                const unsigned failed = filefaults::failed();
+                filefaults::off();
+                ASSERT_TRUE(status == ORU_STATUS_TRY_AGAIN || status == ORU_STATUS_OK);
+                whole = error == 0 ? listed : whole;
+                if (status == ORU_STATUS_OK) {
+                    EXPECT_GE(listed, whole);
+                }
+                EXPECT_EQ(set("zigbee.device-100", valueOf(0)), 0);
+                EXPECT_GE(soundRecords(), whole);
+                EXPECT_EQ(asideName().empty(), content == sound);
+                runs++;
+                if (failed == 0) {
+                    break;
+                }
+            }
+        }
+    }
+    std::cout << runs << " runs\n";
+}
+
 TEST_F(KvsDamageTest, ADatabaseOfAnotherProgramIsSetAsideUntouched) {
     std::filesystem::remove(database());
     sql("CREATE TABLE photos(id INTEGER PRIMARY KEY); INSERT INTO photos VALUES(7)");
@@ -227,16 +305,32 @@ TEST_F(KvsDamageTest, ADatabaseOfAnotherProgramIsSetAsideUntouched) {
 }
 
 TEST_F(KvsDamageTest, ANewerStoreIsRefusedAndTheServiceRunsFromMemory) {
-    sql("PRAGMA user_version=2; PRAGMA application_id=1129709570; PRAGMA wal_checkpoint(TRUNCATE)");
-    const std::string content = readFile(database());
+    ASSERT_EQ(set("zigbee.device-200", valueOf(100)), 0);
+    sql("PRAGMA user_version=2; PRAGMA application_id=1129709570");
+    const std::string content = readFile(database()), log = readFile(database() + "-wal");
+    restart();
     EXPECT_EQ(set("zigbee.a", "1"), ORU_STATUS_NOT_SUPPORTED);
     EXPECT_EQ(set("zigbee.a", "2"), ORU_STATUS_NOT_SUPPORTED);
     EXPECT_EQ(get("zigbee.a"), "2");
-    EXPECT_EQ(oruKeyValueDsHal_listKeys("zigbee", [](const char *) { return 0; }), ORU_STATUS_NOT_SUPPORTED);
+    EXPECT_EQ(oruKeyValueDsHal_listKeys("zigbee", [](const char *) { return 0; }), ORU_STATUS_TRY_AGAIN);
     EXPECT_TRUE(logged("newer release"));
     EXPECT_EQ(errorLines(), 1U);
-    EXPECT_EQ(readFile(database()), content);
+    EXPECT_TRUE(readFile(database()) == content && readFile(database() + "-wal") == log && log.size() > 744);
     EXPECT_EQ(asideName(), "");
+}
+
+// Format and checksum are a promise to every store that was ever written.
+TEST_F(KvsDamageTest, AStoreKeptFromTheFirstReleaseOpensForEver) {
+    startOver();
+    std::filesystem::copy_file(KEPT_STORE, database());
+    EXPECT_EQ(list("zigbee"), (std::vector<std::string>{"01:23:45:67:89:ab:cd:ef", "device-103"}));
+    EXPECT_EQ(get("zigbee.01:23:45:67:89:ab:cd:ef"), std::string("sound\0\xff", 7));
+    EXPECT_EQ(get("other.x"), "of another group");
+    EXPECT_EQ(set("zigbee.device-103", valueOf(3)), 0);
+    EXPECT_EQ(errorLines(), 1U);
+    restart();
+    EXPECT_EQ(sql("SELECT group_concat(crc32c) FROM records"), "3616262818,1071189625,37228322");
+    EXPECT_EQ(sql("SELECT count(*) FROM quarantine WHERE reason='checksum mismatch'"), "1");
 }
 
 } // namespace
