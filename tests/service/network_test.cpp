@@ -525,6 +525,86 @@ TEST_F(NetworkTest, StoredRecordsOfEveryKind) {
     EXPECT_STREQ(key, "zigbee.01:23:45:67:89:ab:cd:ef");
 }
 
+// A store that cannot be read is no empty one: its devices are loaded when somebody asks, and nobody is told to leave
+// before that was possible.
+TEST_F(NetworkTest, AnUnreadableStoreCostsNoDevice) {
+    const FakeDevice listed{{0x00, 0, 0, 0, 0, 0, 0, 0}, 0x0101}, stored{{0x02, 0, 0, 0, 0, 0, 0, 0}, 0x0202},
+        stranger{{0x09, 0, 0, 0, 0, 0, 0, 0}, 0x0909};
+    for (const int unreadable_from : {0, 2}) { // all of it, or all but the first record
+        stop();
+        SetUpStore();
+        testplat::kvs::failReading(unreadable_from);
+        ASSERT_TRUE(boot());
+        EXPECT_TRUE(database_incomplete);
+        EXPECT_EQ(oruZb_databaseGetDeviceCount(), unreadable_from == 0 ? 0U : 1U);
+        sent().clear();
+        forget();
+        const auto askEverybody = [&] {
+            advance(1'000);
+            for (const FakeDevice &device : {listed, stored, stranger}) {
+                device.update(ORU_ZB_HAL_STANDARD_SECURITY_SECURED_REJOIN);
+                device.announce();
+                pump();
+            }
+        };
+        askEverybody();
+        EXPECT_TRUE(sent().empty());
+        EXPECT_EQ(testplat::log::count("not told to leave"), 1U);
+        testplat::kvs::failReading(-1);
+        EXPECT_EQ(recordOf<oruZb_deviceCount_t>(callSync(ORU_ZB_SVC_GETDEVICE_COUNT, Bytes(4)).payload).count,
+                  unreadable_from == 0 ? 0U : 1U)
+            << "at most once a second";
+        advance(1'000);
+        EXPECT_EQ(recordOf<oruZb_deviceCount_t>(callSync(ORU_ZB_SVC_GETDEVICE_COUNT, Bytes(4)).payload).count, 3U);
+        EXPECT_FALSE(database_incomplete);
+        forget();
+        askEverybody();
+        EXPECT_EQ(ipc::eventIds(), std::vector<uint16_t>(2, ORU_ZB_SVC_DEVICE_SECURED_REJOIN));
+        EXPECT_EQ(sent().size(), 2U); // the stranger, at its rejoin and its announce
+    }
+    testplat::kvs::fail(true); // any other failure means what it always did
+    stop();
+    ASSERT_TRUE(boot());
+    EXPECT_FALSE(database_incomplete);
+    sent().clear();
+    stored.announce();
+    pump();
+    EXPECT_EQ(sent().size(), 1U);
+}
+
+// What happens while the store cannot be read stands when it can: nobody is listed twice, and nothing that was cleared
+// comes back.
+TEST_F(NetworkTest, WhatIsKnownByNowIsNotLoadedLate) {
+    const FakeDevice joining{{0x02, 0, 0, 0, 0, 0, 0, 0}, 0x7777};
+    stop();
+    SetUpStore();
+    testplat::kvs::failReading(0);
+    ASSERT_TRUE(boot());
+    hal::stackStatus(ORU_ZB_HAL_STACK_ENABLED_NETWORK_UP);
+    pump();
+    addDevice(0x4444, 4);
+    joining.join();
+    testplat::kvs::failReading(-1);
+    advance(1'000);
+    joining.announce();
+    interview(joining, 1);
+    oruZb_databaseLoadMissing();
+    EXPECT_EQ(oruZb_databaseGetDeviceCount(), 4U);
+    oruZb_device_t device{};
+    EXPECT_EQ(oruZb_databaseGetDeviceByEui64(joining.eui64.data(), &device), 0);
+    EXPECT_EQ(device.node_id, 0x7777);
+    stop();
+    testplat::kvs::failReading(2);
+    ASSERT_TRUE(boot());
+    ASSERT_TRUE(database_incomplete);
+    testplat::kvs::fail(true);
+    EXPECT_EQ(callAsync(ORU_ZB_SVC_ADAPTER_RESET), 0);
+    testplat::kvs::fail(false);
+    testplat::kvs::failReading(-1);
+    advance(1'000);
+    EXPECT_EQ(recordOf<oruZb_deviceCount_t>(callSync(ORU_ZB_SVC_GETDEVICE_COUNT, Bytes(4)).payload).count, 0U);
+}
+
 TEST_F(NetworkTest, LatencyAndDailyLines) {
     addDevice(0x1001, 1);
     for (const uint32_t sample : {30, 10, 20}) {

@@ -236,6 +236,7 @@ namespace kvs {
 namespace {
 std::mutex mutex; // guards content() too, but for tests that look into it
 bool failing = false;
+std::atomic<int> unreadable_from{-1}, gets{0};
 std::set<std::string> outdated_keys;
 
 bool refuses(const char *operation) {
@@ -270,6 +271,10 @@ void fail(bool on) {
     const std::lock_guard lock(mutex);
     failing = on;
 }
+void failReading(int from) {
+    unreadable_from = from;
+    gets = 0;
+}
 std::set<std::string> outdated() {
     const std::lock_guard lock(mutex);
     return outdated_keys;
@@ -287,6 +292,7 @@ void resetAll() {
     kvs::content().clear();
     kvs::outdated_keys.clear();
     kvs::failing = false;
+    kvs::failReading(-1);
     ipc::gone.clear();
     log::on_line = nullptr;
     const std::lock_guard lock(time::mutex);
@@ -420,6 +426,9 @@ int32_t oruKeyValueDsHal_get(const char *key, void *buffer, size_t buffer_size) 
     if (testplat::kvs::refuses("oruKeyValueDsHal_get")) {
         return ORU_STATUS_GENERAL_ERROR;
     }
+    if (testplat::kvs::unreadable_from >= 0 && ++testplat::kvs::gets >= testplat::kvs::unreadable_from) {
+        return ORU_STATUS_TRY_AGAIN;
+    }
     const std::lock_guard lock(testplat::kvs::mutex);
     const auto found = testplat::kvs::content().find(key);
     if (found == testplat::kvs::content().end()) {
@@ -435,6 +444,9 @@ oru_status_t oruKeyValueDsHal_remove(const char *key) {
 oru_status_t oruKeyValueDsHal_listKeys(const char *group, oruKeyValueDsHal_listKeysCallback_t callback) {
     if (testplat::kvs::refuses("oruKeyValueDsHal_listKeys")) {
         return ORU_STATUS_GENERAL_ERROR;
+    }
+    if (testplat::kvs::unreadable_from == 0) {
+        return ORU_STATUS_TRY_AGAIN;
     }
     const std::string prefix = std::string(group) + ".";
     std::vector<std::string> names;

@@ -78,7 +78,8 @@ void disconnect(uint16_t client);
 // ---- key-value store
 namespace kvs {
 std::map<std::string, std::vector<uint8_t>> &content();
-void fail(bool on);               // every operation fails, until told otherwise
+void fail(bool on);         // every operation fails, until told otherwise
+void failReading(int from); // that get, counted from 1, and later ones (0: the listing too) say "try again"; -1: off
 std::set<std::string> outdated(); // keys whose last change failed, whatever the reason
 } // namespace kvs
 

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // The device list. The store is written while device_list_mutex is held, so that list and store change in the same
-// order; the store calls back without locks of its own, and only while loading, before other threads exist.
+// order; the store calls back without locks of its own, and only while loading.
 //
 // Invariants under the mutex: device_count is the number of items; every item came from oruZb_allocMemory.
 // List and store may disagree after a failed write, until that device is written again.
@@ -85,6 +85,7 @@ oru_status_t oruZb_databaseInit() {
     }
     device_list_head.slh_first = nullptr;
     device_count = 0;
+    database_incomplete = database_loaded_late = false;
     status = oruZb_kvsLoadAllDeviceInfo();
     if (status == ORU_STATUS_OK) {
         ZB_LOG_INFO("%s: %s: Loaded %u device[s] from the devices DB", ZB_DATABASE, __func__, device_count.load());
@@ -131,10 +132,28 @@ oru_status_t oruZb_databaseAddDeviceHelper(oruZb_device_t *device) {
     return ORU_STATUS_OK;
 }
 
+// The record of a device that joined afresh when the store could not be read; at the join there was none to remove.
+static void dropLateRecord(const uint8_t *eui64) {
+    deviceListLock lock(__func__);
+    if (lock.status() != ORU_STATUS_OK) {
+        return;
+    }
+    oruZb_deviceListItem_t *item =
+        findListItem([eui64](const oruZb_deviceListItem_t &candidate) { return sameEui64(candidate, eui64); });
+    if (item != nullptr) {
+        unlinkListItem(item);
+        oruZb_freeMemory(item);
+        --device_count;
+    }
+}
+
 oru_status_t oruZb_databaseAddDevice(oruZb_device_t *device) {
     if (device == nullptr) {
         ZB_LOG_ERROR("%s: Error: %s() device pointer is NULL!", ZB_DATABASE, __func__);
         return ORU_STATUS_NULL_POINTER;
+    }
+    if (database_loaded_late) {
+        dropLateRecord(device->device_info.eui64);
     }
     oru_status_t status = oruZb_databaseAddDeviceHelper(device);
     if (status != ORU_STATUS_OK) {

@@ -16,6 +16,10 @@ extern oruMutex_t device_list_mutex;       // taken after txn_list_mutex; nothin
 // In the list and in the store: the node id of a device whose address was given to another one, until it announces a
 // new one. Writing a record (an add or a change of node id) takes its node id from every other EUI-64.
 constexpr oruZbHal_nodeId_t ORU_ZB_NODE_ID_UNKNOWN = 0xFFFE;
+// The store could not be read, or not to the end: devices may be missing from the list. Set by a load, cleared by the
+// first whole one and when all devices are removed. Read and written without a lock.
+extern std::atomic<bool> database_incomplete;
+extern std::atomic<bool> database_loaded_late; // some records may have come while their devices were joining afresh
 
 enum { // answers of oruZb_kvsListKeysCallback to the store
     ORU_ZB_KVS_LIST_KEYS_CONTINUE = 0,
@@ -33,8 +37,9 @@ oru_status_t oruZb_databaseDeInit();
 // ------------------------------------------------------------------------------------------------ changes, main thread
 
 // Puts a copy of the record in front of the list, then writes it to the store. There is no check for a device that is
-// listed already. ORU_STATUS_NULL_POINTER also when the allocator is exhausted; a store status when only the write
-// failed (the item stays listed).
+// listed already, unless records were loaded late: one of the same device then goes from the list.
+// ORU_STATUS_NULL_POINTER also when the allocator is exhausted; a store status when only the write failed (the item
+// stays listed).
 oru_status_t oruZb_databaseAddDevice(oruZb_device_t *device);
 // The list half of an add.
 oru_status_t oruZb_databaseAddDeviceHelper(oruZb_device_t *device);
@@ -46,7 +51,8 @@ oru_status_t oruZb_databaseUpdateNodeId(uint8_t *eui64, oruZbHal_nodeId_t node_i
 oru_status_t oruZb_databaseRemoveDevice(oruZbHal_nodeId_t node_id);
 // The same for the first item that has both the node id and the EUI-64 of the record.
 oru_status_t oruZb_databaseRemoveLeftDevice(const oruZb_device_t *device);
-// Erases the store only; callers follow with oruZb_databaseDeInit.
+// Erases the store only; callers follow with oruZb_databaseDeInit. Nothing is missing from the list then, whatever the
+// status: what a store that failed still holds is not loaded again.
 oru_status_t oruZb_databaseRemoveAll();
 
 // ----------------------------------------------------------------------------------------------- lookups, any thread
@@ -67,6 +73,15 @@ oru_status_t oruZb_databaseUpdateItemLatency(oruZbHal_nodeId_t node_id, uint32_t
 // meanwhile wait and count for the new day.
 oru_status_t oruZb_databaseUploadMetrics();
 
+// --------------------------------------------------------------------------------------------- incomplete, any thread
+
+// While database_incomplete is set, loads again what the store can give, at most once a second; nothing otherwise.
+// Devices that are listed keep what is known of them. The caller holds no lock.
+void oruZb_databaseLoadMissing();
+// As oruZb_databaseGetDeviceByEui64, after loading what is missing when the device is not listed. ORU_STATUS_TRY_AGAIN:
+// it is not listed, but nothing may be concluded from that; logged once until the next whole load.
+oru_status_t oruZb_databaseFindOrLoad(const uint8_t *eui64, oruZb_device_t *p);
+
 // -------------------------------------------------------------------------------------------------------------- store
 // One record of 744 bytes per device under the key "zigbee.01:23:45:67:89:ab:cd:ef". None of these takes the mutex,
 // except oruZb_kvsListKeysCallback by way of the add.
@@ -80,6 +95,7 @@ oru_status_t oruZb_kvsConvertEUI64ToKey(char *kvs_key, size_t kvs_key_size, cons
 // Both return the status of the store, or ORU_STATUS_GENERAL_ERROR when the key could not be formed.
 oru_status_t oruZb_kvsAddOrUpdateDeviceInfo(oruZb_device_t *device);
 oru_status_t oruZb_kvsDeleteDeviceInfo(oruZb_device_t *device);
+// The status of the listing. Main thread at start, then by way of oruZb_databaseLoadMissing only.
 oru_status_t oruZb_kvsLoadAllDeviceInfo();
 // Called by the store, which holds no lock then, with the part of a key after "zigbee.".
 int oruZb_kvsListKeysCallback(const char *key_name);

@@ -16,6 +16,9 @@
 //   left              -                      removed       -                        -
 //   announce          address, capabilities  -             unknown: told to leave;  -
 //                     refreshed; NEW: READY                known: address updated
+//
+// While the database could not be loaded (database_incomplete) no device counts as unknown: it is neither known nor
+// told to leave.
 #include "oru_mp.h"
 #include "zb_database.h"
 #include "zb_discovery_internal.h"
@@ -85,6 +88,7 @@ oru_status_t oruZb_postDeviceLeftToMsgQueue(oruZb_device_t *device) {
 // but before the record of the new discovery is added. True: its removal is on its way.
 static bool removeStaleEntry(uint8_t *eui64) {
     oruZb_device_t stored{};
+    oruZb_databaseLoadMissing();
     if (oruZb_databaseGetDeviceByEui64(eui64, &stored) != ORU_STATUS_OK) {
         return false;
     }
@@ -164,8 +168,10 @@ static void handleSecuredRejoin(oruZb_device_t &device) {
     oruZb_device_t stored{};
     if (oruZb_findNodeFailedDiscoveryList(eui64) != nullptr) {
         restartFailedDiscovery(device);
-    } else if (oruZb_databaseGetDeviceByEui64(eui64, &stored) != ORU_STATUS_OK) {
-        sendUnknownDeviceAway(device);
+    } else if (const oru_status_t status = oruZb_databaseFindOrLoad(eui64, &stored); status != ORU_STATUS_OK) {
+        if (status != ORU_STATUS_TRY_AGAIN) {
+            sendUnknownDeviceAway(device);
+        }
         return;
     }
     oruZb_publishEvent(ORU_ZB_SVC_DEVICE_SECURED_REJOIN, &device, sizeof(device));

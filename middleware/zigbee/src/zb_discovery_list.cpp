@@ -208,7 +208,11 @@ oruZb_node_t *oruZb_updateDiscoveryList(uint8_t *eui64, uint16_t node_id, uint8_
         return item;
     }
     oruZb_device_t stored{};
-    if (oruZb_databaseGetDeviceByEui64(eui64, &stored) != ORU_STATUS_OK) {
+    const oru_status_t status = oruZb_databaseFindOrLoad(eui64, &stored);
+    if (status == ORU_STATUS_TRY_AGAIN) {
+        return nullptr;
+    }
+    if (status != ORU_STATUS_OK) {
         sendAway(eui64, node_id);
     } else if (stored.node_id != node_id) {
         updateStoredNodeId(eui64, node_id, stored.node_id);

@@ -49,6 +49,7 @@ oru_status_t oruZb_doGetDevice(oruZb_getDevice_t *req) {
     if (req == nullptr) {
         return ORU_STATUS_NULL_POINTER;
     }
+    oruZb_databaseLoadMissing();
     oruZb_device_t device{};
     oru_status_t status = ORU_STATUS_GENERAL_ERROR;
     if (req->by >= ORU_ZB_BY_INDEX) {
@@ -68,6 +69,7 @@ oru_status_t oruZb_doGetDeviceCount(oruZb_deviceCount_t *out) {
     if (out == nullptr) {
         return ORU_STATUS_NULL_POINTER;
     }
+    oruZb_databaseLoadMissing();
     out->count = oruZb_databaseGetDeviceCount();
     return ORU_STATUS_OK;
 }
@@ -79,6 +81,7 @@ oru_status_t oruZb_doGetConnectedNodes(uint32_t len, oruZb_nodeInfoList_t *list)
     if (len < sizeof(list->node_index)) {
         return ORU_STATUS_DATA_LEN_INVALID;
     }
+    oruZb_databaseLoadMissing();
     const auto capacity = static_cast<uint32_t>((len - sizeof(list->node_index)) / sizeof(oruZb_nodeInfo_t));
     ZB_LOG_INFO("%s: Reading %d nodes from database", ZB_SVC, capacity);
     oruZb_nodeInfo_t *nodes = list->node_info_array;
