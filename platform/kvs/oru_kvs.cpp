@@ -37,7 +37,7 @@ constexpr size_t max_key_length = 64;
 constexpr size_t max_value_size = 65536;
 constexpr size_t max_waiting = 1024;
 constexpr int busy_timeout_ms = 2000;
-constexpr uint32_t watch_period_ms = 60'000; // whether the files still have their names
+constexpr uint32_t watch_period_ms = 10'000; // whether the files still have their names
 constexpr auto last_flush_limit = std::chrono::seconds(1);
 
 std::atomic<uint32_t> start_wait_ms{10'000}; // longest, for a medium that is mounted late or a lock that is held
@@ -121,6 +121,10 @@ bool keepsConnection(const kvsResult_t &result) {
     }
 }
 
+bool changesWait(const store_t &store) {
+    return !store.waiting.empty() || !store.erasing.empty();
+}
+
 // One line for each kind of failure while the trouble lasts, however many calls fail and however they take turns.
 void noteFailure(store_t &store, trouble_t trouble, const kvsResult_t &result) {
     store.reopen = store.reopen || !keepsConnection(result);
@@ -132,8 +136,9 @@ void noteFailure(store_t &store, trouble_t trouble, const kvsResult_t &result) {
     }
 }
 
+// What a copy, or a connection to a file that has lost its name, can do proves nothing.
 void noteSuccess(store_t &store, trouble_t proof) {
-    if (store.trouble == trouble_t::none || proof < store.trouble || !store.waiting.empty() || !store.erasing.empty()) {
+    if (store.trouble == trouble_t::none || proof < store.trouble || !store.writable || changesWait(store)) {
         return;
     }
     oruLog_log(ORU_LOG_ID_MAIN, ORU_LOG_INFO, kvs_log_tag,
@@ -219,10 +224,6 @@ kvsResult_t flush(store_t &store) {
         store.written_late++;
     }
     return {};
-}
-
-bool changesWait(const store_t &store) {
-    return !store.waiting.empty() || !store.erasing.empty();
 }
 
 // Makes the store usable as far as possible. While it fails, waits for other programs are not repeated at each call.
@@ -329,7 +330,7 @@ void endOfProcess() {
         return;
     }
     try {
-        if (changesWait(store)) {
+        if (store.started) { // also writes back files that were deleted
             (void)prepareStore(store, true);
         }
         if (changesWait(store)) {

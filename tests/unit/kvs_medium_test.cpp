@@ -51,6 +51,7 @@ TEST_F(KvsMediumTest, AMediumThatTakesNoFilesIsReadAllTheSame) {
         full ? filefaults::failOpening("-shm", 1000, ENOSPC) : filefaults::failChangesBelow(below.c_str(), EROFS);
         EXPECT_EQ(listStatus(), ORU_STATUS_OK);
         EXPECT_EQ(get("g.a"), "1");
+        EXPECT_FALSE(logged("working again"));
         EXPECT_EQ(set("g.b", "2"), full ? ORU_STATUS_OK : ORU_STATUS_GENERAL_ERROR);
         EXPECT_EQ(oruKeyValueDsHal_remove("g.a"), full ? ORU_STATUS_OK : ORU_STATUS_GENERAL_ERROR);
         filefaults::off();
@@ -152,6 +153,8 @@ TEST_F(KvsMediumTest, DeletedFilesAreWrittenBackAndTheLockIsTakenAnew) {
         for (const std::string &name : suffixes) {
             std::filesystem::remove(folder + "/" + name);
         }
+        oruKvsTesting_endOfProcess(); // as good as any operation
+        EXPECT_TRUE(std::filesystem::exists(folder + "/" + suffixes.front()));
         EXPECT_EQ(set("g.b", suffixes.front()), 0);
         const int other = open((folder + "/corvane.lock").c_str(), O_RDWR);
         EXPECT_NE(flock(other, LOCK_EX | LOCK_NB), 0);
