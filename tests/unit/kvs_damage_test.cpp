@@ -155,6 +155,7 @@ TEST_F(KvsDamageTest, ADamagedFileIsSetAsideAndReadableRecordsAreKept) {
         clearLog();
         const std::string content = damage.damage(sound);
         writeFile(database(), content);
+        writeFile(database() + ".salvage", "left over from a crash");
         const int kept = soundRecords();
         EXPECT_TRUE(kept >= damage.at_least && kept <= damage.at_most) << kept;
         EXPECT_EQ(logged("set aside as"), damage.what != std::string("cut by a byte")); // which costs one record only
