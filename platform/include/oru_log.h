@@ -29,8 +29,13 @@ extern "C" {
 // character becomes '?', so that text from outside cannot forge lines or drive a terminal.
 //
 // Threads: every thread at any time, also while exit() runs; not in signal handlers. Takes only the log's own lock,
-// calls nobody back, allocates no memory, and keeps errno. Never waits for a slow reader: a line that cannot be written
-// at once is dropped, and the next line that gets through is preceded by "N log lines dropped".
+// calls nobody back, allocates no memory, and keeps errno. Never waits for a slow reader: a thread of the log's own
+// writes the lines, in the order of the calls, and those that do not fit into the 256 KiB that may wait for it are
+// dropped; "N log lines dropped" stands where they would have been. The end of main() and exit() leave it a second to
+// write what waits, a crash 0.2 s; kill -9 costs what was logged in the last milliseconds.
+//
+// A line of ORU_LOG_FATAL may be the last one: the caller writes it, and comes back when it is written, or after 0.2 s
+// when its place takes nothing.
 void oruLog_log(oruLog_id_t id, oruLog_level_t level, const char *tag, const char *format, ...)
     __attribute__((format(printf, 4, 5)));
 }

@@ -20,7 +20,6 @@
 namespace {
 
 constexpr size_t line_capacity = 2048; // of the kept buffer: the text, the tag and the time, with room to spare
-constexpr std::string_view own_tag = "oru_log";
 constexpr mode_t file_mode = 0640;
 
 struct Level_look {
@@ -92,71 +91,89 @@ int openFile(const std::string &path, int more_flags) {
     return open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NONBLOCK | more_flags, file_mode);
 }
 
+// Gives the size of a regular file; false for anything else.
+bool readSize(int descriptor, size_t &size) {
+    struct stat status {};
+    const bool regular = fstat(descriptor, &status) == 0 && S_ISREG(status.st_mode);
+    size = static_cast<size_t>(status.st_size);
+    return regular;
+}
+
 } // namespace
 
-Line_sink::Line_sink(std::unique_ptr<spdlog::formatter> formatter) : base_sink(std::move(formatter)) {
+Line_sink::Line_sink(std::unique_ptr<spdlog::formatter> formatter) : formatter_(std::move(formatter)) {
     line_.reserve(line_capacity);
 }
 
-void Line_sink::sink_it_(const spdlog::details::log_msg &message) {
-    if (!reportDropped() || !write(message)) {
-        ++dropped_;
-    }
-}
-
-bool Line_sink::write(const spdlog::details::log_msg &message) {
+void Line_sink::begin(const spdlog::details::log_msg &message) {
     line_.clear();
+    putStart(line_, message.level);
     formatter_->format(message, line_);
-    return put(message.level, line_);
+    putEnd(line_);
+    left_ = whole();
 }
 
-bool Line_sink::reportDropped() {
-    if (dropped_ == 0) {
-        return true;
-    }
-    std::array<char, 64> text{};
-    (void)std::snprintf(text.data(), text.size(), "%llu log lines dropped", static_cast<unsigned long long>(dropped_));
-    if (!write({own_tag, spdlog::level::warn, text.data()})) {
-        return false;
-    }
-    dropped_ = 0;
-    return true;
+Descriptor_sink::Descriptor_sink(int descriptor, Look look)
+    : Line_sink(makeFormatter(stream_pattern, look.coloured)), descriptor_(descriptor), priorities_(look.priorities) {}
+
+void Descriptor_sink::setDescriptor(int descriptor) {
+    descriptor_ = descriptor;
+    torn_ = false;
+    left_ = whole();
 }
 
-Descriptor_sink::Descriptor_sink(int descriptor, bool coloured)
-    : Line_sink(makeFormatter(stream_pattern, coloured)), descriptor_(descriptor) {}
-
-// The descriptor may be shared with other programs, so it is not made non-blocking. The system reports a pipe or socket
-// as writable only when it has room for at least 4096 bytes or half of its buffer, more than a line.
-bool Descriptor_sink::put(spdlog::level::level_enum, spdlog::memory_buf_t &line) {
-    pollfd ready = {descriptor_, POLLOUT, 0};
-    if (poll(&ready, 1, 0) != 1 || ready.revents != POLLOUT) { // a closed pipe reports an error, and would kill us
-        return false;
-    }
-    line.push_back('\n');
+void Descriptor_sink::putStart(spdlog::memory_buf_t &line, spdlog::level::level_enum level) {
     if (torn_) {
-        torn_ = ::write(descriptor_, "\n", 1) != 1;
+        line.push_back('\n');
     }
-    const ssize_t written = torn_ ? -1 : ::write(descriptor_, line.data(), line.size());
-    if (written <= 0) {
-        return false;
+    if (priorities_) {
+        line.push_back('<');
+        line.push_back(static_cast<char>('0' + lookOf(level).severity));
+        line.push_back('>');
     }
-    torn_ = static_cast<size_t>(written) < line.size();
-    return !torn_;
+}
+
+// The descriptor may be shared with other programs, so it is not made non-blocking here. Where it is not, the question
+// first makes waiting unlikely: the system reports a pipe as writable only when it has room for 4096 bytes.
+ssize_t Descriptor_sink::write() {
+    if (socket_) {
+        const ssize_t sent = send(descriptor_, left_.data(), left_.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+        socket_ = sent >= 0 || errno != ENOTSOCK;
+        if (socket_) {
+            return sent;
+        }
+    }
+    pollfd ready = {descriptor_, POLLOUT, 0};
+    (void)poll(&ready, 1, 0);
+    if (ready.revents != POLLOUT) { // a closed pipe reports an error, and would end the process with a signal
+        errno = ready.revents == 0 ? EAGAIN : EPIPE;
+        return -1;
+    }
+    return ::write(descriptor_, left_.data(), left_.size());
+}
+
+Line_sink::Progress Descriptor_sink::proceed() {
+    while (!left_.empty()) {
+        const ssize_t written = write();
+        if (written <= 0) {
+            return written < 0 && errno == EAGAIN ? Progress::NO_ROOM : Progress::LOST;
+        }
+        left_.remove_prefix(static_cast<size_t>(written));
+        torn_ = !left_.empty();
+    }
+    return Progress::OUT;
 }
 
 File_sink::File_sink(const std::string &path, size_t max_bytes, unsigned max_files)
-    : Descriptor_sink(-1, false), path_(absolutePath(path)), max_bytes_(max_bytes), max_files_(max_files), size_(0) {
+    : Descriptor_sink(-1, {}), path_(absolutePath(path)), max_bytes_(max_bytes), max_files_(max_files), size_(0) {
     setDescriptor(openFile(path_, 0));
     if (descriptor() < 0) {
         spdlog::throw_spdlog_ex("cannot open log file \"" + path_ + "\"", errno);
     }
-    struct stat status {};
-    if (fstat(descriptor(), &status) != 0 || !S_ISREG(status.st_mode)) {
+    if (!readSize(descriptor(), size_)) {
         close(descriptor());
         spdlog::throw_spdlog_ex("cannot use log file \"" + path_ + "\": not a regular file");
     }
-    size_ = static_cast<size_t>(status.st_size);
 }
 
 File_sink::~File_sink() {
@@ -165,13 +182,14 @@ File_sink::~File_sink() {
     }
 }
 
-bool File_sink::put(spdlog::level::level_enum level, spdlog::memory_buf_t &line) {
-    if (max_bytes_ != 0 && size_ != 0 && size_ + line.size() + 1 > max_bytes_) {
+Line_sink::Progress File_sink::proceed() {
+    if (max_bytes_ != 0 && size_ != 0 && size_ + left_.size() > max_bytes_) {
         rotate();
     }
-    const bool written = Descriptor_sink::put(level, line);
-    size_ += written ? line.size() : 0;
-    return written;
+    const size_t before = left_.size();
+    const Progress progress = Descriptor_sink::proceed();
+    size_ += before - left_.size();
+    return progress;
 }
 
 // Rotation that fails (no permission, for example) keeps the file in use and is tried again after as many bytes.
@@ -186,6 +204,23 @@ void File_sink::rotate() {
         setDescriptor(fresh);
     }
     size_ = 0;
+}
+
+bool File_sink::reopen() {
+    const int fresh = openFile(path_, 0);
+    size_t size = 0;
+    if (fresh < 0) {
+        return false;
+    }
+    if (!readSize(fresh, size)) {
+        close(fresh);
+        errno = EINVAL;
+        return false;
+    }
+    close(descriptor());
+    setDescriptor(fresh);
+    size_ = size;
+    return true;
 }
 
 Syslog_sink::Syslog_sink(std::string path) : Line_sink(makeFormatter(syslog_pattern, false)), path_(std::move(path)) {
@@ -225,17 +260,19 @@ bool Syslog_sink::connectSocket() {
     return true;
 }
 
-bool Syslog_sink::put(spdlog::level::level_enum level, spdlog::memory_buf_t &line) {
+void Syslog_sink::putStart(spdlog::memory_buf_t &line, spdlog::level::level_enum level) {
     std::array<char, 8> priority{};
     (void)std::snprintf(priority.data(), priority.size(), "<%d>", LOG_DAEMON | lookOf(level).severity);
-    std::array<iovec, 2> parts = {{{priority.data(), std::strlen(priority.data())}, {line.data(), line.size()}}};
-    msghdr datagram{};
-    datagram.msg_iov = parts.data();
-    datagram.msg_iovlen = parts.size();
-    const auto send = [this, &datagram] { return sendmsg(socket_, &datagram, MSG_DONTWAIT | MSG_NOSIGNAL) >= 0; };
-    if (send()) {
-        return true;
-    }
+    append(line, priority.data());
+}
+
+Line_sink::Progress Syslog_sink::proceed() {
+    const auto sent = [this] {
+        return send(socket_, whole().data(), whole().size(), MSG_DONTWAIT | MSG_NOSIGNAL) >= 0;
+    };
     // A restarted daemon leaves the old connection refused or unconnected.
-    return errno != EAGAIN && connectSocket() && send();
+    if (sent() || (errno != EAGAIN && connectSocket() && sent())) {
+        return Progress::OUT;
+    }
+    return errno == EAGAIN ? Progress::NO_ROOM : Progress::LOST;
 }

@@ -1,43 +1,80 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The log: makes one text of each call on the caller's stack, without a lock, and hands it to the current sink under
-// one.
+// The log: makes one text of each call on the caller's stack, without a lock, and hands it to the writer.
 #include "log_sinks.h"
+#include "log_writer.h"
 #include "oru_log_setup.h"
 #include <algorithm>
 #include <array>
 #include <atomic>
 #include <cerrno>
+#include <csignal>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
 #include <memory>
-#include <mutex>
 #include <span>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
 
-constexpr size_t text_capacity = 1024; // bytes of a line's text with its terminator
 constexpr const char *syslog_socket = "/dev/log";
+constexpr Log_writer::Milliseconds exit_limit{1000};
 
 constinit std::atomic<int32_t> minimum_level{ORU_LOG_INFO};
 
-struct Log {
-    std::mutex lock; // guards the sink and every call of it; a leaf
-    std::unique_ptr<Line_sink> sink;
-};
-
-std::unique_ptr<Line_sink> standardError() {
-    const bool coloured = isatty(STDERR_FILENO) == 1 && std::getenv("NO_COLOR") == nullptr;
-    return std::make_unique<Descriptor_sink>(STDERR_FILENO, coloured);
+// The journal tells its streams in the environment, which children inherit whatever became of their descriptors.
+bool isJournal(int descriptor) {
+    const char *stream = std::getenv("JOURNAL_STREAM"); // NOLINT(concurrency-mt-unsafe): start-up
+    unsigned long long device = 0;
+    unsigned long long inode = 0;
+    struct stat status {};
+    return stream != nullptr && std::sscanf(stream, "%llu:%llu", &device, &inode) == 2 &&
+           fstat(descriptor, &status) == 0 && status.st_dev == device && status.st_ino == inode;
 }
 
+std::unique_ptr<Line_sink> standardError() {
+    Descriptor_sink::Look look;
+    look.coloured = isatty(STDERR_FILENO) == 1 && std::getenv("NO_COLOR") == nullptr;
+    look.priorities = isJournal(STDERR_FILENO);
+    return std::make_unique<Descriptor_sink>(STDERR_FILENO, look);
+}
+
+void finishLog();
+
 // Never destroyed: other threads log while the process exits.
-Log &theLog() {
-    static Log *const log = new Log{{}, standardError()};
+Log_writer &theLog() {
+    static Log_writer *const log = [] {
+        auto *writer = new Log_writer(standardError());
+        (void)std::atexit(finishLog);
+        return writer;
+    }();
     return *log;
+}
+
+void finishLog() {
+    theLog().finish(exit_limit);
+}
+
+// Default action afterwards; the mask of the handler lets it wait for the end of this one.
+void onCrash(int signal_number) {
+    theLog().waitAfterCrash();
+    (void)raise(signal_number);
+}
+
+// The last lines before a crash are the ones that matter. Whoever has a handler of his own keeps it.
+void catchCrashes() {
+    for (const int number : {SIGABRT, SIGSEGV, SIGBUS, SIGFPE, SIGILL}) {
+        struct sigaction former {};
+        struct sigaction action {};
+        action.sa_handler = onCrash;
+        action.sa_flags = static_cast<int>(SA_RESETHAND);
+        if (sigaction(number, nullptr, &former) == 0 && former.sa_handler == SIG_DFL) {
+            (void)sigaction(number, &action, nullptr);
+        }
+    }
 }
 
 std::unique_ptr<Line_sink> makeSink(const oruLog_config_t &config) {
@@ -86,10 +123,10 @@ void replaceControls(std::span<char> text) {
 }
 
 // Formats into buffer; the result lies in it.
-std::string_view makeText(std::span<char, text_capacity> buffer, const char *format, va_list arguments)
+std::string_view makeText(std::span<char, log_text_capacity> buffer, const char *format, va_list arguments)
     __attribute__((format(printf, 2, 0)));
 
-std::string_view makeText(std::span<char, text_capacity> buffer, const char *format, va_list arguments) {
+std::string_view makeText(std::span<char, log_text_capacity> buffer, const char *format, va_list arguments) {
     const int wanted = std::vsnprintf(buffer.data(), buffer.size(), format, arguments);
     if (wanted < 0) {
         return "(text cannot be formatted)";
@@ -112,31 +149,28 @@ void oruLog_log(oruLog_id_t /*id*/, oruLog_level_t level, const char *tag, const
         return;
     }
     const int callers_errno = errno;
-    std::array<char, text_capacity> buffer; // not cleared: only what the formatting wrote is read
+    std::array<char, log_text_capacity> buffer; // not cleared: only what the formatting wrote is read
     va_list arguments;
     va_start(arguments, format);
     const std::string_view text = makeText(buffer, format, arguments);
     va_end(arguments);
     try {
-        const spdlog::details::log_msg message(tag == nullptr ? "-" : tag,
-                                               static_cast<spdlog::level::level_enum>(kept_level), text);
-        Log &log = theLog();
-        const std::lock_guard guard(log.lock);
-        log.sink->log(message);
+        const auto severity = static_cast<spdlog::level::level_enum>(kept_level);
+        if (kept_level == ORU_LOG_FATAL) {
+            theLog().logAtOnce(severity, tag == nullptr ? "-" : tag, text);
+        } else {
+            theLog().log(severity, tag == nullptr ? "-" : tag, text);
+        }
     } catch (const std::exception &) {
-        // Out of memory for the first line or for an endless tag: there is nowhere to say so.
+        // Out of memory for the first line: there is nowhere to say so.
     }
     errno = callers_errno;
 }
 
 oru_status_t oruLog_configure(const oruLog_config_t &config, std::string *error) {
     try {
-        std::unique_ptr<Line_sink> sink = makeSink(config);
-        Log &log = theLog();
-        {
-            const std::lock_guard guard(log.lock);
-            log.sink.swap(sink);
-        }
+        theLog().setSink(makeSink(config));
+        catchCrashes();
         minimum_level = nearestLevel(config.level);
     } catch (const spdlog::spdlog_ex &failure) {
         if (error != nullptr) {
@@ -147,4 +181,8 @@ oru_status_t oruLog_configure(const oruLog_config_t &config, std::string *error)
         return ORU_STATUS_OUT_OF_MEMORY;
     }
     return ORU_STATUS_OK;
+}
+
+bool oruLog_flush(uint32_t limit_ms) {
+    return theLog().flush(Log_writer::Milliseconds(limit_ms));
 }

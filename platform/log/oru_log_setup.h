@@ -20,8 +20,13 @@ struct oruLog_config_t {
     unsigned max_files = 0;              // old files kept beside it: FILE.1 (newest) to FILE.max_files
 };
 
-// Switches the log to config; lines of other threads go to either the old or the new place, none is lost in between.
-// May be called again, from any thread; starts no thread and may be followed by a fork.
+// Switches the log to config. May be called again, from any thread: lines from before go to the place before when it
+// takes them within a second. Starts no thread and may be followed by a fork: the line logged next starts the writer, a
+// thread with all signals blocked (which takes SIGHUP when the process has blocked it: the log file is then opened
+// anew). Until then lines are written by whoever logs them.
 // Result: ORU_STATUS_OK; ORU_STATUS_BAD_PARAM when the place cannot be opened (the log stays as it was, and a text for
 // people is stored in *error unless that is null); ORU_STATUS_OUT_OF_MEMORY.
 oru_status_t oruLog_configure(const oruLog_config_t &config, std::string *error = nullptr);
+
+// Waits until the lines logged so far are written, or dropped by their place. False when the limit came first.
+bool oruLog_flush(uint32_t limit_ms);

@@ -24,7 +24,7 @@ uint64_t elapsedUs(const std::atomic<int64_t> &since_us, int64_t now_us) {
 }
 
 [[noreturn]] void abortFor(const char *what, uint64_t silent_us) {
-    oruLog_log(ORU_LOG_ID_MAIN, ORU_LOG_ERROR, "zbhal", "watchdog: %s for %llu s, aborting", what,
+    oruLog_log(ORU_LOG_ID_MAIN, ORU_LOG_FATAL, "zbhal", "watchdog: %s for %llu s, aborting", what,
                static_cast<unsigned long long>(silent_us / 1000000));
     std::abort();
 }

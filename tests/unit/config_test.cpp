@@ -39,6 +39,7 @@ protected:
         testing::internal::CaptureStderr();
         EXPECT_EQ(oruUserConfig_parser(opened, &config), expected);
         (void)fclose(opened);
+        EXPECT_TRUE(oruLog_flush(10000));
         return testing::internal::GetCapturedStderr();
     }
     std::string parse(const std::string &text, oru_status_t expected = ORU_STATUS_OK) {
@@ -52,6 +53,7 @@ protected:
         oruConfig_setForTesting(settings);
         testing::internal::CaptureStderr();
         EXPECT_EQ(oru_initWithConfig(&config), expected);
+        EXPECT_TRUE(oruLog_flush(10000));
         return testing::internal::GetCapturedStderr();
     }
 
@@ -167,6 +169,7 @@ TEST_F(ConfigTest, StartUpCreatesTheFoldersAndSetsTheLogUp) {
     for (int line = 0; line < 120; ++line) {
         oruLog_log(ORU_LOG_ID_MAIN, ORU_LOG_ERROR, "test", "%0100d", line);
     }
+    EXPECT_TRUE(oruLog_flush(10000));
     EXPECT_GT(fs::file_size(folder + "/log.1"), 15U * 1024U);
     EXPECT_EQ(read(folder + "/log.1").find("below"), std::string::npos);
 }
