@@ -9,3 +9,7 @@ void oruConfig_replace(const oruConfig_t &config);
 
 // One error line for the person who starts the daemon. Control characters are replaced (the text may quote the file).
 void oruConfig_reportError(std::string text);
+
+// Before the first line is written, in the parser or at start-up: standard input, output and error are open, and nobody
+// who does not read holds the process up. May be called again.
+void oruConfig_prepareStreams();

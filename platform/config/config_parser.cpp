@@ -355,6 +355,7 @@ extern "C" oru_status_t oruUserConfig_parser(FILE *file, oruUserConfig_config_t 
         return ORU_STATUS_NULL_POINTER;
     }
     try {
+        oruConfig_prepareStreams();
         return parseFile(file, config);
     } catch (const std::bad_alloc &) {
         oruConfig_reportError("configuration file: out of memory");

@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Platform start-up: puts the log settings in force and makes sure that the two folders the layers write to exist and
-// can be written, so that a wrong path is one clear line at start and not a puzzle hours later. Runs before the daemon
-// forks into the background: no threads, no sockets, no descriptor stays open.
+// can be written, so that a wrong path is one clear line at start and not a puzzle hours later. Prepares what belongs
+// to the process as a whole: its standard streams, the signals all threads inherit, core dumps. Runs before the daemon
+// forks into the background: no threads, no sockets, no further descriptor stays open.
 #include "config_internal.h"
 #include "oru_init.h"
 #include "oru_log_setup.h"
@@ -11,6 +12,8 @@
 #include <cstring>
 #include <fcntl.h>
 #include <new>
+#include <poll.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -40,17 +43,24 @@ bool createMissing(const folder_t &folder) {
     return errno == EEXIST;
 }
 
+// Where there are no files without a name: one with a name, which an earlier start may have left behind.
+bool tryToWriteNamed(const std::string &path) {
+    const int descriptor = open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
+    if (descriptor >= 0) {
+        (void)close(descriptor);
+    }
+    return descriptor >= 0 && unlink(path.c_str()) == 0;
+}
+
 // Permission bits alone do not tell: read-only mounts, quotas and security modules have their say as well.
 bool tryToWrite(const folder_t &folder) {
-    const std::string probe = folder.path + "/.corvane-probe-" + std::to_string(getpid());
-    const int descriptor = open(probe.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
-    if (descriptor < 0) {
-        // A full disk is no reason to leave the home without its network: the store waits for space.
-        return errno == EEXIST || errno == ENOSPC || errno == EDQUOT;
+    const int descriptor = open(folder.path.c_str(), O_TMPFILE | O_WRONLY | O_CLOEXEC, 0600);
+    if (descriptor >= 0) {
+        (void)close(descriptor);
+        return true;
     }
-    (void)close(descriptor);
-    (void)unlink(probe.c_str());
-    return true;
+    // A full disk is no reason to leave the home without its network: the store waits for space.
+    return tryToWriteNamed(folder.path + "/.corvane-probe") || errno == ENOSPC || errno == EDQUOT;
 }
 
 oru_status_t prepareFolder(const folder_t &folder) {
@@ -95,11 +105,68 @@ oru_status_t applyLogSettings(const oruConfig_t &config) {
     return status;
 }
 
-// The folders first: the log file may be meant to lie in one of them. All are tried, so that every mistake is named
-// at the first start. Whoever reads standard output and error may go away, which is no reason to die: writing there
-// fails instead, and so it must before anything is written.
-oru_status_t startUp() {
+// A descriptor below 3 that is closed would be given to the next file, and log lines or messages written into it.
+void openMissingStreams() {
+    for (int descriptor = STDIN_FILENO; descriptor <= STDERR_FILENO; ++descriptor) {
+        if (fcntl(descriptor, F_GETFD) < 0 && open("/dev/null", O_RDWR) < 0) {
+            return;
+        }
+    }
+}
+
+bool mayWait(int stream) {
+    struct stat info = {};
+    const int mode = fcntl(stream, F_GETFL);
+    return mode >= 0 && (mode & O_ACCMODE) != O_RDONLY && (mode & O_NONBLOCK) == 0 && fstat(stream, &info) == 0 &&
+           !S_ISREG(info.st_mode);
+}
+
+bool hasRoom(int stream) {
+    pollfd room = {stream, POLLOUT, 0};
+    return poll(&room, 1, 0) != 0;
+}
+
+// The mode of a descriptor is shared with other programs, the shell for one; so the stream gets an opening of its own.
+// What cannot be opened once more, a socket for example, stays as it is: the log takes care of standard error, and on
+// standard output there are only a few lines, which need some room once.
+void neverWaitForReader(int stream) {
+    if (!mayWait(stream)) {
+        return;
+    }
+    const std::string name = "/proc/self/fd/" + std::to_string(stream);
+    int opened = open(name.c_str(), O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+    if (opened < 0 && stream == STDOUT_FILENO && !hasRoom(stream)) {
+        opened = open("/dev/null", O_WRONLY | O_CLOEXEC);
+    }
+    if (opened >= 0) {
+        (void)dup2(opened, stream);
+        (void)close(opened);
+    }
+}
+
+// Whoever reads standard output and error may go away, which is no reason to die: writing there fails instead. SIGHUP
+// is for the log alone, so every thread inherits that it is blocked; a handler keeps it from being ignored.
+void prepareSignals() {
     (void)std::signal(SIGPIPE, SIG_IGN);
+    (void)std::signal(SIGHUP, [](int) {});
+    sigset_t hang_up;
+    sigemptyset(&hang_up);
+    sigaddset(&hang_up, SIGHUP);
+    (void)pthread_sigmask(SIG_BLOCK, &hang_up, nullptr);
+}
+
+// Memory holds the keys of the home.
+void forbidCoreDumps() {
+    const rlimit none = {0, 0};
+    (void)setrlimit(RLIMIT_CORE, &none);
+}
+
+// The folders first: the log file may be meant to lie in one of them. All are tried, so that every mistake is named
+// at the first start.
+oru_status_t startUp() {
+    oruConfig_prepareStreams();
+    prepareSignals();
+    forbidCoreDumps();
     const oruConfig_t &config = oruConfig_get();
     const folder_t state = {config.state_directory, 0700, "store.directory", true};
     const folder_t runtime = {config.runtime_directory, 0755, "ipc.directory", false};
@@ -119,6 +186,12 @@ oru_status_t guardedStartUp() {
 }
 
 } // namespace
+
+void oruConfig_prepareStreams() {
+    openMissingStreams();
+    neverWaitForReader(STDOUT_FILENO);
+    neverWaitForReader(STDERR_FILENO);
+}
 
 // The log is still at its default here, standard error, so that whoever starts the daemon sees the line.
 void oruConfig_reportError(std::string text) {

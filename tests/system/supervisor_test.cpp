@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <poll.h>
 #include <sys/resource.h>
+#include <termios.h>
 
 namespace {
 
@@ -143,6 +144,78 @@ TEST(OutputTest, OutlivesTheReaderOfItsOutput) {
         ASSERT_TRUE(daemon.simJoin(0));
         EXPECT_TRUE(eventually([&] { return listener.count(ORU_ZB_SVC_DEVICE_DISCOVERED) == 1; }));
         EXPECT_EQ(daemon.end(SIGTERM), 0);
+    }
+}
+
+// Two ends, of which the second takes nothing any more.
+std::pair<int, int> stalled(bool terminal) {
+    int ends[2] = {-1, -1};
+    if (terminal) {
+        ends[0] = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
+        EXPECT_TRUE(grantpt(ends[0]) == 0 && unlockpt(ends[0]) == 0);
+        ends[1] = open(ptsname(ends[0]), O_RDWR | O_NOCTTY | O_CLOEXEC);
+        termios raw{};
+        cfmakeraw(&raw);
+        EXPECT_EQ(tcsetattr(ends[1], TCSANOW, &raw), 0);
+    } else {
+        EXPECT_EQ(pipe2(ends, O_CLOEXEC), 0);
+    }
+    const int mode = fcntl(ends[1], F_GETFL);
+    (void)fcntl(ends[1], F_SETFL, mode | O_NONBLOCK);
+    while (write(ends[1], "#", 1) == 1) {
+    }
+    (void)fcntl(ends[1], F_SETFL, mode);
+    (void)fcntl(ends[0], F_SETFL, O_NONBLOCK);
+    return {ends[0], ends[1]};
+}
+
+std::string drain(int reader) {
+    std::string text;
+    char part[4096];
+    for (ssize_t size = 0; (size = read(reader, part, sizeof part)) > 0;) {
+        text.append(part, static_cast<std::size_t>(size));
+    }
+    return text;
+}
+
+TEST(OutputTest, AStalledReaderHoldsUpNeitherStartNorServiceNorEnd) {
+    for (const bool terminal : {false, true}) {
+        SCOPED_TRACE(terminal ? "terminal" : "pipe");
+        const auto [reader, writer] = stalled(terminal);
+        Daemon daemon;
+        daemon.log = "sink = \"stderr\"\n";
+        daemon.radio = "watchdog_seconds = 3\n";
+        Supervisor supervisor(daemon);
+        daemon.in_child = [former = daemon.in_child, end = writer] {
+            former();
+            dup2(end, 1);
+            dup2(end, 2);
+        };
+        daemon.start();
+        ASSERT_TRUE(supervisor.hears("READY=1", 1));
+        Listener listener(daemon);
+        ASSERT_TRUE(listener.connect());
+        ASSERT_TRUE(listener.formAndOpen());
+        const auto logMuch = [&] { // more than the log holds back
+            for (int i = 0; i < 8000; ++i) {
+                ASSERT_TRUE(listener.client.ping().ok());
+            }
+        };
+        logMuch();
+        EXPECT_TRUE(supervisor.hears("WATCHDOG=1", 3, Clock::now()));
+        std::string text;
+        EXPECT_TRUE(eventually([&] {
+            text += drain(reader);
+            return text.find("oru_log] ") != std::string::npos && text.ends_with("\n");
+        })) << text.substr(0, 2000);
+        EXPECT_NE(text.find(" log lines dropped\n"), std::string::npos);
+        EXPECT_NE(text.find("oru zigbee svc start\n"), std::string::npos) << "from before the reader came back";
+        logMuch();
+        const auto begin = Clock::now();
+        EXPECT_EQ(daemon.end(SIGTERM), 0);
+        EXPECT_LT(Clock::now() - begin, 2s);
+        close(reader);
+        close(writer);
     }
 }
 

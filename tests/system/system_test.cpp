@@ -191,6 +191,20 @@ TEST(BadInputTest, ClearErrors) {
          },
          -1,
          {"/proc/nope/state"}},
+        {"no configuration file",
+         [](Daemon &d) {
+             d.in_child = [] { unlink("corvane.toml"); };
+             d.arguments = {"-p", "/dev/null"};
+         },
+         0,
+         {"file corvane.toml cannot be read: No such file"}},
+        {"options end at the first argument that is none",
+         [](Daemon &d) {
+             d.in_child = [] { setenv("POSIXLY_CORRECT", "1", 1); };
+             d.arguments = {"-p", "virtual:nowhere.toml"};
+         },
+         0,
+         {"nowhere.toml"}},
         {"help", [](Daemon &d) { d.arguments = {"-h"}; }, 1, {"Usage: corvane -B|-h|-p <port>", "\t -h : print this"}},
     };
     for (const Row &row : rows) {
@@ -228,6 +242,41 @@ TEST(DaemonOptionTest, ServiceGoesOnInAChildProcess) {
     EXPECT_GT(waitpid(-group, &status, 0), 0);
     EXPECT_EQ(status, 0);
     prctl(PR_SET_CHILD_SUBREAPER, 0);
+}
+
+TEST(StartTest, PreparesWhatBelongsToTheProcess) {
+    Daemon daemon;
+    daemon.in_child = [] {
+        for (const int stream : {0, 1, 2}) {
+            close(stream);
+        }
+        (void)signal(SIGHUP, SIG_IGN); // as nohup does
+    };
+    daemon.start();
+    Listener listener(daemon);
+    ASSERT_TRUE(listener.connect());
+    const std::string process = "/proc/" + std::to_string(daemon.pid());
+    for (const std::string stream : {"0", "1", "2"}) {
+        EXPECT_EQ(std::filesystem::read_symlink(process + "/fd/" + stream), "/dev/null");
+    }
+    EXPECT_EQ(daemon.read("state/corvane.lock"), "");
+    std::ifstream limits(process + "/limits");
+    const std::string text{std::istreambuf_iterator<char>(limits), {}};
+    EXPECT_EQ(text.substr(text.find("Max core file size") + 18, 45).find_first_of("123456789u"), std::string::npos)
+        << text;
+
+    std::filesystem::rename(daemon.path("log"), daemon.path("old"));
+    kill(daemon.pid(), SIGHUP);
+    EXPECT_TRUE(
+        eventually([&] { return daemon.read("log").find("SIGHUP: the log goes on here") != std::string::npos; }));
+    EXPECT_EQ(listener.client.ping().value, "pong");
+    EXPECT_EQ(daemon.end(SIGTERM), 0);
+
+    daemon.arguments = {"-h"};
+    std::filesystem::remove_all(daemon.path("state"));
+    daemon.start();
+    EXPECT_EQ(WEXITSTATUS(daemon.wait()), EXIT_FAILURE);
+    EXPECT_FALSE(std::filesystem::exists(daemon.path("state"))) << "who asks for help wants nothing else";
 }
 
 TEST(SecondDaemonTest, LeavesTheFirstAlone) {

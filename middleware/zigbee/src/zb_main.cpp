@@ -15,6 +15,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <getopt.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -69,10 +70,19 @@ void daemonize() {
     print("oruZb_svc: daemon created");
 }
 
+int oruZb_nextOption(int argc, char **argv) {
+    int option = getopt(argc, argv, "Bp:h");
+    for (int passed = 0; option == -1 && optind > passed && optind < argc && strcmp(argv[optind - 1], "--") != 0;) {
+        passed = optind++; // getopt goes back when it has moved all that are none to the end
+        option = getopt(argc, argv, "Bp:h");
+    }
+    return option;
+}
+
 // True when -B was given.
 static bool parseOptions(int argc, char **argv) {
     bool daemon = false;
-    for (int option = getopt(argc, argv, "Bp:h"); option != -1; option = getopt(argc, argv, "Bp:h")) {
+    for (int option = oruZb_nextOption(argc, argv); option != -1; option = oruZb_nextOption(argc, argv)) {
         switch (option) {
         case 'B':
             daemon = true;

@@ -18,6 +18,8 @@ extern oruZb_privateData_t sZBSvcData;
 // adapter could not be brought up. Ends the process with status 1 for -h, a failed fork, timers, IPC service or
 // throttle that cannot be created.
 int zigbee_main(int argc, char **argv);
+// As getopt with the options of the program, but goes on behind arguments that are none, whatever the environment says.
+int oruZb_nextOption(int argc, char **argv);
 // Goes on in a child process. The child keeps its terminal, directory and descriptors. Must come before any thread.
 void daemonize();
 void usage();                             // prints the four lines of usage on standard output
