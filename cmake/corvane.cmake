@@ -13,6 +13,9 @@ target_compile_options(corvane_options INTERFACE -Wall -Wextra -Wconversion -Wsh
 # g++ 12 sees overlapping copies and endless reads in standard containers where there are none (bugs 105651, 105329).
 target_compile_options(corvane_options INTERFACE $<$<CXX_COMPILER_ID:GNU>:-Wno-restrict -Wno-stringop-overread>)
 target_compile_definitions(corvane_options INTERFACE $<$<CONFIG:Release>:_FORTIFY_SOURCE=2>)
+# Functions of libraries are bound at the start: binding at the first call leaves the registers, and keys in them, on the
+# stack, and keeps the table of addresses writable.
+target_link_options(corvane_options INTERFACE -Wl,-z,relro,-z,now)
 target_link_libraries(corvane_options INTERFACE Threads::Threads)
 if(CORVANE_SANITIZE)
     target_compile_options(corvane_options INTERFACE -fsanitize=${CORVANE_SANITIZE} -fno-omit-frame-pointer

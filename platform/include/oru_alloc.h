@@ -15,6 +15,6 @@ extern "C" {
 // Null when there is no memory, and for size 0.
 void *oruAlloc_alloc(uint32_t module_id, uint32_t buffer_kind, size_t size);
 
-// Gives back a block of oruAlloc_alloc, named with the same module and kind; null does nothing.
+// Clears and gives back a block of oruAlloc_alloc, named with the same module and kind; null does nothing.
 void oruAlloc_free(uint32_t module_id, uint32_t buffer_kind, void *block);
 }

@@ -6,6 +6,7 @@
 #pragma once
 #include "oipc_socket.h"
 #include "oipc_wire.h"
+#include "oru_secret.h"
 #include <atomic>
 #include <memory>
 #include <mutex>
@@ -84,7 +85,7 @@ private:
     Fd fd_;
     std::mutex mutex_; // guards queue_ and closed_; nothing is called under it that takes another lock
     bool closed_ = false;
-    alignas(8) std::array<uint8_t, MAX_PAYLOAD> payload_{};
+    alignas(8) oruSecret_bytes_t<MAX_PAYLOAD> payload_; // install codes come in by it, the network key goes out
 };
 
 // The last frame of a connection.

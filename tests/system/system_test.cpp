@@ -279,6 +279,59 @@ TEST(StartTest, PreparesWhatBelongsToTheProcess) {
     EXPECT_FALSE(std::filesystem::exists(daemon.path("state"))) << "who asks for help wants nothing else";
 }
 
+// How often a text stands in the memory of a process, and how often where a core dump would show it.
+struct Traces {
+    int found, dumped;
+};
+Traces tracesOf(const std::string &text, pid_t process) {
+    const std::string folder = "/proc/" + std::to_string(process);
+    std::ifstream areas(folder + "/smaps");
+    std::ifstream memory(folder + "/mem", std::ios::binary);
+    Traces traces{0, 0};
+    int found = 0;
+    for (std::string line; std::getline(areas, line);) {
+        unsigned long first = 0, end = 0;
+        char readable = 0, writable = 0;
+        if (sscanf(line.c_str(), "%lx-%lx %c%c", &first, &end, &readable, &writable) == 4) {
+            std::string area(writable == 'w' ? end - first : 0, '\0');
+            memory.clear();
+            memory.seekg(static_cast<std::streamoff>(first));
+            memory.read(area.data(), static_cast<std::streamsize>(area.size()));
+            found = 0;
+            for (std::size_t at = area.find(text); at != std::string::npos; at = area.find(text, at + 1)) {
+                ++found;
+            }
+        } else if (line.starts_with("VmFlags:")) {
+            traces.found += found;
+            traces.dumped += line.find(" dd") == std::string::npos ? found : 0;
+        }
+    }
+    return traces;
+}
+
+TEST(MemoryTest, InstallCodesLeaveNoTrace) {
+    Daemon daemon;
+    daemon.start();
+    oruZb_ztsDeviceInfo_t device{
+        {2, 0, 0, 0xFF, 0xFE, 0, 1, 0}, // the code and its CRC
+        {0x83, 0xFE, 0xD3, 0x40, 0x7A, 0x93, 0x97, 0x23, 0xA5, 0xC6, 0x39, 0xB2, 0x69, 0x16, 0xD5, 0x05, 0xC3, 0xB5}};
+    const std::string code(reinterpret_cast<const char *>(device.install_code), 16);
+    {
+        Listener listener(daemon);
+        ASSERT_TRUE(listener.connect());
+        ASSERT_TRUE(listener.formAndOpen());
+        ASSERT_TRUE(listener.client.ztsAdd({&device, 1}).ok());
+        ASSERT_TRUE(listener.client.ztsEnable(nullptr).ok());
+        EXPECT_TRUE(eventually([&] { return tracesOf(code, daemon.pid()).found == 2; })); // the list and the key table
+        EXPECT_EQ(tracesOf(code, daemon.pid()).dumped, 0);
+        ASSERT_TRUE(listener.client.ztsDisable(nullptr).ok());
+        ASSERT_TRUE(listener.client.ztsClear().ok());
+    }
+    EXPECT_TRUE(eventually([&] { return tracesOf(code, daemon.pid()).found == 0; }))
+        << tracesOf(code, daemon.pid()).found;
+    EXPECT_EQ(daemon.end(SIGTERM), 0);
+}
+
 TEST(SecondDaemonTest, LeavesTheFirstAlone) {
     Daemon daemon;
     daemon.start();

@@ -38,6 +38,7 @@ CoordinatorRadio::CoordinatorRadio(const Scenario &scenario, const AdapterSettin
     transient_keys_.reserve(scenario_.coordinator.key_table_capacity);
     std::reverse_copy(scenario_.coordinator.eui64.begin(), scenario_.coordinator.eui64.end(), info_.eui64);
     info_.capabilities = kCoordinatorCapabilities;
+    oruSecret_keepOutOfDumps(&network_, sizeof network_);
     CoordinatorRadio::addEndpoint({1, 0x0104, 7, 1, kInputClusters, kOutputClusters});
 }
 

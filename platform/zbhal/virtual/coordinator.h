@@ -21,6 +21,7 @@
 #include "../zbhal_adapter.h"
 #include "install_code.h"
 #include "mesh.h"
+#include "oru_secret.h"
 #include "radio_memory.h"
 #include <array>
 #include <bit>
@@ -178,7 +179,7 @@ private:
 
     bool join_open_ = false;
     bool join_zts_ = false;
-    std::vector<TransientKey> transient_keys_;
+    std::vector<TransientKey, oruSecret_allocator_t<TransientKey>> transient_keys_;
 
     std::array<Pending, kMaxPending> pending_;
     std::array<PendingInterpan, kMaxInterpan> pending_interpan_;

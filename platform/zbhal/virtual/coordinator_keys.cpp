@@ -96,6 +96,7 @@ const CoordinatorRadio::TransientKey *CoordinatorRadio::transientKey(const Eui64
 oru_status_t CoordinatorRadio::addInstallCode(std::span<const uint8_t, 8> eui64_lsb_first,
                                               std::span<const uint8_t, 18> code) {
     TransientKey entry;
+    const oruSecret_guard_t guard(&entry, sizeof entry);
     std::reverse_copy(eui64_lsb_first.begin(), eui64_lsb_first.end(), entry.eui64.begin());
     std::copy(code.begin(), code.end(), entry.code.begin());
     if (!installCodeValid(entry.code)) {
@@ -108,12 +109,13 @@ oru_status_t CoordinatorRadio::addInstallCode(std::span<const uint8_t, 8> eui64_
     if (transient_keys_.size() >= scenario_.coordinator.key_table_capacity) {
         return ORU_STATUS_OUT_OF_MEMORY;
     }
+    transient_keys_.reserve(scenario_.coordinator.key_table_capacity); // no copy is left behind by growing
     transient_keys_.push_back(entry);
     return ORU_STATUS_OK;
 }
 
 oru_status_t CoordinatorRadio::clearTransientLinkKeys() {
-    transient_keys_.clear();
+    decltype(transient_keys_)().swap(transient_keys_); // clear() would keep the memory and what is in it
     return ORU_STATUS_OK;
 }
 

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "install_code.h"
+#include "oru_secret.h"
 #include <cstddef>
 #include <nettle/aes.h>
 
@@ -9,6 +10,7 @@ Key installCodeKey(const InstallCode &code) {
     // Padded message: the bytes, a one bit, zeros, and the length in bits as the last two bytes, most significant
     // first.
     std::array<uint8_t, 32> message{};
+    const oruSecret_guard_t guard(message.data(), message.size());
     std::copy(code.begin(), code.end(), message.begin());
     message[code.size()] = 0x80;
     message[31] = static_cast<uint8_t>(code.size() * 8);
