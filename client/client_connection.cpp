@@ -128,10 +128,7 @@ void Client::Impl::drop(const Outcome &reason) {
         }
     }
     for (auto call = async_calls_.begin(); call != async_calls_.end();) {
-        const auto current = call++;
-        if (current->second.taken) { // the others end with the call itself
-            completeAsync(current, {reason, {}});
-        }
+        completeAsync(call++, {reason, {}}); // those not taken over end with the call itself
     }
     std::get<ConnectionNote>(ended.down.front()).reason = reason;
     addNote(ended.down);
