@@ -28,6 +28,7 @@
 #include <mutex>
 #include <new>
 #include <optional>
+#include <thread>
 #include <unistd.h>
 #include <vector>
 
@@ -37,8 +38,9 @@ constexpr size_t max_key_length = 64;
 constexpr size_t max_value_size = 65536;
 constexpr size_t max_waiting = 1024;
 constexpr int busy_timeout_ms = 2000;
-constexpr uint32_t watch_period_ms = 10'000; // whether the files still have their names
-constexpr auto last_flush_limit = std::chrono::seconds(1);
+constexpr uint32_t watch_period_ms = 10'000;                       // whether the files still have their names
+constexpr auto last_flush_limit = std::chrono::milliseconds(1000); // for another thread to leave the store
+constexpr auto last_flush_pause = std::chrono::milliseconds(10);
 
 std::atomic<uint32_t> start_wait_ms{10'000}; // longest, for a medium that is mounted late or a lock that is held
 std::atomic<uint32_t> retry_period_ms{5'000};
@@ -52,7 +54,7 @@ struct waiting_t {
 enum class trouble_t : uint8_t { none, opening, reading, writing };
 
 struct store_t {
-    std::timed_mutex mutex;
+    std::mutex mutex;
     int lock_descriptor = -1;
     kvsDatabase_t database;
     kvsResult_t copy_reason;       // why database is a copy only
@@ -325,9 +327,13 @@ void reportLost(const store_t &store) {
 
 void endOfProcess() {
     store_t &store = theStore();
-    const std::unique_lock guard(store.mutex, last_flush_limit);
-    if (!guard) { // a medium that hangs must not hold up the end
-        return;
+    std::unique_lock guard(store.mutex, std::try_to_lock);
+    for (auto waited = std::chrono::milliseconds(0); !guard; waited += last_flush_pause) {
+        if (waited >= last_flush_limit) { // a medium that hangs must not hold up the end
+            return;
+        }
+        std::this_thread::sleep_for(last_flush_pause);
+        (void)guard.try_lock();
     }
     try {
         if (store.started) { // also writes back files that were deleted
@@ -362,7 +368,7 @@ public:
     store_t &store = theStore();
 
 private:
-    const std::lock_guard<std::timed_mutex> guard_{store.mutex};
+    const std::lock_guard<std::mutex> guard_{store.mutex};
 };
 
 void runTimer(void *) {
