@@ -416,8 +416,9 @@ TEST_F(AccessTest, OthersAreTurnedAwayUnlessAllowed) {
             const Disguise other(row.user, row.supplementary);
             EXPECT_EQ(knock(RawClient(path)), row.expected);
         }
-        EXPECT_EQ(timesSaid(daemon, "refused: this user is not allowed"), row.expected == Door::Refused ? 1 : 0);
         EXPECT_EQ(listener.client.ping().value, "pong");
+        EXPECT_EQ(daemon.end(SIGTERM), 0);
+        EXPECT_EQ(timesSaid(daemon, "refused: this user is not allowed"), row.expected == Door::Refused ? 1 : 0);
     }
 }
 

@@ -74,16 +74,19 @@ leave all 0 @9000 | sent 0: 0, 1 left # those asleep miss it for good
 
 // 60 commands are on the air for 2.9 ms each, with acknowledgements and answers of the same length.
 TEST_P(HalTest, neighboursShareTheirMedium) {
-    scenario_.devices = {device("lamp", 1)};
+    const std::vector<std::string> lamps = {"a", "b", "c", "d"}; // one alone does not get so many places
+    for (const std::string &lamp : lamps) {
+        scenario_.devices.push_back(device(lamp, static_cast<uint8_t>(lamp[0])));
+    }
     scenario_.air.max_in_flight = 64;
     for (const bool shared : {true, false}) {
         scenario_.air.shared_medium = shared;
         startWithNetwork();
-        join({"lamp"});
+        join(lamps);
         record = {};
         const uint64_t start_ms = testplat::time::nowMs();
         for (uint32_t i = 0; i < 60; ++i) {
-            EXPECT_EQ(sendZcl(nodeId("lamp"), i), 0);
+            EXPECT_EQ(sendZcl(nodeId(lamps[i % lamps.size()]), i), 0);
         }
         while (record.confirmations.size() < 60 && testplat::time::nowMs() < start_ms + 5000) {
             advance(1);
