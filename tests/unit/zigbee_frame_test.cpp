@@ -1,6 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 // Frames to records and words, and records to frames.
+#include "zigbee/install_code.h"
+#include "zigbee/mac_capabilities.h"
 #include "zigbee/words.h"
+#include "zigbee/zdo_frame.h"
 #include <gtest/gtest.h>
 #include <sstream>
 #include <string>
@@ -119,6 +122,84 @@ TEST(ZclFrame, RecordsThatDoNotFitAreLeftOut) {
     const FrameHeader request{true, false, false, 0x1122, 7, 2};
     const FrameHeader answer = answerTo(request, COMMAND_DEFAULT_RESPONSE, false);
     EXPECT_TRUE(answer.to_client && answer.disable_default_response && answer.manufacturer == 0x1122);
+}
+
+template <class Record>
+std::string again(const Frame &frame) {
+    base::ByteReader in(frame);
+    Record record;
+    if (!readBody(in, record)) {
+        return "short";
+    }
+    std::array<uint8_t, 128> room{};
+    std::array<char, 256> text{};
+    base::ByteWriter out(room);
+    writeBody(out, record);
+    return out.ok() ? std::string(base::hexText(out.written(), text)) : "long";
+}
+
+TEST(ZdoFrame, BodiesAreReadAndWrittenBackAndRefusedWhenShort) {
+    const struct {
+        std::string (*again)(const Frame &);
+        const char *body;
+        unsigned shortest; // length from which on it is one
+    } kBodies[] = {
+        {again<NwkAddrRequest>, "0807060504030201 00 00", 10},
+        {again<IeeeAddrRequest>, "3412 01 00", 4},
+        {again<AddressResponse>, "00 0807060504030201 3412", 11},
+        {again<NodeRequest>, "3412", 2},
+        {again<NodeDescResponse>, "00 3412 01 40 8e 2211 52 5200 002c 5200 00", 16},
+        {again<SimpleDescRequest>, "3412 01", 3},
+        {again<SimpleDescResponse>, "00 3412 0e 01 0401 0101 01 02 0000 0600 01 1900", 18},
+        {again<EndpointsResponse>, "00 3412 02 01 f2", 6},
+        {again<MatchDescRequest>, "fdff 0401 01 0600 00", 8},
+        {again<DeviceAnnounce>, "3412 0807060504030201 8e", 11},
+        {again<BindRequest>, "0807060504030201 01 0600 03 1817161514131211 01", 21},
+        {again<BindRequest>, "0807060504030201 01 0600 01 0100", 14},
+        {again<LeaveRequest>, "0807060504030201 80", 9},
+        {again<PermitJoiningRequest>, "fe 01", 2},
+        {again<StatusResponse>, "84", 1},
+        {again<TableRequest>, "00", 1},
+        {again<LqiResponse>, "00 01 00 01 0807060504030201 1817161514131211 3412 25 02 01 c8", 26},
+        {again<RoutingResponse>, "00 01 00 01 3412 00 7856", 9},
+    };
+    for (const auto &row : kBodies) {
+        const Frame frame = bytesOf(row.body);
+        std::string text = row.body;
+        std::erase(text, ' ');
+        EXPECT_EQ(row.again(frame), text);
+        for (std::size_t length = 0; length <= frame.size(); ++length) {
+            const Frame cut(frame.begin(), frame.begin() + static_cast<std::ptrdiff_t>(length));
+            EXPECT_EQ(row.again(cut) == "short", length < row.shortest) << row.body << " " << length;
+        }
+    }
+    EXPECT_EQ(again<SimpleDescResponse>(bytesOf("81 3412 00")), "81341200"); // a failure has no descriptor
+    EXPECT_EQ(again<AddressResponse>(bytesOf("81")), "8100000000000000000000");
+    EXPECT_EQ(again<SimpleDescResponse>(bytesOf("00 3412 04 01 0401 0101 01 02 0000 0600 01 1900")), "short");
+    EXPECT_EQ(again<SimpleDescResponse>(bytesOf("00 3412 0f 01 0401 0101 01 02 0000 0600 01 1900")), "short");
+    Frame crowded(230);
+    EXPECT_NE(again<LqiResponse>(crowded), "short");
+    crowded[3] = 9; // more neighbours than a frame holds
+    EXPECT_EQ(again<LqiResponse>(crowded), "short");
+}
+
+// The example of the Zigbee base device behaviour.
+TEST(InstallCode, CrcAndKey) {
+    InstallCode code{};
+    ASSERT_EQ(base::parseHex("83FE D340 7A93 9723 A5C6 39B2 6916 D505 C3B5", code), code.size());
+    EXPECT_TRUE(isInstallCodeValid(code));
+    EXPECT_EQ(installCodeKey(code), (LinkKey{0x66, 0xB6, 0x90, 0x09, 0x81, 0xE1, 0xEE, 0x3C, 0xA4, 0x20, 0x6B, 0x6B,
+                                             0x86, 0x1C, 0x02, 0xBB}));
+    code[16] ^= 1;
+    EXPECT_FALSE(isInstallCodeValid(code));
+    setInstallCodeCrc(code);
+    EXPECT_TRUE(isInstallCodeValid(code));
+}
+
+TEST(MacCapabilities, OfEachRole) {
+    EXPECT_TRUE(MAC_COORDINATOR == 0x8F && MAC_ROUTER == 0x8E && MAC_END_DEVICE == 0x8C &&
+                MAC_SLEEPY_END_DEVICE == 0x80);
+    EXPECT_TRUE(isRouter(MAC_ROUTER) && !isRouter(MAC_END_DEVICE) && !isRxOnWhenIdle(MAC_SLEEPY_END_DEVICE));
 }
 
 } // namespace
