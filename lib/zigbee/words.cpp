@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "zigbee/words.h"
 #include "base/hex.h"
+#include "base/printable.h"
 #include <algorithm>
 #include <array>
 #include <charconv>
@@ -46,13 +47,6 @@ std::string hexOf(std::span<const uint8_t> bytes) {
         text += base::hexDigit(byte);
     }
     return text;
-}
-
-std::string printable(std::string_view text) {
-    std::string result(text);
-    std::ranges::replace_if(
-        result, [](char c) { return c < 0x20 || c > 0x7E; }, '?');
-    return result;
 }
 
 // As many decimals as one raw unit needs.
@@ -277,7 +271,7 @@ std::string plainText(const Value &value) {
     case TypeKind::None:
         return "none";
     case TypeKind::Text:
-        return value.present ? printable(value.text()) : "none";
+        return value.present ? base::printable(value.text()) : "none";
     case TypeKind::Octets:
     case TypeKind::Data:
     case TypeKind::Key:

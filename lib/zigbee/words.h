@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Records in words, for people. Texts that a device wrote are freed of everything but printable ASCII.
+// Records in words, for people. Texts that a device wrote are freed of control characters.
 #pragma once
 #include "zigbee/zcl_frame.h"
 #include <cstdint>

@@ -4,6 +4,7 @@
 #include "base/descriptor.h"
 #include "base/eui64.h"
 #include "base/hex.h"
+#include "base/printable.h"
 #include "base/thread.h"
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -85,6 +86,7 @@ TEST(Text, AddressesAndHexadecimalBothWays) {
     EXPECT_EQ(parseHex("", room), 0U);
     EXPECT_FALSE(parseHex("0a0b0c", room));
     EXPECT_EQ(parseHex("0a fF", room), 2U);
+    EXPECT_EQ(printable("a\xC2\x9B\xC3\xA9\xFF\x1B["), "a??\xC3\xA9??[");
     char text[5];
     EXPECT_EQ(hexText(room, text), "0aff");
     EXPECT_EQ(hexText(room, std::span(text).first(3)), "0a"); // whole bytes only
