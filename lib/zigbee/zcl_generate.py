@@ -83,6 +83,7 @@ class Own:
         for kind, *fields in rows(path):
             self.rows.setdefault(kind, []).append(fields)
         self.parameters = {old: new for old, new in self.rows.pop("parameter")}
+        self.unused_parameters = set(self.parameters)
 
     def take(self, kind, *key):
         for row in self.rows[kind]:
@@ -120,6 +121,7 @@ def parameter_list(text, own, own_names, keep):
     for parameter, own_name in zip(result, own_names):
         parameter[0], _, kind = own_name.partition(":")
         parameter[1] = TYPES[kind] if kind else parameter[1]
+    own.unused_parameters -= {field.split(":")[0].lower() for field in text.split(",")}
     return [[own.parameters.get(name.lower(), snake(name)), code, flags] for name, code, flags in result]
 
 
@@ -188,7 +190,7 @@ def main():
     values = [f"{{0x{row[0]}, 0x{row[1]}, {int(row[2], 0)}, {pool.at(row[3])}}}" for row in own.all("value")]
     names = {kind: [f"{{0x{number}, {pool.at(name)}}}" for number, name in own.all(kind)]
              for kind in ("profile", "device", "status", "general", "zdo")}
-    left = [(kind, row) for kind, rest in own.rows.items() for row in rest]
+    left = [(kind, row) for kind, rest in own.rows.items() for row in rest] + sorted(own.unused_parameters)
     if left:
         sys.exit(f"{own_path}: about nothing in the table: {left}")
     if len(pool.text) > 0xFFFF:
