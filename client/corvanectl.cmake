@@ -7,7 +7,7 @@ add_library(corvanectl_parts STATIC
     corvanectl_map.cpp corvanectl_names.cpp corvanectl_output.cpp corvanectl_parse.cpp corvanectl_records.cpp corvanectl_svg.cpp
     corvanectl_zcl.cpp)
 target_link_libraries(corvanectl_parts
-    PUBLIC corvane_client fmt::fmt nlohmann_json::nlohmann_json PRIVATE corvane_options)
+    PUBLIC corvane_client corvane_zigbee fmt::fmt nlohmann_json::nlohmann_json PRIVATE corvane_options)
 
 add_executable(corvanectl
     corvanectl_devices.cpp corvanectl_latency.cpp corvanectl_main.cpp corvanectl_monitor.cpp corvanectl_radio.cpp

@@ -79,7 +79,7 @@ Json commandJson(const oruZb_clusterCmd_t &command, bool incoming) {
     json["own_endpoint"] = incoming ? command.dest_ep : command.src_ep;
     json["profile"] = hex16(command.profile_id);
     json["cluster"] = hex16(command.cluster_id);
-    json["cluster_name"] = clusterName(command.profile_id, command.cluster_id);
+    json["cluster_name"] = zigbee::clusterLabel(command.profile_id, command.cluster_id);
     const Bytes frame = Bytes(command.payload).first(std::min<std::size_t>(command.payload_len, ORU_ZB_MAX_PAYLOAD));
     json["payload"] = formatHex(frame);
     json[command.profile_id == PROFILE_ZDO ? "zdo" : "zcl"] =

@@ -57,7 +57,7 @@ bool isAnswer(const Event &event, const oruZb_clusterCmd_t &sent) {
     return question && answer && message->cluster_id == sent.cluster_id &&
            (message->src_ep == sent.dest_ep || sent.dest_ep == ALL_ENDPOINTS) &&
            answer->sequence == question->sequence && answer->to_client != question->to_client &&
-           (answer->cluster_specific || answer->command != ZCL_REPORT_ATTRIBUTES);
+           (answer->cluster_specific || answer->command != zigbee::COMMAND_REPORT_ATTRIBUTES);
 }
 
 Failure confirmationFailure(const StoredEvent &event, const oruZb_clusterCmd_t &confirmed) {
@@ -209,7 +209,7 @@ void report(Session &session, const SentCommand &sent, const Delivery &delivery)
             Failure failure(Exit::Refused,
                             fmt::format("{} refused: {}", hexUpper(sent.command.dest_node),
                                         delivery.answer->at("text").get<std::string>()),
-                            *status, std::string(zclStatusName(*status)));
+                            *status, std::string(zigbee::statusName(*status)));
             failure.details = json;
             throw failure;
         }
@@ -263,12 +263,12 @@ bool isKeptByDiscovery(uint16_t cluster) {
 // Whether the device has to answer, and the answer comes here, as far as the frame tells.
 bool rawExpectsAnswer(uint16_t profile, uint16_t cluster, Bytes frame) {
     if (profile == PROFILE_ZDO) {
-        return !frame.empty() && (cluster & ZDO_RESPONSE) == 0 && clusterName(profile, cluster).ends_with("_req") &&
+        return !frame.empty() && (cluster & ZDO_RESPONSE) == 0 && zigbee::zdoCommandName(cluster).ends_with("_req") &&
                !isKeptByDiscovery(cluster);
     }
     const auto header = parseZclHeader(frame);
-    return header &&
-           (header->wants_default_response || (!header->cluster_specific && header->command == ZCL_READ_ATTRIBUTES));
+    return header && (!header->disable_default_response ||
+                      (!header->cluster_specific && header->command == zigbee::COMMAND_READ_ATTRIBUTES));
 }
 
 void sendRaw(Session &session, const SendOptions &options) {

@@ -1,33 +1,19 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// ZCL frames to words and back. Frames come off the air: any bytes are legal input, a frame that ends too early or has
-// a value of unknown type is decoded as far as it goes and marked as malformed.
+// Frames of devices as JSON and in words. They come off the air: any bytes are legal input, a frame that ends too early
+// or has a value of unknown type is told as far as it goes and marked as malformed.
 #pragma once
 #include "corvane_client.h"
 #include "corvanectl_output.h"
+#include "zigbee/zcl_frame.h"
 #include <optional>
 #include <string>
 #include <vector>
 
 namespace corvane::ctl {
 
-struct ZclHeader {
-    bool cluster_specific = false;
-    bool to_client = false; // from server to client
-    bool wants_default_response = false;
-    std::optional<uint16_t> manufacturer;
-    uint8_t sequence = 0;
-    uint8_t command = 0;
-    std::size_t size = 0; // bytes of the header
-};
-
-constexpr uint8_t ZCL_READ_ATTRIBUTES = 0x00;
-constexpr uint8_t ZCL_READ_ATTRIBUTES_RESPONSE = 0x01;
-constexpr uint8_t ZCL_REPORT_ATTRIBUTES = 0x0A;
-constexpr uint8_t ZCL_DEFAULT_RESPONSE = 0x0B;
-
 // Nothing when the bytes are no ZCL frame (too short, or of a reserved type).
-std::optional<ZclHeader> parseZclHeader(Bytes frame);
+std::optional<zigbee::FrameHeader> parseZclHeader(Bytes frame);
 
 // The frame as JSON: sequence, command, its contents, "text" for people, "malformed" when it is.
 Json decodeZcl(uint16_t cluster, Bytes frame);

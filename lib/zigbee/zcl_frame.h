@@ -32,6 +32,8 @@ struct FrameHeader {
     uint8_t command = 0;
 };
 
+constexpr std::size_t LONGEST_HEADER = 5;
+
 // False when the bytes are too few or the frame is of a reserved type.
 bool readHeader(base::ByteReader &in, FrameHeader &header);
 void writeHeader(base::ByteWriter &out, const FrameHeader &header);
