@@ -2,6 +2,7 @@
 #include "zigbee/install_code.h"
 #include <algorithm>
 #include <cstddef>
+#include <cstring>
 #include <nettle/aes.h>
 
 namespace corvane::zigbee {
@@ -23,6 +24,7 @@ LinkKey installCodeKey(const InstallCode &code) {
             hash[i] = static_cast<uint8_t>(hash[i] ^ message[block + i]);
         }
     }
+    explicit_bzero(message.data(), message.size()); // no copy of the code is left on the stack
     return hash;
 }
 

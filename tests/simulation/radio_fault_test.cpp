@@ -28,9 +28,7 @@ public:
     static mesh::Scenario homeScenario() {
         mesh::Scenario scenario = scenarioOf(5, 5); // d1 and d4 have two endpoints
         mesh::InstallCode code{1, 2, 3};
-        const uint16_t crc = mesh::installCodeCrc(code);
-        code[16] = static_cast<uint8_t>(crc & 0xFF);
-        code[17] = static_cast<uint8_t>(crc >> 8);
+        corvane::zigbee::setInstallCodeCrc(code);
         scenario.devices[2].install_code = code;
         scenario.devices[2].install_code_only = true;
         return scenario;

@@ -37,7 +37,7 @@ device = 1 => 1:10: device must be at most 500 tables
 @a endpoint = [{device_id = 1}] => 4:13: endpoint needs the key "id"
 @a endpoint = [{id = 1}, {id = 1}] => 4:29: endpoint 1 is there twice
 @a endpoint = [{id = 1, input_clusters = [6, "on_off"]}] => 4:43: cluster listed twice in
-@a endpoint = [{id = 1, input_clusters = ["onoff"]}] => 4:40: unknown cluster "onoff"; known:
+@a endpoint = [{id = 1, input_clusters = ["on_of"]}] => 4:40: unknown cluster "on_of"; known:
 @a report = [{cluster = 6, attribute = 0}] => 4:11: the device has no endpoint 1
 @a endpoint = [{id = 1}]\nreport = [{cluster = 6, attribute = 0}] => 5:22: endpoint 1 does not have this cluster in
 @a endpoint = [{id = 1, input_clusters = [6]}]\nreport = [{cluster = 6, attribute = 0x4001}] => 5:37: the cluster has no
@@ -75,7 +75,7 @@ TEST(Scenario, HomeHasWhatTheDemonstrationNeeds) {
     EXPECT_EQ(device("power-strip").endpoints.size(), 7U);
     EXPECT_TRUE(device("attic-relay").faults.silent);
     EXPECT_NE(device("cellar-probe").faults.zdo_length_delta, 0);
-    EXPECT_TRUE(installCodeValid(device("garden-gate").install_code.value()));
+    EXPECT_TRUE(zigbee::isInstallCodeValid(device("garden-gate").install_code.value()));
     EXPECT_TRUE(device("garden-gate").install_code_only);
     EXPECT_EQ(device("front-door").mac_capabilities, 0x80);
     for (const DeviceSpec &spec : home.devices) {

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// What the virtual devices know of the cluster library: names of clusters, and type, range and access of the
-// attributes that a device with the server side of a cluster has.
+// The attributes that a virtual device with the server side of a cluster has: type, range, access.
 #pragma once
+#include "zigbee/data_type.h"
 #include <cstdint>
 #include <optional>
 #include <span>
@@ -48,7 +48,6 @@ enum AttributeAccess : uint8_t { READ = 0, WRITE = 1, REPORT = 2 };
 struct AttributeInfo {
     uint16_t cluster_id = 0;
     uint16_t id = 0;
-    std::string_view name;
     ZclType type = ZclType::uint8;
     uint8_t access = READ;
     int64_t initial = 0;
@@ -65,13 +64,11 @@ const AttributeInfo *findAttribute(uint16_t cluster_id, uint16_t attribute_id);
 // The attributes of a cluster in ascending order, without the cluster revision.
 std::span<const AttributeInfo> clusterAttributes(uint16_t cluster_id);
 
-// Bytes of a value on the air; empty for types of variable length and unknown ones.
-std::optional<uint8_t> typeWidth(uint8_t type);
+using zigbee::typeIsAnalog;
+using zigbee::typeWidth;
 
-// Values that can differ by an amount: Configure Reporting carries a reportable change for them.
-bool typeIsAnalog(uint8_t type);
-
-// Names as in scenario files and on the control socket ("on_off"); empty when there is none.
+// Names as in scenario files and on the control socket ("on_off"); empty when there is none, or no device has the
+// attribute.
 std::optional<uint16_t> clusterByName(std::string_view name);
 std::optional<uint16_t> attributeByName(uint16_t cluster_id, std::string_view name);
 std::string clusterNames(); // separated by ", ", for messages

@@ -3,7 +3,8 @@
 // The control socket: one thread, one client at a time, every wait bounded. A client may send several lines; it loses
 // the connection when a line is too long or does not arrive in time. Only the service's own user and root may connect.
 #include "control.h"
-#include "descriptor.h"
+#include "base/descriptor.h"
+#include "base/thread.h"
 #include "oru_log.h"
 #include <atomic>
 #include <cerrno>
@@ -16,7 +17,6 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
-#include <system_error>
 #include <thread>
 #include <unistd.h>
 
@@ -31,6 +31,8 @@ void logFault(const std::string &path, const char *what) {
     oruLog_log(ORU_LOG_ID_MAIN, ORU_LOG_ERROR, "oru_zigbee", "%s: control socket %s: %s: %s", "zbHal", path.c_str(),
                what, std::strerror(errno));
 }
+
+using base::Descriptor;
 
 bool fillAddress(const std::string &path, sockaddr_un &address) {
     address = {};
@@ -54,7 +56,7 @@ bool removeStale(const std::string &path, const sockaddr_un &address) {
         return false;
     }
     const Descriptor probe(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-    if (!probe.valid()) {
+    if (!probe) {
         return false;
     }
     if (connect(probe.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0 ||
@@ -72,7 +74,7 @@ Descriptor listenAt(const std::string &path) {
     }
     Descriptor listener(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     // The mode is set before the name exists, so that there is no moment in which others could connect.
-    if (!listener.valid() || fchmod(listener.get(), 0600) != 0 ||
+    if (!listener || fchmod(listener.get(), 0600) != 0 ||
         bind(listener.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0 ||
         listen(listener.get(), kBacklog) != 0) {
         return Descriptor();
@@ -97,26 +99,21 @@ public:
             device_ = info.st_dev;
             inode_ = info.st_ino;
         }
-        sigset_t all;
-        sigset_t before;
-        sigfillset(&all);
-        pthread_sigmask(SIG_SETMASK, &all, &before); // signals belong to the main thread
-        try {
-            thread_ = std::thread([this] { run(); });
-        } catch (...) {
-            pthread_sigmask(SIG_SETMASK, &before, nullptr);
-            removeSocket();
-            throw;
-        }
-        pthread_sigmask(SIG_SETMASK, &before, nullptr);
     }
+    // False with errno when there is no thread.
+    bool start() {
+        return base::startThread(thread_, "zbhal-control", [this] { run(); });
+    }
+
     ControlServer(const ControlServer &) = delete;
     ControlServer &operator=(const ControlServer &) = delete;
 
     ~ControlServer() {
         const uint64_t one = 1;
         (void)!write(wake_.get(), &one, sizeof one); // an eventfd at 0 always takes it
-        thread_.join();
+        if (thread_.joinable()) {
+            thread_.join();
+        }
         removeSocket();
     }
 
@@ -146,9 +143,9 @@ private:
                 continue;
             }
             const Descriptor client(accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
-            if (client.valid() && peerAllowed(client.get())) {
+            if (client && peerAllowed(client.get())) {
                 serveAsMemoryAllows(client.get());
-            } else if (client.valid()) {
+            } else if (client) {
                 errno = EACCES;
                 logFault(path_, "refused a client of another user");
             } else if (errno == EMFILE || errno == ENFILE) {
@@ -230,17 +227,20 @@ std::unique_ptr<ControlServer, void (*)(ControlServer *)> startControlServer(con
     const auto destroy = [](ControlServer *server) { delete server; };
     try {
         Descriptor listener = listenAt(socket_path);
-        Descriptor wake(listener.valid() ? eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK) : -1);
-        if (wake.valid()) {
-            return {new ControlServer(socket_path, std::move(listener), std::move(wake), target), destroy};
+        Descriptor wake(listener ? eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK) : -1);
+        if (wake) {
+            auto *const server = new ControlServer(socket_path, std::move(listener), std::move(wake), target);
+            if (server->start()) {
+                return {server, destroy};
+            }
+            logFault(socket_path, "has no thread");
+            delete server;
+            return {nullptr, destroy};
         }
         logFault(socket_path, "cannot be created");
     } catch (const std::bad_alloc &) {
         errno = ENOMEM;
         logFault(socket_path, "cannot be created");
-    } catch (const std::system_error &error) { // no thread
-        errno = error.code().value();
-        logFault(socket_path, "cannot be served");
     }
     return {nullptr, destroy};
 }

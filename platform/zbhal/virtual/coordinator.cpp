@@ -2,6 +2,7 @@
 // States of the stack, the network, radio power and region.
 #include "coordinator.h"
 #include "oru_log.h"
+#include "zigbee/mac_capabilities.h"
 #include <algorithm>
 
 namespace corvane::mesh {
@@ -15,10 +16,6 @@ constexpr uint64_t kLeaveUs = 60 * kMs;
 constexpr uint64_t kRecoverUs = 1000 * kMs; // a crashed stack until it is back
 constexpr int8_t kLowestPowerDbm = -20;
 constexpr int8_t kDefaultPowerDbm = 8;
-constexpr uint8_t kCoordinatorCapabilities = 0x8F; // alternate PAN coordinator, full function, mains, receiver always
-                                                   // on, allocates addresses
-
-// Highest transmit power in dBm by region, in the order of oruZbHal_region_t. 20 dBm is what a module with a power
 // amplifier delivers where the power density leaves room; regions with a density limit of 10 mW per MHz end at 10 dBm.
 constexpr std::array<int8_t, ORU_ZB_HAL_REGION_MAX> kHighestPowerDbm = {20, 10, 10, 20, 10, 10, 20, 20, 20, 20};
 
@@ -37,7 +34,7 @@ CoordinatorRadio::CoordinatorRadio(const Scenario &scenario, const AdapterSettin
     }
     transient_keys_.reserve(scenario_.coordinator.key_table_capacity);
     std::reverse_copy(scenario_.coordinator.eui64.begin(), scenario_.coordinator.eui64.end(), info_.eui64);
-    info_.capabilities = kCoordinatorCapabilities;
+    info_.capabilities = zigbee::MAC_COORDINATOR;
     oruSecret_keepOutOfDumps(&network_, sizeof network_);
     CoordinatorRadio::addEndpoint({1, 0x0104, 7, 1, kInputClusters, kOutputClusters});
 }

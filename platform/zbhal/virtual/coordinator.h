@@ -19,10 +19,10 @@
 // of the stack are taken only after they could be scheduled, and are tried again when they fail.
 #pragma once
 #include "../zbhal_adapter.h"
-#include "install_code.h"
 #include "mesh.h"
 #include "oru_secret.h"
 #include "radio_memory.h"
+#include "zigbee/install_code.h"
 #include <array>
 #include <bit>
 

@@ -99,10 +99,10 @@ oru_status_t CoordinatorRadio::addInstallCode(std::span<const uint8_t, 8> eui64_
     const oruSecret_guard_t guard(&entry, sizeof entry);
     std::reverse_copy(eui64_lsb_first.begin(), eui64_lsb_first.end(), entry.eui64.begin());
     std::copy(code.begin(), code.end(), entry.code.begin());
-    if (!installCodeValid(entry.code)) {
+    if (!zigbee::isInstallCodeValid(entry.code)) {
         return ORU_STATUS_BAD_PARAM;
     }
-    entry.key = installCodeKey(entry.code);
+    entry.key = zigbee::installCodeKey(entry.code);
     if (transientKey(entry.eui64) != nullptr) {
         return ORU_STATUS_OK; // the service hands over its newest code first
     }

@@ -6,6 +6,7 @@
 #include "clusters.h"
 #include "zcl.h"
 #include "zdo.h"
+#include "zigbee/mac_capabilities.h"
 #include <algorithm>
 #include <charconv>
 #include <utility>
@@ -16,7 +17,6 @@ namespace {
 constexpr uint8_t kCoordinatorEndpoint = 1; // where reports go
 constexpr uint8_t kAllEndpoints = 0xFF;
 constexpr uint16_t kWildcardProfile = 0xFFFF;
-constexpr uint8_t kMacMainsPowered = 0x04;
 constexpr uint16_t kPowerSource = 0x0007;
 constexpr uint16_t kZoneStatus = 0x0002;
 constexpr uint16_t kZoneId = 0x0011;
@@ -54,7 +54,7 @@ Device::Device(DeviceSpec spec) : spec_(std::move(spec)) {
             attributes_[key(endpoint.id, cluster_id, kAttributeClusterRevision)] = 1;
         }
         if (has(endpoint.input_clusters, kClusterBasic)) {
-            const bool mains = (spec_.mac_capabilities & kMacMainsPowered) != 0;
+            const bool mains = zigbee::isMainsPowered(spec_.mac_capabilities);
             attributes_[key(endpoint.id, kClusterBasic, kPowerSource)] = mains ? 1 : 3; // single phase, battery
         }
     }

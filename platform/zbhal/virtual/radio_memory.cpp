@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "radio_memory.h"
-#include "descriptor.h"
+#include "base/descriptor.h"
 #include "oru_log.h"
 #include <algorithm>
 #include <cerrno>
@@ -14,6 +14,8 @@ namespace corvane::mesh {
 
 namespace {
 
+using base::Descriptor;
+
 constexpr char kTag[] = "zbhal";
 constexpr char kMagic[] = "corvane-virtual-radio 1";
 constexpr std::string_view kReturning = "returning";
@@ -26,7 +28,7 @@ void logFault(const char *what, const std::string &path) {
 
 bool syncFolder(const std::string &folder) {
     const Descriptor descriptor(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    return descriptor.valid() && fsync(descriptor.get()) == 0;
+    return descriptor && fsync(descriptor.get()) == 0;
 }
 
 std::string hex(const uint8_t *bytes, size_t count) {
@@ -157,7 +159,7 @@ std::optional<Memory> parseMemory(std::string_view text) {
 std::optional<Memory> loadMemory(const std::string &path) {
     std::string text(kLongestFile, '\0');
     const Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
-    if (!file.valid()) {
+    if (!file) {
         if (errno != ENOENT) { // else nothing is remembered yet
             logFault("cannot open", path);
         }
@@ -189,7 +191,7 @@ bool saveMemory(const std::string &path, const std::optional<Memory> &memory) {
     const std::string text = formatMemory(*memory);
     const std::string scratch = path + ".new";
     const Descriptor file(open(scratch.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0600));
-    if (!file.valid()) {
+    if (!file) {
         logFault("cannot write", scratch);
         return false;
     }

@@ -6,8 +6,8 @@
 // write and the radio starts without a network. Every coordinator has a file of its own, so that scenarios of different
 // radios can share a state folder; devices that a scenario does not know stay in the file.
 #pragma once
-#include "install_code.h"
 #include "mesh.h"
+#include "zigbee/install_code.h"
 #include <optional>
 #include <string>
 #include <string_view>

@@ -7,6 +7,7 @@
 #include "scenario_fields.h"
 #include "scenario_reader.h"
 #include "text_formats.h"
+#include "zigbee/mac_capabilities.h"
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -25,9 +26,6 @@ constexpr size_t kMaxEndpoints = 32;
 constexpr size_t kMaxReports = 32;
 constexpr size_t kMaxName = 32; // also Basic cluster texts
 constexpr size_t kMaxVersionParts = 32;
-constexpr uint8_t kMacRouter = 0x8E;    // full function, mains, receiver on when idle, gets an address
-constexpr uint8_t kMacEndDevice = 0x8C; // mains, receiver on when idle, gets an address
-constexpr uint8_t kMacSleepy = 0x80;    // gets an address
 
 struct DeviceOrigin { // where a device came from, for faults found after reading
     toml::source_position name, eui64, parent;
@@ -188,9 +186,8 @@ void readInstallCode(TableReader &in, DeviceSpec &device) {
     }
     std::ranges::copy(*bytes, value.begin());
     if (compute) {
-        value[16] = static_cast<uint8_t>(installCodeCrc(value));
-        value[17] = static_cast<uint8_t>(installCodeCrc(value) >> 8);
-    } else if (!installCodeValid(value)) {
+        zigbee::setInstallCodeCrc(value);
+    } else if (!zigbee::isInstallCodeValid(value)) {
         return in.fault().set(in.where("install_code"), "the CRC in the last two bytes of install_code is wrong");
     }
     device.install_code = value;
@@ -206,13 +203,13 @@ void readRole(TableReader &in, DeviceSpec &device) {
     }
     switch (device.role) {
     case Role::router:
-        device.mac_capabilities = kMacRouter;
+        device.mac_capabilities = zigbee::MAC_ROUTER;
         break;
     case Role::end_device:
-        device.mac_capabilities = kMacEndDevice;
+        device.mac_capabilities = zigbee::MAC_END_DEVICE;
         break;
     case Role::sleepy_end_device:
-        device.mac_capabilities = kMacSleepy;
+        device.mac_capabilities = zigbee::MAC_SLEEPY_END_DEVICE;
         break;
     }
     in("mac_capabilities", device.mac_capabilities, 0, 255);
@@ -398,22 +395,6 @@ bool loadScenario(const std::string &path, Scenario &scenario, ScenarioError &er
         return false;
     }
     return parseScenario(text, path, scenario, error);
-}
-
-uint16_t installCodeCrc(const InstallCode &code) {
-    constexpr uint16_t kPolynomial = 0x8408; // x^16 + x^12 + x^5 + 1, bits reversed
-    unsigned crc = 0xFFFF;
-    for (size_t i = 0; i < 16; i++) {
-        crc ^= code[i];
-        for (int bit = 0; bit < 8; bit++) {
-            crc = (crc & 1) != 0 ? (crc >> 1) ^ kPolynomial : crc >> 1;
-        }
-    }
-    return static_cast<uint16_t>(~crc);
-}
-
-bool installCodeValid(const InstallCode &code) {
-    return (code[16] | code[17] << 8) == installCodeCrc(code);
 }
 
 } // namespace corvane::mesh

@@ -3,6 +3,8 @@
 // A scenario: the virtual mesh as a TOML file describes it. Plain values, checked once by the parser; the rest of the
 // mesh relies on the stated ranges.
 #pragma once
+#include "base/eui64.h"
+#include "zigbee/install_code.h"
 #include <array>
 #include <cstdint>
 #include <optional>
@@ -11,8 +13,9 @@
 
 namespace corvane::mesh {
 
-using Eui64 = std::array<uint8_t, 8>;        // most significant byte first
-using InstallCode = std::array<uint8_t, 18>; // 16-byte code and its CRC-16/X-25, low byte first
+using base::Eui64;
+using zigbee::InstallCode; // code and its CRC
+using Key = zigbee::LinkKey;
 
 enum class Role : uint8_t { router, end_device, sleepy_end_device };
 
@@ -122,11 +125,5 @@ struct ScenarioError {
 // The same from text; file is used in messages only.
 [[nodiscard]] bool parseScenario(const std::string &text, const std::string &file, Scenario &scenario,
                                  ScenarioError &error);
-
-// CRC-16/X-25 of the 16 bytes of an install code.
-[[nodiscard]] uint16_t installCodeCrc(const InstallCode &code);
-
-// CRC-16/X-25 of the first 16 bytes matches bytes 16 and 17 (low byte first).
-[[nodiscard]] bool installCodeValid(const InstallCode &code);
 
 } // namespace corvane::mesh

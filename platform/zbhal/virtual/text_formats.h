@@ -15,7 +15,7 @@ namespace corvane::mesh {
 std::optional<Eui64> parseEui64(std::string_view text);
 std::string formatEui64(const Eui64 &eui64);
 
-// Hexadecimal digits, spaces between bytes ignored; empty unless they are exactly count bytes.
+// Hexadecimal digits, spaces, colons and dashes between bytes ignored; empty unless they are exactly count bytes.
 std::optional<std::vector<uint8_t>> parseHex(std::string_view text, size_t count);
 
 const char *roleName(Role role);

@@ -2,6 +2,7 @@
 //
 // Frame header, Default Response and the general commands; the commands of single clusters are in zcl_clusters.cpp.
 #include "zcl.h"
+#include "zigbee/value.h"
 #include <algorithm>
 #include <utility>
 
@@ -33,32 +34,17 @@ bool isGeneralResponse(uint8_t command) {
 }
 
 int64_t signExtend(uint64_t raw, ZclType type) {
-    const bool is_signed = type == ZclType::int16 || type == ZclType::int24;
-    const unsigned shift = 64U - 8U * typeWidth(static_cast<uint8_t>(type)).value_or(8);
-    return is_signed ? static_cast<int64_t>(raw << shift) >> shift : static_cast<int64_t>(raw);
+    return zigbee::numberValue(static_cast<uint8_t>(type), static_cast<int64_t>(raw)).integer();
 }
 
 // Steps over a value of any type; false when its extent can't be known or it is not all there.
-bool readValue(ByteReader &in, uint8_t type, uint64_t &value) {
-    if (const auto width = typeWidth(type)) {
-        if (*width <= 8) {
-            value = in.number(*width);
-        } else {
-            in.take(*width);
-        }
-        return in.ok();
+bool readValue(ByteReader &in, uint8_t type, uint64_t &raw) {
+    zigbee::Value value;
+    if (!zigbee::readValue(in, type, value)) {
+        return false;
     }
-    if (type == 0x41 || type == 0x42) { // octet and character string
-        const uint8_t length = in.u8();
-        in.take(length == 0xFF ? 0 : length);
-        return in.ok();
-    }
-    if (type == 0x43 || type == 0x44) { // the same with a 16-bit length
-        const uint16_t length = in.u16();
-        in.take(length == 0xFFFF ? 0 : length);
-        return in.ok();
-    }
-    return false;
+    raw = value.raw;
+    return true;
 }
 
 void appendRecord(std::vector<uint8_t> &out, const std::vector<uint8_t> &record) {

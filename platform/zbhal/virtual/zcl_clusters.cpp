@@ -81,7 +81,7 @@ ZclStatus ZclServer::storeGroup(uint16_t group_id) {
 
 ZclServer::Result ZclServer::addGroup(ByteReader &in) {
     const uint16_t group_id = in.u16();
-    in.take(in.u8()); // group name: not kept
+    in.bytes(in.u8()); // group name: not kept
     if (!in.ok()) {
         return ZclStatus::malformed_command;
     }
@@ -98,7 +98,7 @@ ZclServer::Result ZclServer::addGroup(ByteReader &in) {
 
 ZclServer::Result ZclServer::addGroupIfIdentifying(ByteReader &in) {
     const uint16_t group_id = in.u16();
-    in.take(in.u8());
+    in.bytes(in.u8());
     if (!in.ok()) {
         return ZclStatus::malformed_command;
     }

@@ -21,12 +21,6 @@ void appendEui64(std::vector<uint8_t> &out, const Eui64 &eui64) {
     out.insert(out.end(), eui64.rbegin(), eui64.rend());
 }
 
-Eui64 readEui64(ByteReader &in) {
-    Eui64 eui64{};
-    std::ranges::reverse_copy(in.take(eui64.size()), eui64.begin());
-    return eui64;
-}
-
 void appendList(std::vector<uint8_t> &out, const std::vector<uint16_t> &clusters) {
     append(out, clusters.size(), 1);
     for (const uint16_t cluster : clusters) {
@@ -92,7 +86,7 @@ void ZdoServer::addressResponse(ZdoStatus status, const Eui64 &eui64, uint16_t n
 }
 
 void ZdoServer::nwkAddress(ByteReader &in) {
-    const Eui64 wanted = readEui64(in);
+    const Eui64 wanted = in.eui64();
     const uint8_t type = in.u8();
     if (wanted == device_.spec_.eui64) {
         addressResponse(type > 1 ? ZdoStatus::inv_request_type : ZdoStatus::success, wanted, device_.node_id_, type);
@@ -206,11 +200,11 @@ ZdoStatus ZdoServer::storeBinding(const std::vector<uint8_t> &binding) {
 }
 
 void ZdoServer::bind(ByteReader &in) {
-    const Eui64 source = readEui64(in);
+    const Eui64 source = in.eui64();
     const uint8_t source_endpoint = in.u8();
     const uint16_t cluster_id = in.u16();
     const uint8_t mode = in.u8();
-    const auto target = in.take(mode == kBindToEndpoint ? 9 : 2);
+    const auto target = in.bytes(mode == kBindToEndpoint ? 9 : 2);
     if (!in.ok() || broadcast_) {
         return;
     }
@@ -230,7 +224,7 @@ void ZdoServer::bind(ByteReader &in) {
 }
 
 void ZdoServer::leave(ByteReader &in) {
-    const Eui64 who = readEui64(in);
+    const Eui64 who = in.eui64();
     const uint8_t flags = in.u8();
     const bool this_device = who == Eui64{} || who == device_.spec_.eui64;
     if (!broadcast_) {
