@@ -110,15 +110,13 @@ void Log_writer::setSink(std::unique_ptr<Line_sink> sink) {
 
 bool Log_writer::flush(Milliseconds limit) {
     std::unique_lock guard(lock_);
-    const uint64_t wanted = accepted_;
+    const uint64_t wanted = accepted_ + (lost_ > 0 ? 1 : 0);
     return progress_.wait_for(guard, limit, [&] { return stage_ != Stage::QUEUED || done_ >= wanted; });
 }
 
 void Log_writer::finish(Milliseconds limit) {
     if (stop(limit) && thread_.joinable()) {
         thread_.join();
-    } else if (thread_.joinable()) {
-        thread_.detach();
     }
 }
 
@@ -126,7 +124,7 @@ void Log_writer::finish(Milliseconds limit) {
 bool Log_writer::stop(Milliseconds limit) {
     std::unique_lock guard(lock_);
     if (stage_ != Stage::QUEUED) {
-        return true;
+        return stage_ != Stage::CLOSED;
     }
     stopping_ = true;
     stop_by_ = Clock::now() + limit;
@@ -165,6 +163,7 @@ void Log_writer::enqueue(spdlog::level::level_enum level, std::string_view tag, 
     }
     if (lost_ > 0) {
         ring_.push({now, std::exchange(lost_, 0), level, 0, 0}, {}, {});
+        ++accepted_;
     }
     ring_.push({now, 0, level, static_cast<uint16_t>(tag.size()), static_cast<uint16_t>(text.size())}, tag, text);
     ++accepted_;
@@ -187,8 +186,8 @@ void Log_writer::run() {
             reportLosses(wait_for_room);
         } else {
             write(messageOf(line), wait_for_room);
-            ++done_;
         }
+        ++done_;
     }
 }
 
@@ -219,6 +218,7 @@ bool Log_writer::take(Log_line &line) {
         return true;
     }
     line.head = {spdlog::log_clock::now(), std::exchange(lost_, 0), spdlog::level::warn, 0, 0};
+    accepted_ += line.head.lost > 0 ? 1 : 0;
     return line.head.lost > 0;
 }
 

@@ -42,7 +42,8 @@ public:
     void setSink(std::unique_ptr<Line_sink> sink);
     // True when every line that is in the ring now was written or given up within the limit.
     bool flush(Milliseconds limit);
-    // For the end of main(): writes what is in the ring, within the limit, and ends the thread.
+    // For the end of main(): writes what is in the ring, within the limit, and ends the thread, or leaves it behind
+    // where it is stuck; setSink would wait for it.
     void finish(Milliseconds limit);
 
     // Signal handler: gives the thread 0.2 s to write what is in the ring.
@@ -89,6 +90,6 @@ private:
 
     int wake_ = -1;                     // event descriptor
     int hang_up_ = -1;                  // signal descriptor of SIGHUP; -1 when there is none
-    std::atomic<uint64_t> accepted_{0}; // lines that went into the ring
+    std::atomic<uint64_t> accepted_{0}; // lines for the thread, reports among them
     std::atomic<uint64_t> done_{0};     // those of them that were written or given up
 };

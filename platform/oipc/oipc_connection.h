@@ -22,7 +22,9 @@ constexpr std::size_t QUEUE_BYTES = 64 * MAX_FRAME; // 257 KiB
 class OutgoingQueue {
 public:
     // The system gives the memory as it is used: a client that reads in time never costs it.
-    OutgoingQueue() : ring_(std::make_unique_for_overwrite<std::array<uint8_t, QUEUE_BYTES>>()) {}
+    OutgoingQueue() : ring_(std::make_unique_for_overwrite<std::array<uint8_t, QUEUE_BYTES>>()) {
+        oruSecret_keepOutOfDumps(ring_.get(), QUEUE_BYTES); // the network key may wait in it
+    }
 
     bool empty() const { return used_ == 0; }
     std::size_t room() const { return QUEUE_BYTES - used_; } // bytes

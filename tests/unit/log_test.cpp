@@ -151,7 +151,7 @@ void expectDroppedLinesToBeCountedInPlace(Log_writer &writer, int reader) {
         reports += report ? 1 : 0;
     }
     EXPECT_EQ(next, count);
-    EXPECT_EQ(reports, 1);
+    EXPECT_GE(reports, 1);
 }
 
 TEST_F(Log, PipeWithoutAReaderNeitherBlocksNorEndsTheProcess) {
