@@ -20,6 +20,7 @@ constexpr const char *own_tag = "oru_log";
 constexpr Log_writer::Milliseconds switch_limit{1000};   // for the lines of the sink before
 constexpr Log_writer::Milliseconds last_line_limit{100}; // for each of two steps
 constexpr int pause_ms = 20;                             // where a descriptor that is said to be writable takes nothing
+constexpr timespec millisecond = {0, 1000000};
 constexpr timespec gather_time = {0, 2000000};
 
 const auto never_wait = [](int /*descriptor*/, bool /*pause*/) { return false; };
@@ -86,7 +87,11 @@ void Log_writer::log(spdlog::level::level_enum level, std::string_view tag, std:
 void Log_writer::logAtOnce(spdlog::level::level_enum level, std::string_view tag, std::string_view text) {
     const spdlog::details::log_msg message(tag, level, text);
     flush(last_line_limit);
-    const std::unique_lock guard(sink_lock_, last_line_limit);
+    std::unique_lock guard(sink_lock_, std::try_to_lock);
+    for (int tries = 0; !guard.owns_lock() && tries < last_line_limit.count(); ++tries) {
+        (void)nanosleep(&millisecond, nullptr);
+        (void)guard.try_lock();
+    }
     if (guard.owns_lock()) {
         write(message, never_wait);
     }
@@ -137,7 +142,6 @@ bool Log_writer::stop(Milliseconds limit) {
 }
 
 void Log_writer::waitAfterCrash() const {
-    const timespec millisecond = {0, 1000000};
     for (int tries = 0; tries < 200 && done_ < accepted_; ++tries) {
         (void)nanosleep(&millisecond, nullptr);
     }

@@ -83,8 +83,7 @@ private:
     std::condition_variable progress_;
     std::thread thread_;
 
-    std::timed_mutex
-        sink_lock_; // guards the sink and undelivered_; taken before lock_, not held while waiting for room
+    std::mutex sink_lock_; // guards the sink and undelivered_; taken before lock_, not held while waiting for room
     std::unique_ptr<Line_sink> sink_;
     uint64_t undelivered_ = 0;
 

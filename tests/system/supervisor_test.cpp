@@ -213,7 +213,9 @@ TEST(OutputTest, AStalledReaderHoldsUpNeitherStartNorServiceNorEnd) {
         logMuch();
         const auto begin = Clock::now();
         EXPECT_EQ(daemon.end(SIGTERM), 0);
-        EXPECT_LT(Clock::now() - begin, 2s);
+        const auto took = Clock::now() - begin;
+        EXPECT_LT(took, 3s); // the two of any end, and the one that the log has for what waits
+        std::cout << "ended " << took / 1ms << " ms after the signal\n";
         close(reader);
         close(writer);
     }
