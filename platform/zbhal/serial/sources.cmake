@@ -1,3 +1,7 @@
 # SPDX-License-Identifier: Apache-2.0
-# The serial backend's sources; the simulated radio shares framing and link.
-set(CORVANE_ASH_SOURCES ${CMAKE_CURRENT_LIST_DIR}/ash_frame.cpp ${CMAKE_CURRENT_LIST_DIR}/ash_link.cpp)
+# Framing, link, codec and line of a serial co-processor; the simulated radio shares all but the last.
+set(CORVANE_SERIAL_SOURCES
+    ${CMAKE_CURRENT_LIST_DIR}/ash_frame.cpp
+    ${CMAKE_CURRENT_LIST_DIR}/ash_link.cpp
+    ${CMAKE_CURRENT_LIST_DIR}/ezsp.cpp
+    ${CMAKE_CURRENT_LIST_DIR}/line.cpp)
