@@ -19,8 +19,8 @@ double halfFloat(uint64_t raw) { // IEEE 754, 16 bits
 } // namespace
 
 bool isNotAValue(uint8_t type, uint64_t raw) {
-    const TypeInfo *const info = findType(type);
-    if (info == nullptr) {
+    const auto info = findType(type);
+    if (!info) {
         return false;
     }
     switch (info->kind) {

@@ -100,16 +100,17 @@ inline constexpr TypeInfo TYPES[] = {
 };
 static_assert(std::ranges::is_sorted(TYPES, {}, &TypeInfo::first));
 
-// Null: no such type, so nobody knows how long its values are.
-constexpr const TypeInfo *findType(uint8_t type) {
+// Nothing: no such type, so nobody knows how long its values are. By value, because g++ 12 takes the address of a row
+// for no constant when it instruments.
+constexpr std::optional<TypeInfo> findType(uint8_t type) {
     const auto *const found = std::ranges::lower_bound(TYPES, type, {}, &TypeInfo::last);
-    return found != std::end(TYPES) && type >= found->first ? found : nullptr;
+    return found != std::end(TYPES) && type >= found->first ? std::optional(*found) : std::nullopt;
 }
 
 // Bytes of a value in a frame; nothing where the value itself tells, and for types that do not exist.
 constexpr std::optional<std::size_t> typeWidth(uint8_t type) {
-    const TypeInfo *const info = findType(type);
-    if (info == nullptr || info->kind == TypeKind::Octets || info->kind == TypeKind::Text ||
+    const auto info = findType(type);
+    if (!info || info->kind == TypeKind::Octets || info->kind == TypeKind::Text ||
         info->kind == TypeKind::List || info->kind == TypeKind::Struct) {
         return std::nullopt;
     }
@@ -118,8 +119,8 @@ constexpr std::optional<std::size_t> typeWidth(uint8_t type) {
 
 // Values that can differ by an amount: Configure Reporting carries a reportable change for them.
 constexpr bool typeIsAnalog(uint8_t type) {
-    const TypeInfo *const info = findType(type);
-    return info != nullptr && type != 0xEA && // an object identifier is a number, but no quantity
+    const auto info = findType(type);
+    return info && type != 0xEA && // an object identifier is a number, but no quantity
            (info->kind == TypeKind::Unsigned || info->kind == TypeKind::Signed || info->kind == TypeKind::Float);
 }
 

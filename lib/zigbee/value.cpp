@@ -41,9 +41,9 @@ void readString(base::ByteReader &in, Value &value, std::size_t length_width) {
 }
 
 bool readNested(base::ByteReader &in, uint8_t type, Value &value, int depth) {
-    const TypeInfo *const info = findType(type);
+    const auto info = findType(type);
     value = Value{};
-    if (info == nullptr || depth > MAX_NESTING) {
+    if (!info || depth > MAX_NESTING) {
         in.fail();
         return false;
     }
@@ -112,9 +112,9 @@ base::Eui64 Value::eui64() const {
 
 Value numberValue(uint8_t type, int64_t number) {
     Value value;
-    const TypeInfo *const info = findType(type);
+    const auto info = findType(type);
     const std::size_t width = typeWidth(type).value_or(0);
-    if (info == nullptr || width == 0 || width > 8) {
+    if (!info || width == 0 || width > 8) {
         return value;
     }
     value.type = type;
@@ -140,8 +140,8 @@ bool readValue(base::ByteReader &in, uint8_t type, Value &value) {
 }
 
 void writeValue(base::ByteWriter &out, const Value &value) {
-    const TypeInfo *const info = findType(value.type);
-    if (info == nullptr) {
+    const auto info = findType(value.type);
+    if (!info) {
         return;
     }
     switch (info->kind) {

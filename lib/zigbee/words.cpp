@@ -245,8 +245,8 @@ std::string statusText(uint8_t status) {
 }
 
 std::string typeText(uint8_t type) {
-    const TypeInfo *const info = findType(type);
-    if (info == nullptr) {
+    const auto info = findType(type);
+    if (!info) {
         return hexNumber(type, 2);
     }
     const bool numbered = info->first != info->last || info->kind == TypeKind::Enum;

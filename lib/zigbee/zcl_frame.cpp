@@ -84,7 +84,7 @@ void readReporting(base::ByteReader &in, AttributeRecord &record) {
     record.maximum_s = in.u16();
     if (typeIsAnalog(record.type)) {
         readValue(in, record.type, record.change);
-    } else if (findType(record.type) == nullptr) {
+    } else if (!findType(record.type)) {
         in.fail(); // it may carry a change, or not
     }
     record.set(Field::Reporting);

@@ -244,7 +244,7 @@ TEST(DataTypes, WidthNameAndWhatIsNotAValue) {
         EXPECT_EQ(isNotAValue(row.type, row.none), row.none != 0) << row.name;
         EXPECT_FALSE(isNotAValue(row.type, 1)) << row.name;
     }
-    EXPECT_TRUE(findType(0x07) == nullptr && findType(0x32) == nullptr && findType(0xFF) == nullptr);
+    EXPECT_TRUE(!findType(0x07) && !findType(0x32) && !findType(0xFF));
     EXPECT_EQ(numberValue(TYPE_INT24, -2).integer(), -2);
     EXPECT_EQ(floatOf(TYPE_HALF_FLOAT, 0xC100), -2.5);
     EXPECT_EQ(floatOf(TYPE_HALF_FLOAT, 0x0001) * 16777216, 1);
