@@ -110,8 +110,8 @@ constexpr std::optional<TypeInfo> findType(uint8_t type) {
 // Bytes of a value in a frame; nothing where the value itself tells, and for types that do not exist.
 constexpr std::optional<std::size_t> typeWidth(uint8_t type) {
     const auto info = findType(type);
-    if (!info || info->kind == TypeKind::Octets || info->kind == TypeKind::Text ||
-        info->kind == TypeKind::List || info->kind == TypeKind::Struct) {
+    if (!info || info->kind == TypeKind::Octets || info->kind == TypeKind::Text || info->kind == TypeKind::List ||
+        info->kind == TypeKind::Struct) {
         return std::nullopt;
     }
     return info->first_width + std::size_t{type} - info->first;

@@ -14,7 +14,8 @@ static bool isShare(double value) {
 static void checkDevice(const DeviceSpec &spec) {
     fuzz::require(spec.link_quality >= 1 && !spec.name.empty(), "a name and a link");
     fuzz::require(spec.model.size() <= 32 && spec.manufacturer_name.size() <= 32, "texts fit into an attribute");
-    fuzz::require(!spec.install_code || corvane::zigbee::isInstallCodeValid(*spec.install_code), "a sound install code");
+    fuzz::require(!spec.install_code || corvane::zigbee::isInstallCodeValid(*spec.install_code),
+                  "a sound install code");
     for (const EndpointSpec &endpoint : spec.endpoints) {
         fuzz::require(endpoint.id >= 1 && endpoint.id <= 240, "endpoint numbers");
     }
