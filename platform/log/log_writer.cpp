@@ -120,8 +120,11 @@ bool Log_writer::flush(Milliseconds limit) {
 }
 
 void Log_writer::finish(Milliseconds limit) {
-    if (stop(limit) && thread_.joinable()) {
+    const bool ended = stop(limit);
+    if (thread_.joinable() && ended) {
         thread_.join();
+    } else if (thread_.joinable()) {
+        thread_.detach(); // it hangs on a place that takes nothing, and ends with the process
     }
 }
 

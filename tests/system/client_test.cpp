@@ -12,12 +12,6 @@ namespace {
 
 using oipc::FrameType, oipc::Reason, testplat::RawClient, testplat::RawFrame;
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr bool SANITIZED = true;
-#else
-constexpr bool SANITIZED = false;
-#endif
-
 Bytes callFrame(FrameType type, uint16_t id, const Bytes &payload = {}, uint16_t callback_id = 0) {
     return testplat::frameOf({.type = type, .id = id, .callback_id = callback_id}, payload);
 }

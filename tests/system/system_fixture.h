@@ -28,6 +28,13 @@
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 
+// Sanitizers keep freed memory, and shadow the rest.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+inline constexpr bool SANITIZED = true;
+#else
+inline constexpr bool SANITIZED = false;
+#endif
+
 inline bool eventually(const std::function<bool()> &condition, std::chrono::milliseconds limit = 20s) {
     const auto end = Clock::now() + limit;
     while (!condition()) {
