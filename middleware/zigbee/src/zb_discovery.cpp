@@ -92,6 +92,44 @@ static oruZb_msgType_t requestMessage(oruZb_device_discovery_state state) {
 // Active_EP_rsp on.
 static uint32_t answered_slots;
 
+// --------------------------------------------------------------------------------------------- messages and scheduling
+oru_status_t oruZb_discoveryPostServerMsg(oruZb_msgType_t function_id) {
+    oruZb_msgListItem_t *item = oruZb_takeMsgItem(function_id);
+    if (item == nullptr) {
+        ZB_LOG_ERROR("%s: item oruMP_alloc/(mp_zb_msgl_handle/) failed.", ZB_DISCOVERY);
+        return ORU_STATUS_OUT_OF_MEMORY;
+    }
+    const oru_status_t status = oruZb_postThreadMsg(item);
+    if (status != ORU_STATUS_OK) {
+        oruZb_returnMsgItem(item);
+        ZB_LOG_ERROR("%s: Error: %s cannot post msg to mainthread %d", ZB_DISCOVERY, __func__, status);
+    }
+    return status;
+}
+
+void oruZb_scheduleBeginDiscovery(int timeout_ms) {
+    ZB_LOG_INFO("%s: oruZb_scheduleBeginDiscovery after %d ms", ZB_DISCOVERY, timeout_ms);
+    if (timeout_ms != 0) {
+        const oru_status_t status = oruTime_timerStart(&device_announce_timer, static_cast<uint32_t>(timeout_ms));
+        if (status != ORU_STATUS_OK) {
+            ZB_LOG_ERROR("%s: %s: deviceAnnounce timer start failed, status: %d", ZB_DISCOVERY, __func__, status);
+        }
+        return;
+    }
+    const oru_status_t status = oruTime_timerStop(&device_announce_timer);
+    if (status != ORU_STATUS_OK) {
+        ZB_LOG_ERROR("%s: %s: deviceAnnounce timer stop failed, status: %d", ZB_DISCOVERY, __func__, status);
+    }
+    oruZb_handleBeginDiscovery();
+}
+
+void oruZb_scheduleServiceDiscovery(int timeout_ms) {
+    ZB_LOG_INFO("%s: oruZb_scheduleServiceDiscovery after %d ms", ZB_DISCOVERY, timeout_ms);
+    if (oruTime_timerStart(&service_discovery_timer, static_cast<uint32_t>(timeout_ms)) != ORU_STATUS_OK) {
+        ZB_LOG_ERROR("%s: Error: %s serviceDiscovery timer start failed.", ZB_DISCOVERY, __func__);
+    }
+}
+
 // --------------------------------------------------------------------------------------------- steps of the machine
 // The current node keeps existing between scopes: only this thread frees it. Null when no device is current.
 static oruZb_node_t *currentItem() {
@@ -245,27 +283,6 @@ oru_status_t oruZb_handleRequestNodeDescriptor() {
 }
 
 // ----------------------------------------------------------------------------------------------------------- responses
-oru_status_t oruZb_handleIncomingZdoMsg(uint16_t cluster_id, uint8_t *message, uint16_t msg_len) {
-    if (message == nullptr) {
-        return ORU_STATUS_NULL_POINTER;
-    }
-    switch (cluster_id) {
-    case ZDO_ACTIVE_EP_RSP:
-        return oruZb_handleActiveEndpointsResponse(message, msg_len);
-    case ZDO_SIMPLE_DESC_RSP:
-        return oruZb_handleSimpleDescriptorResponse(message, msg_len);
-    case ZDO_NODE_DESC_RSP:
-        return oruZb_handleNodeDescriptorResponse(message, msg_len);
-    case ZDO_DEVICE_ANNCE:
-        oruZb_handleDeviceAnnounce(message, msg_len);
-        return ORU_STATUS_OK;
-    case ZDO_MGMT_LEAVE_RSP:
-        return ORU_STATUS_NOT_SUPPORTED;
-    default:
-        ZB_LOG_WARN("%s: Unhandled ZDO message %d", ZB_DISCOVERY, cluster_id);
-        return ORU_STATUS_NOT_SUPPORTED;
-    }
-}
 
 // Slots of endpoints that the list names a second time: their first slot is the one that answers are stored in.
 static uint32_t repeatedEndpoints(std::span<const uint8_t> endpoints) {

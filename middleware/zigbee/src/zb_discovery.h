@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Device discovery: lists, joins, interrogation of new devices, recovery of those that did not answer.
-//   zb_discovery_list.cpp      the two lists, their nodes, scheduling
+//   zb_discovery_list.cpp      the two lists, their nodes
 //   zb_discovery_join.cpp      trust-centre reports and announces
-//   zb_discovery.cpp           the state machine that interrogates one device at a time
+//   zb_discovery.cpp           the state machine that interrogates one device at a time, and its timers
 //   zb_discovery_recovery.cpp  leave requests to devices whose discovery failed
 //
 // Everything runs on the main thread, except the trust-centre reports and what they call, which run in the HAL's

@@ -224,6 +224,57 @@ void oruZb_handleTrustCenterCallback(uint16_t new_node_id, uint8_t *new_node_eui
 }
 
 // ---------------------------------------------------------------------------------------------------- device announce
+static void sendAway(uint8_t *eui64, uint16_t node_id) {
+    constexpr char operation[] = "oruZb_updateDiscoveryList";
+    ZB_LOG_INFO("%s: %s(): Device NOT found in DB. Sending leave request to device, Last 2 bytes of mac_id: %2.2x%2.2x",
+                ZB_DISCOVERY, operation, eui64[6], eui64[7]);
+    const oru_status_t status = oruZb_sendNodeLeaveNetworkRequest(node_id, eui64, ZDO_LEAVE);
+    if (status == ORU_STATUS_OK) {
+        ZB_LOG_INFO("%s: %s(): Leave request sent successfully", ZB_DISCOVERY, operation);
+    } else {
+        ZB_LOG_ERROR("%s: %s(): Failed to send leave request: %d", ZB_DISCOVERY, operation, status);
+    }
+}
+
+static void updateStoredNodeId(uint8_t *eui64, uint16_t node_id, uint16_t stored_node_id) {
+    const oru_status_t status = oruZb_databaseUpdateNodeId(eui64, node_id);
+    if (status == ORU_STATUS_OK) {
+        ZB_LOG_INFO("%s: Device node ID updated from 0x%4.4x to 0x%4.4x in DB", ZB_DISCOVERY, stored_node_id, node_id);
+    } else {
+        ZB_LOG_ERROR("%s: Unable to update device node ID in DB, status:%d", ZB_DISCOVERY, status);
+    }
+}
+
+static oruZb_node_t *refreshListedNode(const uint8_t *eui64, uint16_t node_id, uint8_t capabilities) {
+    const std::lock_guard<std::mutex> lock(discovery_mutex);
+    oruZb_node_t *item = discovery_list_init != 0 ? oruZb_findNodeLocked(discovery_list_head, eui64) : nullptr;
+    if (item != nullptr) {
+        item->device.node_id = node_id;
+        item->device.device_info.capabilities = capabilities;
+    }
+    return item;
+}
+
+oruZb_node_t *oruZb_updateDiscoveryList(uint8_t *eui64, uint16_t node_id, uint8_t capabilities) {
+    if (eui64 == nullptr) {
+        return nullptr;
+    }
+    if (oruZb_node_t *item = refreshListedNode(eui64, node_id, capabilities)) {
+        return item;
+    }
+    oruZb_device_t stored{};
+    const oru_status_t status = oruZb_databaseFindOrLoad(eui64, &stored);
+    if (status == ORU_STATUS_TRY_AGAIN) {
+        return nullptr;
+    }
+    if (status != ORU_STATUS_OK) {
+        sendAway(eui64, node_id);
+    } else if (stored.node_id != node_id) {
+        updateStoredNodeId(eui64, node_id, stored.node_id);
+    }
+    return nullptr;
+}
+
 static bool makeReadyIfNew(oruZb_node_t *item) {
     const std::lock_guard<std::mutex> lock(discovery_mutex);
     const bool is_new = item->action.discovery_state == ORU_ZB_DEVICE_DISCOVERY_NEW;

@@ -169,57 +169,6 @@ oruZb_node_t *oruZb_addToDiscoveryList(uint8_t *eui64, uint16_t node_id, uint8_t
     return oruZb_addToDiscoveryListLocked(eui64, node_id, capabilities);
 }
 
-static void sendAway(uint8_t *eui64, uint16_t node_id) {
-    constexpr char operation[] = "oruZb_updateDiscoveryList";
-    ZB_LOG_INFO("%s: %s(): Device NOT found in DB. Sending leave request to device, Last 2 bytes of mac_id: %2.2x%2.2x",
-                ZB_DISCOVERY, operation, eui64[6], eui64[7]);
-    const oru_status_t status = oruZb_sendNodeLeaveNetworkRequest(node_id, eui64, ZDO_LEAVE);
-    if (status == ORU_STATUS_OK) {
-        ZB_LOG_INFO("%s: %s(): Leave request sent successfully", ZB_DISCOVERY, operation);
-    } else {
-        ZB_LOG_ERROR("%s: %s(): Failed to send leave request: %d", ZB_DISCOVERY, operation, status);
-    }
-}
-
-static void updateStoredNodeId(uint8_t *eui64, uint16_t node_id, uint16_t stored_node_id) {
-    const oru_status_t status = oruZb_databaseUpdateNodeId(eui64, node_id);
-    if (status == ORU_STATUS_OK) {
-        ZB_LOG_INFO("%s: Device node ID updated from 0x%4.4x to 0x%4.4x in DB", ZB_DISCOVERY, stored_node_id, node_id);
-    } else {
-        ZB_LOG_ERROR("%s: Unable to update device node ID in DB, status:%d", ZB_DISCOVERY, status);
-    }
-}
-
-static oruZb_node_t *refreshListedNode(const uint8_t *eui64, uint16_t node_id, uint8_t capabilities) {
-    const discoveryLock lock(discovery_mutex);
-    oruZb_node_t *item = discovery_list_init != 0 ? oruZb_findNodeLocked(discovery_list_head, eui64) : nullptr;
-    if (item != nullptr) {
-        item->device.node_id = node_id;
-        item->device.device_info.capabilities = capabilities;
-    }
-    return item;
-}
-
-oruZb_node_t *oruZb_updateDiscoveryList(uint8_t *eui64, uint16_t node_id, uint8_t capabilities) {
-    if (eui64 == nullptr) {
-        return nullptr;
-    }
-    if (oruZb_node_t *item = refreshListedNode(eui64, node_id, capabilities)) {
-        return item;
-    }
-    oruZb_device_t stored{};
-    const oru_status_t status = oruZb_databaseFindOrLoad(eui64, &stored);
-    if (status == ORU_STATUS_TRY_AGAIN) {
-        return nullptr;
-    }
-    if (status != ORU_STATUS_OK) {
-        sendAway(eui64, node_id);
-    } else if (stored.node_id != node_id) {
-        updateStoredNodeId(eui64, node_id, stored.node_id);
-    }
-    return nullptr;
-}
-
 static oru_status_t deleteNodeLocked(oruZb_nodeList &list, int list_init, const uint8_t *eui64) {
     if (list_init == 0) {
         return ORU_STATUS_UNINITIALIZED;
@@ -422,42 +371,4 @@ oru_status_t oruZb_setManufacturerCodeAndCapability(oruZb_node_t *item, uint16_t
     item->device.manufacturer_code = manufacturer_code;
     item->device.device_info.capabilities = capability;
     return ORU_STATUS_OK;
-}
-
-// --------------------------------------------------------------------------------------------- messages and scheduling
-oru_status_t oruZb_discoveryPostServerMsg(oruZb_msgType_t function_id) {
-    oruZb_msgListItem_t *item = oruZb_takeMsgItem(function_id);
-    if (item == nullptr) {
-        ZB_LOG_ERROR("%s: item oruMP_alloc/(mp_zb_msgl_handle/) failed.", ZB_DISCOVERY);
-        return ORU_STATUS_OUT_OF_MEMORY;
-    }
-    const oru_status_t status = oruZb_postThreadMsg(item);
-    if (status != ORU_STATUS_OK) {
-        oruZb_returnMsgItem(item);
-        ZB_LOG_ERROR("%s: Error: %s cannot post msg to mainthread %d", ZB_DISCOVERY, __func__, status);
-    }
-    return status;
-}
-
-void oruZb_scheduleBeginDiscovery(int timeout_ms) {
-    ZB_LOG_INFO("%s: oruZb_scheduleBeginDiscovery after %d ms", ZB_DISCOVERY, timeout_ms);
-    if (timeout_ms != 0) {
-        const oru_status_t status = oruTime_timerStart(&device_announce_timer, static_cast<uint32_t>(timeout_ms));
-        if (status != ORU_STATUS_OK) {
-            ZB_LOG_ERROR("%s: %s: deviceAnnounce timer start failed, status: %d", ZB_DISCOVERY, __func__, status);
-        }
-        return;
-    }
-    const oru_status_t status = oruTime_timerStop(&device_announce_timer);
-    if (status != ORU_STATUS_OK) {
-        ZB_LOG_ERROR("%s: %s: deviceAnnounce timer stop failed, status: %d", ZB_DISCOVERY, __func__, status);
-    }
-    oruZb_handleBeginDiscovery();
-}
-
-void oruZb_scheduleServiceDiscovery(int timeout_ms) {
-    ZB_LOG_INFO("%s: oruZb_scheduleServiceDiscovery after %d ms", ZB_DISCOVERY, timeout_ms);
-    if (oruTime_timerStart(&service_discovery_timer, static_cast<uint32_t>(timeout_ms)) != ORU_STATUS_OK) {
-        ZB_LOG_ERROR("%s: Error: %s serviceDiscovery timer start failed.", ZB_DISCOVERY, __func__);
-    }
 }

@@ -7,7 +7,7 @@
 //
 // The record is never destroyed: threads of the platform may still knock while the process exits.
 #include "zb_gate.h"
-#include "zb_util.h"
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
@@ -17,10 +17,11 @@ namespace {
 enum class GateState { never_opened, open, closed };
 
 struct Gate {
-    std::mutex mutex; // guards inside and changes of state; a leaf
+    std::mutex mutex; // guards inside, release_waiting and changes of state; a leaf
     std::condition_variable emptied;
     std::atomic<GateState> state{GateState::never_opened};
-    uint32_t inside = 0; // passes held
+    uint32_t inside = 0;                 // passes held
+    void (*release_waiting)() = nullptr; // of whoever opened it
 };
 
 Gate &gate() {
@@ -40,15 +41,18 @@ bool lets(GateState state, oruZb_gatePass::For purpose) {
 
 } // namespace
 
-void oruZb_gateOpen() {
+void oruZb_gateOpen(void (*release_waiting)()) {
     const std::lock_guard<std::mutex> lock(gate().mutex);
+    gate().release_waiting = release_waiting;
     gate().state.store(GateState::open);
 }
 
 bool oruZb_gateClose(uint32_t limit_ms) {
     std::unique_lock<std::mutex> lock(gate().mutex);
     gate().state.store(GateState::closed);
-    oruZb_msgReleaseProducers();
+    if (gate().release_waiting != nullptr) {
+        gate().release_waiting();
+    }
     return gate().emptied.wait_for(lock, std::chrono::milliseconds(limit_ms), [] { return gate().inside == 0; });
 }
 

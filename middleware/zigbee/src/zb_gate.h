@@ -11,7 +11,9 @@
 #include <cstdint>
 
 // Lets everybody in. Called at the end of a successful oruZb_msgQueueInit: from then on a message can be queued.
-void oruZb_gateOpen();
+// release_waiting wakes whoever waits inside for something that only the main thread provides; called on closing, with
+// the gate's mutex held.
+void oruZb_gateOpen(void (*release_waiting)());
 // Closes the gate and waits until every thread inside has left, at most limit_ms milliseconds. Producers that wait
 // for a place in the queue are released (they return ORU_STATUS_CANCELED). False: the limit passed with threads still
 // inside. Main thread, which must hold no pass itself.

@@ -32,7 +32,6 @@ constexpr uint32_t RUN_EVENTS_LIMIT = 0;    // the HAL's own limit
 
 static char default_port[] = "/dev/ttyUSB0";
 char *devicePort = default_port;
-volatile int terminated = 0;
 oruZb_privateData_t sZBSvcData;
 
 static_assert(ORU_ZB_MSG_QUEUE_PLACES < MESSAGE_ITEMS);
@@ -181,10 +180,6 @@ oru_status_t oruZb_init(char *device) {
 }
 
 // --------------------------------------------------------------------------------------------------------- the loop
-
-bool oruZb_halUseSingleEventLoop() {
-    return zb_hal_signal.load() != -1;
-}
 
 oru_status_t oruZb_halRunEvents() {
     return oruZbHal_runEvents(RUN_EVENTS_LIMIT);

@@ -8,10 +8,11 @@
 //
 // SIGINT and SIGTERM are the only way from running to stopping. Everything here runs on the main thread.
 #pragma once
+#include "zb_state.h"
 #include "zb_types.h"
+#include "zb_util.h"
 
-extern char *devicePort;        // serial device of the radio adapter, "/dev/ttyUSB0" unless -p names another
-extern volatile int terminated; // set to 1 by SIGINT or SIGTERM, read by the main loop before every turn
+extern char *devicePort; // serial device of the radio adapter, "/dev/ttyUSB0" unless -p names another
 extern oruZb_privateData_t sZBSvcData;
 
 // Parses the options, starts the service, runs it until a termination signal and takes it down. 0, also when the
@@ -33,7 +34,5 @@ void oruZb_start(char *device);
 // Takes everything down, whatever of it came up. Closes the intake gate first: from then on no other thread reaches
 // what is being destroyed. The adapter itself stays as it is.
 void oruZb_stop();
-// True when the HAL handed out an event descriptor: the loop then waits inside the HAL (blocking mode).
-bool oruZb_halUseSingleEventLoop();
 // One round of the HAL's event processing, bounded by the library's own limit; its status.
 oru_status_t oruZb_halRunEvents();

@@ -6,13 +6,15 @@
 // way. A producer waits for its place before it takes list_mutex, so the main thread can always remove. list_mutex is
 // held for a few pointer operations only and never together with another lock of the service.
 #include "zb_gate.h"
-#include "zb_svc.h"
 #include "zb_svc_pwr.h"
 #include "zb_util.h"
+#include <cerrno>
 #include <thread>
+#include <unistd.h>
 
 std::atomic<oruMp_handle_t> mp_zb_msgl_handle{nullptr};
 std::atomic<oruMp_handle_t> mp_zb_var_handle{nullptr};
+std::atomic<int32_t> zb_hal_signal{-1};
 
 oruMutex_t list_mutex;
 oruSemaphore_t zb_post_sem;
@@ -64,7 +66,7 @@ oru_status_t oruZb_msgQueueInit() {
         ZB_LOG_ERROR("%s: Error: %s() oruSem_new zb_post_sem failed", ZB_SVC, __func__);
         return status;
     }
-    oruZb_gateOpen();
+    oruZb_gateOpen(oruZb_msgReleaseProducers);
     return ORU_STATUS_OK;
 }
 
@@ -178,6 +180,21 @@ oru_status_t oruZb_msgPut(oruZb_msgList *head, oruZb_msgListItem_t *item) {
         ZB_LOG_ERROR("%s: Error: %s() oruSem_post zb_wait_sem failed. status: %d\n", ZB_SVC, __func__, status);
     }
     return ORU_STATUS_OK;
+}
+
+bool oruZb_halUseSingleEventLoop() {
+    return zb_hal_signal.load() != -1;
+}
+
+// A full pipe refuses the byte; it holds enough wake-ups already.
+void oruZb_signalHalEvent() {
+    const int32_t descriptor = zb_hal_signal.load();
+    if (descriptor == -1) {
+        return;
+    }
+    const uint8_t wake = 0;
+    while (::write(descriptor, &wake, sizeof wake) < 0 && errno == EINTR) {
+    }
 }
 
 oru_status_t oruZb_postThreadMsg(oruZb_msgListItem_t *item) {

@@ -2,7 +2,7 @@
 //
 // Country code to region, the adapter's region, and the retry cycle of the start-up step.
 #include "zb_region_info.h"
-#include "zb_timer.h"
+#include "zb_gate.h"
 #include <array>
 #include <cstdio>
 #include <cstring>
@@ -18,6 +18,7 @@ static oru_status_t worldWideCountryCode(char *code, size_t size) {
     return ORU_STATUS_OK;
 }
 
+oruTimer_t qel_ready_timer;
 std::atomic<oruZbHal_region_t> region_code{ORU_ZB_HAL_REGION_WORLD_WIDE};
 std::atomic<int32_t> attempts{0};
 std::atomic<bool> test_without_qel{false};
@@ -204,4 +205,11 @@ oru_status_t oruZb_handleQelAccess() {
         ZB_LOG_ERROR("%s: Error: %s: QEL Ready timer starts failed.", ZB_REGION, __func__);
     }
     return status;
+}
+
+void oruZb_timerCheckQelCallback(void *) {
+    const oruZb_gatePass pass(oruZb_gatePass::For::callback);
+    if (pass) {
+        oruZb_handleQelAccess();
+    }
 }

@@ -14,6 +14,7 @@
 #pragma once
 #include "zb_types.h"
 
+extern oruTimer_t qel_ready_timer;                 // retry of the country-code step
 extern std::atomic<oruZbHal_region_t> region_code; // the region last chosen, even when the adapter refused it
 extern std::atomic<int32_t> attempts; // failures of the country-code step since the last fallback; kept by a success
 extern std::atomic<bool> test_without_qel; // once true, a failed step schedules no retry
@@ -39,3 +40,4 @@ void oruZb_testWithoutQEL(bool test_flag); // any thread
 oru_status_t oruZb_queryQelRegionCode();
 // The start-up step. Returns its status, or that of arming the retry timer.
 oru_status_t oruZb_handleQelAccess();
+void oruZb_timerCheckQelCallback(void *context); // expiry of qel_ready_timer: the step again

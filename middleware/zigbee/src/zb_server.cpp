@@ -11,7 +11,6 @@
 #include <cstring>
 #include <mutex>
 
-oruOipc_Handler_t shmem_server_hdl;
 oruSemaphore_t sync_call_sem;
 
 // One synchronous call at a time between post and result. Outermost lock; the main thread never takes it.
@@ -319,36 +318,6 @@ oru_status_t oruZb_asyncOipcHandler(oruOipc_parameter_t *task) {
     if (status != ORU_STATUS_OK) {
         oruZb_returnMsgItem(item);
         ZB_LOG_ERROR("%s: Error: %s() cannot post msg to mainthread %d ", ZB_SVC, __func__, status);
-    }
-    return status;
-}
-
-// ------------------------------------------------------------------------------------------------ back to the client
-
-oru_status_t oruZb_oipcCallback(uint16_t client_id, uint16_t callback_id, const void *data, uint32_t len) {
-    if (callback_id == ORU_ZB_NO_CALLBACK) {
-        ZB_LOG_WARN("%s: %s() Ignore Invalid callback func id %d, %d", ZB_SVC, __func__, client_id, callback_id);
-        return ORU_STATUS_CANCELED;
-    }
-    oruOipc_callbackParams_t callback{};
-    callback.callback_type = ORU_OIPC_CALLBACK_ID;
-    callback.callback_id = callback_id;
-    callback.parameters = data;
-    callback.parameter_length = len;
-    ZB_LOG_INFO("%s: call oipc server to client %d using callback 0x%x", ZB_SVC, client_id, callback_id);
-    const oru_status_t status = oruOipc_callback(shmem_server_hdl, client_id, &callback);
-    if (status != ORU_STATUS_OK) {
-        ZB_LOG_ERROR("%s: OIPC fail, status = %d", ZB_SVC, status);
-    }
-    return status;
-}
-
-oru_status_t oruZb_publishEvent(uint16_t event_id, const void *data, uint32_t len) {
-    const oruOipc_eventParams_t event{event_id, data, len};
-    ZB_LOG_INFO("%s: Publish oipc event 0x%x", ZB_SVC, event_id);
-    const oru_status_t status = oruOipc_publishEvent(shmem_server_hdl, &event);
-    if (status != ORU_STATUS_OK) {
-        ZB_LOG_ERROR("%s: OIPC fail, status = %d", ZB_SVC, status);
     }
     return status;
 }

@@ -10,9 +10,9 @@
 // Ping and the adapter-state query are answered on the IPC thread; they work from the first moment to the last.
 // Calls that come before the queue exists get ORU_STATUS_OUT_OF_MEMORY, calls during shut-down ORU_STATUS_CANCELED.
 #pragma once
+#include "zb_reply.h"
 #include "zb_types.h"
 
-extern oruOipc_Handler_t shmem_server_hdl;
 extern oruSemaphore_t sync_call_sem; // posted by the main thread once per completed synchronous call
 
 // Registers the service with the framework (service id ORU_OIPC_UUID_ZIGBEE, 10 clients, 4096-byte payloads). Calls may
@@ -39,9 +39,3 @@ oru_status_t oruZb_sendServerMsg(oruOipc_parameter_t *task);
 // Gives msg its own copy of size bytes in a block of mp_zb_var_handle. ORU_STATUS_NULL_POINTER for a null argument,
 // size 0 or an exhausted pool.
 oru_status_t oruZb_copyAsncMsgDataBuffer(oruZb_msgData_t *msg, const void *data, uint32_t size);
-
-// Calls one client back; the payload is copied. ORU_STATUS_CANCELED for callback id 0xFFFF, else the framework's
-// status. Any thread.
-oru_status_t oruZb_oipcCallback(uint16_t client_id, uint16_t callback_id, const void *data, uint32_t len);
-// Publishes an event to all clients; the payload (null with length 0 for none) is copied. Any thread.
-oru_status_t oruZb_publishEvent(uint16_t event_id, const void *data, uint32_t len);

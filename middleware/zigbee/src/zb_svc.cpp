@@ -37,6 +37,28 @@ oru_status_t oruZb_doGetAdapterState(oruZb_adapterState_t *state) {
     return ORU_STATUS_OK;
 }
 
+oru_status_t oruZb_handleIncomingZdoMsg(uint16_t cluster_id, uint8_t *message, uint16_t msg_len) {
+    if (message == nullptr) {
+        return ORU_STATUS_NULL_POINTER;
+    }
+    switch (cluster_id) {
+    case ZDO_ACTIVE_EP_RSP:
+        return oruZb_handleActiveEndpointsResponse(message, msg_len);
+    case ZDO_SIMPLE_DESC_RSP:
+        return oruZb_handleSimpleDescriptorResponse(message, msg_len);
+    case ZDO_NODE_DESC_RSP:
+        return oruZb_handleNodeDescriptorResponse(message, msg_len);
+    case ZDO_DEVICE_ANNCE:
+        oruZb_handleDeviceAnnounce(message, msg_len);
+        return ORU_STATUS_OK;
+    case ZDO_MGMT_LEAVE_RSP:
+        return ORU_STATUS_NOT_SUPPORTED;
+    default:
+        ZB_LOG_WARN("%s: Unhandled ZDO message %d", ZB_DISCOVERY, cluster_id);
+        return ORU_STATUS_NOT_SUPPORTED;
+    }
+}
+
 namespace {
 
 // ------------------------------------------------------------------------------------------------- payload lengths

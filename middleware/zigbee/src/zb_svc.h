@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Dispatch of queued messages and the handlers of client functions, by area:
-//   zb_svc.cpp           dispatch, ping answers, adapter-state query
-//   zb_svc_adapter.cpp   adapter state machine, HAL bring-up, stack status
+//   zb_svc.cpp           dispatch of queued messages and of ZDO frames, ping answers, adapter-state query
+//   zb_svc_adapter.cpp   HAL bring-up, stack status
 //   zb_svc_network.cpp   formation, permit join, ZTS mode
 //   zb_svc_radio.cpp     radio power, region, leave, clear, reset
 //   zb_svc_interpan.cpp  inter-PAN exchange
@@ -10,6 +10,8 @@
 //   zb_svc_query.cpp     network and device queries, PTA counters
 // Unless stated otherwise everything runs on the main thread.
 #pragma once
+#include "zb_reply.h"
+#include "zb_state.h"
 #include "zb_types.h"
 
 // Dispatch
@@ -32,28 +34,14 @@ uint32_t oruZb_minPayloadLen(uint16_t function_id);
 // Stores the present adapter state. ORU_STATUS_NULL_POINTER. IPC threads.
 oru_status_t oruZb_doGetAdapterState(oruZb_adapterState_t *state);
 
-// Adapter state machine and bring-up
-extern std::atomic<oruZb_adapterState_t> adapter_state; // written only by oruZb_setAdapterState
-extern oruZb_adapterState_t adapter_state_before_interpan;
-extern std::atomic<oruZbHal_pjoinState_t> zb_pjoin_state;
-extern std::atomic<int32_t> zb_hal_signal; // descriptor the HAL's event loop waits on; -1 none
+// Bring-up
 extern oruZbHal_callbacks_t zb_hal_callbacks;
 
-// 0: the state changed; ORU_STATUS_ALREADY_EXISTS: it was that already, harmless; ORU_STATUS_GENERAL_ERROR: not
-// allowed from the present state, nothing changed. Publishes nothing: that is the caller's.
-oru_status_t oruZb_setAdapterState(oruZb_adapterState_t next_state);
-const char *oruZb_adapterStateName(oruZb_adapterState_t state);            // never null; any thread
-oruOipc_eventId_t oruZb_adapterStateToEventID(oruZb_adapterState_t state); // any thread
-oruZbHal_pjoinState_t oruZb_getPjoinState();                               // any thread
 // Brings the HAL up on the adapter at the device path, which must outlive the call only. ORU_STATUS_GENERAL_ERROR when
 // the adapter is not off or the HAL refuses; the stack reports its progress later. Main thread, before the loop.
 oru_status_t oruZb_halInit(char *device);
 // Turns a report of the stack into state changes and events, the adapter event before the network event. Always 0.
 oru_status_t oruZb_handleStackStatusChange(oruZbHal_stackStatus_t status);
-// Answers an asynchronous client call with a 4-byte status (signed 32-bit, host order). Any thread.
-void oruZb_asyncCallResultCallback(oru_status_t ret, oruOipc_nodeId_t client_id, oruOipc_functionId_t callback_id);
-// Wakes the HAL's event loop with one zero byte; nothing without a descriptor. Any thread.
-void oruZb_signalHalEvent();
 
 // Formation and ping
 // Channels are 11 to 26; bit n of a mask is channel n. Of the asynchronous handlers a refused argument is returned

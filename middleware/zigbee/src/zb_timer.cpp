@@ -6,7 +6,6 @@
 
 oruTimer_t device_announce_timer;
 oruTimer_t service_discovery_timer;
-oruTimer_t qel_ready_timer;
 oruTimer_t device_recovery_timer;
 
 oru_status_t oruZb_timerPostServerMsg(oruZb_msgType_t timer_id) {
@@ -44,13 +43,6 @@ void oruZb_timerServiceDiscoveryCallback(void *) {
 
 void oruZb_timerDeviceRecoveryCallback(void *) {
     postExpiry(__func__, ORU_ZB_SVC_INTERNAL_DEVICE_RECOVERY);
-}
-
-void oruZb_timerCheckQelCallback(void *) {
-    const oruZb_gatePass pass(oruZb_gatePass::For::callback);
-    if (pass) {
-        oruZb_handleQelAccess();
-    }
 }
 
 static oru_status_t newTimer(oruTimer_t *timer, oruTime_timerCallback_t callback) {

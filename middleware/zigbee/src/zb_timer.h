@@ -6,11 +6,11 @@
 // Callbacks run on the platform's timer thread. Three of them only post a message to the main thread; the fourth runs
 // the region access itself. A stopped timer may already have posted: handlers tolerate one late message.
 #pragma once
+#include "zb_region_info.h"
 #include "zb_types.h"
 
 extern oruTimer_t device_announce_timer;   // begin-discovery timer, whatever its name says
 extern oruTimer_t service_discovery_timer; // response time-out of the request under way
-extern oruTimer_t qel_ready_timer;         // retry of the country-code step
 extern oruTimer_t device_recovery_timer;   // next leave request to a device whose discovery failed
 
 // Creates the timers, on the main thread at start-up. 0 or ORU_STATUS_ALREADY_INITIALIZED is success; any other status
@@ -27,4 +27,3 @@ oru_status_t oruZb_timerPostServerMsg(oruZb_msgType_t timer_id);
 void oruZb_timerDeviceAnnounceCallback(void *context);
 void oruZb_timerServiceDiscoveryCallback(void *context);
 void oruZb_timerDeviceRecoveryCallback(void *context);
-void oruZb_timerCheckQelCallback(void *context);

@@ -24,6 +24,8 @@ extern oruMutex_t txn_list_mutex;  // guards the transaction list; device_list_m
 extern oruSemaphore_t zb_post_sem; // free places in the message queue, 40 at start
 extern oruSemaphore_t zb_wait_sem; // posts made; wakes the main loop in non-blocking mode
 
+extern std::atomic<int32_t> zb_hal_signal; // descriptor the HAL's event loop waits on; -1 none
+
 constexpr uint32_t ORU_ZB_MSG_QUEUE_PLACES = 40;
 
 // ---------------------------------------------------------------------------------------------------- message queue
@@ -51,11 +53,15 @@ void oruZb_returnMsgItem(oruZb_msgListItem_t *item);
 uint32_t oruZb_msgCount(oruZb_msgList *head);
 // Whether every place is taken, so that producers wait. Any thread.
 bool oruZb_msgQueueIsFull();
-// Wakes every producer that waits for a place once the intake gate is closed. Only the gate calls it.
+// Wakes every producer that waits for a place once the intake gate is closed. For the gate.
 void oruZb_msgReleaseProducers();
 // list_mutex with the log lines of its failures; operation is the name printed in them.
 oru_status_t oruZb_acquireListMutex(const char *operation);
 oru_status_t oruZb_releaseListMutex(const char *operation);
+// Wakes the HAL's event loop with one zero byte; nothing without a descriptor. Any thread.
+void oruZb_signalHalEvent();
+// True when the HAL handed out an event descriptor: the loop then waits inside the HAL (blocking mode).
+bool oruZb_halUseSingleEventLoop();
 
 // ------------------------------------------------------------------------------------------------- transaction list
 // Main thread, before the first send. ORU_STATUS_GENERAL_ERROR when the mutex cannot be created.
