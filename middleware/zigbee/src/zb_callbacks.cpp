@@ -1,10 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "zb_callbacks.h"
-#include "zb_discovery.h"
+#include "zb_discovery_join.h"
+#include "zb_format.h"
 #include "zb_gate.h"
 #include "zb_log.h"
-#include "zb_server.h"
-#include "zb_util.h"
+#include "zb_queue.h"
+#include "zb_reply.h"
 #include "zb_zdo.h"
 #include <algorithm>
 #include <cstring>

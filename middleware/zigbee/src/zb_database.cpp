@@ -5,8 +5,9 @@
 //
 // Invariants under the mutex: device_count is the number of items; every item came from oruZb_allocMemory.
 // List and store may disagree after a failed write, until that device is written again.
-#include "zb_database.h"
 #include "zb_alloc.h"
+#include "zb_database_kvs.h"
+#include "zb_database_list.h"
 #include "zb_database_lock.h"
 #include <cstring>
 

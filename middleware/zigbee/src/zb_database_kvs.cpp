@@ -5,9 +5,10 @@
 //
 // A store that answers ORU_STATUS_TRY_AGAIN could not read: its devices are there, and are not to be treated as
 // strangers. Then the list is incomplete, and loaded again when somebody asks, until a load was whole.
+#include "zb_database_kvs.h"
 #include "oru_kvs.h"
 #include "oru_time.h"
-#include "zb_database.h"
+#include "zb_database_list.h"
 #include <algorithm>
 #include <cstdio>
 #include <mutex>

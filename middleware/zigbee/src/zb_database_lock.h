@@ -2,7 +2,7 @@
 //
 // Scope guard of device_list_mutex, for the units of the device database.
 #pragma once
-#include "zb_database.h"
+#include "zb_database_list.h"
 
 // Test status() before touching the list. Failures are logged under the name of the operation.
 class deviceListLock {

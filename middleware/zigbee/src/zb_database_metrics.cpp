@@ -2,7 +2,8 @@
 //
 // Latency statistics of the unicasts to each device, and their daily upload to the log. They live in the list items,
 // under device_list_mutex, and are never stored.
-#include "zb_database.h"
+#include "zb_database_metrics.h"
+#include "zb_database_list.h"
 #include "zb_database_lock.h"
 #include <algorithm>
 

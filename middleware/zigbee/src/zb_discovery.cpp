@@ -51,13 +51,17 @@
 // Every change of state but the one to FINISHED goes through oruZb_prepareForDiscoveryState, which restarts the count
 // of retries. Handlers work on a copy of the current node: joins change addresses in the list from another thread.
 #include "oru_time.h"
-#include "zb_database.h"
+#include "zb_database_list.h"
 #include "zb_discovery_internal.h"
+#include "zb_discovery_interview.h"
+#include "zb_discovery_list.h"
+#include "zb_discovery_recovery.h"
+#include "zb_format.h"
 #include "zb_frame.h"
-#include "zb_server.h"
-#include "zb_svc.h"
+#include "zb_queue.h"
+#include "zb_reply.h"
+#include "zb_svc_radio.h"
 #include "zb_timer.h"
-#include "zb_util.h"
 #include "zb_zdo.h"
 #include <algorithm>
 #include <array>

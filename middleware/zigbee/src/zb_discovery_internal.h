@@ -2,7 +2,7 @@
 //
 // What the units of discovery (zb_discovery*.cpp) share and nobody else uses: the lock and the operations under it.
 #pragma once
-#include "zb_discovery.h"
+#include "zb_discovery_list.h"
 #include <mutex>
 #include <type_traits>
 

@@ -19,13 +19,17 @@
 //
 // While the database could not be loaded (database_incomplete) no device counts as unknown: it is neither known nor
 // told to leave.
+#include "zb_discovery_join.h"
 #include "oru_mp.h"
-#include "zb_database.h"
+#include "zb_database_kvs.h"
+#include "zb_database_list.h"
 #include "zb_discovery_internal.h"
+#include "zb_discovery_interview.h"
+#include "zb_discovery_list.h"
 #include "zb_frame.h"
-#include "zb_server.h"
-#include "zb_svc.h"
-#include "zb_util.h"
+#include "zb_queue.h"
+#include "zb_reply.h"
+#include "zb_state.h"
 #include "zb_zdo.h"
 #include "zb_zts.h"
 #include <algorithm>

@@ -7,13 +7,10 @@
 //
 // Both insert at the head, so the device that came last is served first. A device has at most one node in each list;
 // the lists own their nodes. They become initialised with the first insertion.
+#include "zb_discovery_list.h"
 #include "oru_time.h"
 #include "zb_alloc.h"
-#include "zb_database.h"
 #include "zb_discovery_internal.h"
-#include "zb_timer.h"
-#include "zb_util.h"
-#include "zb_zdo.h"
 #include <algorithm>
 #include <cstring>
 #include <utility>

@@ -10,11 +10,13 @@
 //
 // The next device is remembered by its EUI-64: the HAL's callback context may free any node between two runs, and
 // during one. A device that is gone sends the pass back to the head of the list.
+#include "zb_discovery_recovery.h"
 #include "oru_time.h"
 #include "zb_discovery_internal.h"
-#include "zb_svc.h"
+#include "zb_discovery_list.h"
+#include "zb_format.h"
+#include "zb_state.h"
 #include "zb_timer.h"
-#include "zb_util.h"
 #include "zb_zdo.h"
 #include <algorithm>
 #include <array>

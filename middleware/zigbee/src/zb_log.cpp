@@ -2,9 +2,9 @@
 //
 // Counters of the traffic with the radio, logged once a day, and the diagnosis of failed transmissions.
 #include "zb_log.h"
-#include "zb_database.h"
+#include "zb_database_metrics.h"
 #include "zb_gate.h"
-#include "zb_svc.h"
+#include "zb_state.h"
 #include <cstdio>
 
 static constexpr uint32_t DAILY_LOG_PERIOD_MS = 24 * 60 * 60 * 1000;

@@ -8,9 +8,9 @@
 //
 // SIGINT and SIGTERM are the only way from running to stopping. Everything here runs on the main thread.
 #pragma once
+#include "zb_queue.h"
 #include "zb_state.h"
 #include "zb_types.h"
-#include "zb_util.h"
 
 extern char *devicePort; // serial device of the radio adapter, "/dev/ttyUSB0" unless -p names another
 extern oruZb_privateData_t sZBSvcData;

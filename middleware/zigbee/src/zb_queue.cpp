@@ -5,9 +5,9 @@
 // Invariants: places handed out (40 minus the count of zb_post_sem, plus overdraft) = items linked + appends under
 // way. A producer waits for its place before it takes list_mutex, so the main thread can always remove. list_mutex is
 // held for a few pointer operations only and never together with another lock of the service.
+#include "zb_queue.h"
 #include "zb_gate.h"
 #include "zb_svc_pwr.h"
-#include "zb_util.h"
 #include <cerrno>
 #include <thread>
 #include <unistd.h>

@@ -5,8 +5,9 @@
 // queue, never while it waits for its turn or its result: the gate could not empty otherwise.
 #include "zb_server.h"
 #include "zb_gate.h"
-#include "zb_svc.h"
-#include "zb_util.h"
+#include "zb_queue.h"
+#include "zb_reply.h"
+#include "zb_svc_dispatch.h"
 #include <cstdlib>
 #include <cstring>
 #include <mutex>

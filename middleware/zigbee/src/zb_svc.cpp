@@ -5,11 +5,20 @@
 //
 // A message stays the head of the queue while it is handled, so it still occupies its place there, and handlers that
 // post meanwhile see the queue as full as it is.
-#include "zb_svc.h"
-#include "zb_database.h"
-#include "zb_discovery.h"
-#include "zb_server.h"
-#include "zb_util.h"
+#include "zb_database_list.h"
+#include "zb_discovery_interview.h"
+#include "zb_discovery_join.h"
+#include "zb_discovery_recovery.h"
+#include "zb_queue.h"
+#include "zb_reply.h"
+#include "zb_state.h"
+#include "zb_svc_adapter.h"
+#include "zb_svc_command.h"
+#include "zb_svc_dispatch.h"
+#include "zb_svc_interpan.h"
+#include "zb_svc_network.h"
+#include "zb_svc_query.h"
+#include "zb_svc_radio.h"
 #include "zb_zdo.h"
 #include <algorithm>
 #include <array>
@@ -57,6 +66,24 @@ oru_status_t oruZb_handleIncomingZdoMsg(uint16_t cluster_id, uint8_t *message, u
         ZB_LOG_WARN("%s: Unhandled ZDO message %d", ZB_DISCOVERY, cluster_id);
         return ORU_STATUS_NOT_SUPPORTED;
     }
+}
+
+// Manual formation is not among them.
+static constexpr std::array network_messages = {
+    ORU_ZB_SVC_GETNET_INFO,
+    ORU_ZB_SVC_PERMITJOIN_START,
+    ORU_ZB_SVC_PERMITJOIN_STOP,
+    ORU_ZB_SVC_SEND_CLUSTER_CMD,
+    ORU_ZB_SVC_FORMZ3NET_AUTO,
+    ORU_ZB_SVC_CLEAR_NETWORK,
+    ORU_ZB_SVC_SEND_CLUSTER_CMD_ASYNC,
+    ORU_ZB_SVC_SEND_INTERPAN,
+    ORU_ZB_SVC_START_SCAN,
+};
+static_assert(std::is_sorted(network_messages.begin(), network_messages.end()));
+
+bool oruZb_isNetworkMsg(oruZb_msgType_t msg_type) {
+    return std::binary_search(network_messages.begin(), network_messages.end(), msg_type);
 }
 
 namespace {

@@ -1,10 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Bring-up of the HAL, and what the reports of its stack mean for the adapter state and for clients.
+#include "zb_svc_adapter.h"
 #include "zb_callbacks.h"
-#include "zb_server.h"
-#include "zb_svc.h"
-#include "zb_util.h"
+#include "zb_queue.h"
+#include "zb_reply.h"
+#include "zb_state.h"
 
 oruZbHal_callbacks_t zb_hal_callbacks;
 

@@ -6,14 +6,16 @@
 //   client record -> APS frame -> transaction listed -> token -> HAL ... confirmation -> token, latency, event
 //
 // Sends run on the main thread, confirmations in the HAL's context.
+#include "zb_svc_command.h"
 #include "oru_mp.h"
-#include "zb_database.h"
+#include "zb_database_list.h"
+#include "zb_format.h"
 #include "zb_gate.h"
 #include "zb_log.h"
-#include "zb_main.h"
-#include "zb_server.h"
-#include "zb_svc.h"
-#include "zb_util.h"
+#include "zb_queue.h"
+#include "zb_reply.h"
+#include "zb_state.h"
+#include "zb_txn.h"
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>

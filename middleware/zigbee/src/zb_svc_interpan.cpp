@@ -6,11 +6,12 @@
 //   idle --accepted by the HAL [oruZb_doSendInterpan]--> in flight
 //   in flight --completion [oruZb_doSendInterpanCallback]--> idle: saved state restored, event published
 //   in flight --30 s [oruZb_sendInterpanCallbackFail]--> adapter reset; its stack status leads on
+#include "zb_svc_interpan.h"
 #include "zb_callbacks.h"
 #include "zb_gate.h"
 #include "zb_log.h"
-#include "zb_server.h"
-#include "zb_svc.h"
+#include "zb_reply.h"
+#include "zb_state.h"
 #include <cstring>
 
 oruTimer_t interpan_fail_timer;

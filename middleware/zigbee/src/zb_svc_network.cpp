@@ -9,11 +9,12 @@
 //   any state --ZTS disable--------> PJOIN_CLOSED      [oruZb_doZtsDisable]
 //
 // A refusal by the adapter leaves the state as it was. No timer closes joining again.
-#include "zb_discovery.h"
+#include "zb_svc_network.h"
+#include "zb_discovery_list.h"
 #include "zb_region_info.h"
-#include "zb_svc.h"
+#include "zb_reply.h"
+#include "zb_state.h"
 #include "zb_svc_pwr.h"
-#include "zb_util.h"
 #include "zb_zts.h"
 #include <array>
 
@@ -35,6 +36,10 @@ struct channelChoice {
 // 0 for numbers no mask can hold: the adapter refuses an empty mask.
 static constexpr uint32_t channelBit(uint8_t channel) {
     return channel < 32 ? uint32_t{1} << channel : 0;
+}
+
+bool oruZb_isValidZBChannel(uint8_t channel) {
+    return channel >= 11 && channel <= 26;
 }
 
 uint32_t oruZb_createChannelMask(const uint32_t low_channel_to_mask, const uint32_t high_channel_to_mask,

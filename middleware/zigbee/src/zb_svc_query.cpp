@@ -2,9 +2,11 @@
 //
 // Read-only questions of clients. Every handler writes into the caller's buffer in place; the buffer is at least as
 // long as its record, which the dispatcher has checked, or its length comes along.
+#include "zb_svc_query.h"
 #include "zb_alloc.h"
-#include "zb_database.h"
-#include "zb_svc.h"
+#include "zb_database_kvs.h"
+#include "zb_database_list.h"
+#include "zb_reply.h"
 #include <algorithm>
 #include <cstdio>
 #include <cstring>

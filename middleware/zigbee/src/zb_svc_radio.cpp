@@ -2,14 +2,16 @@
 //
 // Radio on and off, transmit power, region, factory reset; leaving: one device, all devices, the coordinator itself.
 // The adapter answers later through its stack status, which moves the adapter state and tells clients.
+#include "zb_svc_radio.h"
 #include "oru_mp.h"
-#include "zb_database.h"
+#include "zb_database_kvs.h"
+#include "zb_database_list.h"
 #include "zb_gate.h"
 #include "zb_log.h"
+#include "zb_queue.h"
 #include "zb_region_info.h"
-#include "zb_server.h"
-#include "zb_svc.h"
-#include "zb_util.h"
+#include "zb_reply.h"
+#include "zb_state.h"
 #include "zb_zdo.h"
 #include <cstdio>
 

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "zb_timer.h"
 #include "zb_gate.h"
+#include "zb_queue.h"
 #include "zb_region_info.h"
-#include "zb_util.h"
 
 oruTimer_t device_announce_timer;
 oruTimer_t service_discovery_timer;

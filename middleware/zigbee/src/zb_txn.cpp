@@ -3,8 +3,8 @@
 // Open send transactions, oldest first. Sends append on the main thread before they hand the frame to the HAL; the
 // HAL's confirmation closes them in its own context. Several transactions may share a cfmId (all synchronous sends
 // have 0, all sends of one client with one callback id are alike): the oldest is closed.
-#include "zb_database.h"
-#include "zb_util.h"
+#include "zb_txn.h"
+#include "zb_database_metrics.h"
 #include <algorithm>
 #include <limits>
 

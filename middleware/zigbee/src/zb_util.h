@@ -1,88 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Message queue, transaction list, memory pools and small formatters.
-//
-// A queued message lives: a producer takes an item (oruZb_takeMsgItem), fills it, posts it (oruZb_postThreadMsg); the
-// main thread handles it while it is still the head of the queue, removes it (oruZb_msgRemoveHead) and returns the item
-// and a payload marked ORU_ZB_SVC_PARAM_IN_POINTER_ALLOCED to their pools. The producer owns both until the post
-// returned 0, the main thread from then on.
-//
-// The queue holds 40 messages; a producer waits for a place. The thread that initialised the queue is its consumer and
-// never waits: it may exceed the 40 (the item pool has 100), and its next removals make up for that before a place is
-// handed to another producer.
+// Message queue, transaction list, memory pools and small helpers.
 #pragma once
-#include "zb_types.h"
-
-extern std::atomic<oruMp_handle_t> mp_zb_msgl_handle; // 100 queue items
-extern std::atomic<oruMp_handle_t> mp_zb_txnl_handle; // 100 transaction items
-extern std::atomic<oruMp_handle_t> mp_zb_var_handle;  // 8192 bytes of message payloads
-
-extern oruZb_msgList *const oruZb_msgListHead;
-extern oruZb_txnList *const oruZb_txnListHead;
-extern oruMutex_t list_mutex;      // guards the links of the message queue; a leaf
-extern oruMutex_t txn_list_mutex;  // guards the transaction list; device_list_mutex may be taken inside it
-extern oruSemaphore_t zb_post_sem; // free places in the message queue, 40 at start
-extern oruSemaphore_t zb_wait_sem; // posts made; wakes the main loop in non-blocking mode
-
-extern std::atomic<int32_t> zb_hal_signal; // descriptor the HAL's event loop waits on; -1 none
-
-constexpr uint32_t ORU_ZB_MSG_QUEUE_PLACES = 40;
-
-// ---------------------------------------------------------------------------------------------------- message queue
-// Main thread, before producers exist. Empties the queue, creates its objects, makes the caller its consumer and opens
-// the intake gate. ORU_STATUS_GENERAL_ERROR when the mutex, the platform's status when a semaphore cannot be created.
-oru_status_t oruZb_msgQueueInit();
-// Main thread. Deletes the queue's objects; waiting producers return. Items still queued are not walked. Always 0.
-oru_status_t oruZb_msgQueueDelete();
-// 0: at least one message; ORU_STATUS_NOT_FOUND: empty; ORU_STATUS_NULL_POINTER; the mutex's status. Any thread.
-oru_status_t oruZb_hasMsg(oruZb_msgList *head);
-// The way in for every producer: appends, logs, wakes the HAL's event loop. 0: the queue owns the item, which must not
-// be touched any more. Otherwise the caller still owns it: ORU_STATUS_NULL_POINTER, ORU_STATUS_CANCELED when the
-// service stops, or the status of a lock or semaphore. Waits while the queue is full; never on the main thread.
-oru_status_t oruZb_postThreadMsg(oruZb_msgListItem_t *item);
-// The append alone, without log line and wake-up of the HAL. Results as above.
-oru_status_t oruZb_msgPut(oruZb_msgList *head, oruZb_msgListItem_t *item);
-// Main thread. Unlinks the first item, without freeing it, and frees its place. ORU_STATUS_NOT_FOUND when there is
-// none (nothing changes then); ORU_STATUS_NULL_POINTER; the status of a mutex that could not be taken (still linked).
-oru_status_t oruZb_msgRemoveHead(oruZb_msgList *head);
-// A cleared queue item of the given type, with no client and no callback; null when the pool is empty. Any thread.
-oruZb_msgListItem_t *oruZb_takeMsgItem(oruZb_msgType_t msg_type);
-// Returns an item that was not queued to its pool, with the pool payload that it may own. Any thread.
-void oruZb_returnMsgItem(oruZb_msgListItem_t *item);
-// Messages in the queue now. Any thread.
-uint32_t oruZb_msgCount(oruZb_msgList *head);
-// Whether every place is taken, so that producers wait. Any thread.
-bool oruZb_msgQueueIsFull();
-// Wakes every producer that waits for a place once the intake gate is closed. For the gate.
-void oruZb_msgReleaseProducers();
-// list_mutex with the log lines of its failures; operation is the name printed in them.
-oru_status_t oruZb_acquireListMutex(const char *operation);
-oru_status_t oruZb_releaseListMutex(const char *operation);
-// Wakes the HAL's event loop with one zero byte; nothing without a descriptor. Any thread.
-void oruZb_signalHalEvent();
-// True when the HAL handed out an event descriptor: the loop then waits inside the HAL (blocking mode).
-bool oruZb_halUseSingleEventLoop();
-
-// ------------------------------------------------------------------------------------------------- transaction list
-// Main thread, before the first send. ORU_STATUS_GENERAL_ERROR when the mutex cannot be created.
-oru_status_t oruZb_txnQueueInit();
-oru_status_t oruZb_txnQueueDelete(); // always 0
-// Appends; the list owns the item when 0 is returned. ORU_STATUS_NULL_POINTER; the mutex's status. Any thread.
-oru_status_t oruZb_txnPut(oruZb_txnList *head, oruZb_txnListItem_t *item);
-// Closes the oldest transaction with this cfmId and returns its item to the pool; any thread. A successful one books
-// its latency (whole milliseconds) to the device and gives oruZb_databaseUpdateItemLatency's status, a failed one gives
-// ORU_STATUS_GENERAL_ERROR; ORU_STATUS_NOT_FOUND when none is open; ORU_STATUS_NULL_POINTER; the mutex's status.
-oru_status_t oruZb_txnRecordItem(oruZb_txnList *head, uint32_t cfmId, oruZbHal_clusterCommandStatus_t status);
-// Takes one item (by address) out of the list and returns it to its pool; ORU_STATUS_NOT_FOUND when it is not listed
-// any more (a confirmation was quicker).
-oru_status_t oruZb_txnRemoveItem(oruZb_txnList *head, const oruZb_txnListItem_t *item);
-
-// ------------------------------------------------------------------------------------------------- small formatters
-// Logs node, profile, cluster, length and as many payload bytes as fit in a line of 128 bytes. tag is ">> " for a
-// frame sent, "<< " for one received. ORU_STATUS_NULL_POINTER; ORU_STATUS_GENERAL_ERROR when formatting fails.
-oru_status_t oruZb_dumpPacket(const char *tag, const oruZb_clusterCmd_t *cmd);
-void oruZb_printEui64(const uint8_t *eui64); // 8 bytes in stored order; null prints nothing
-void oruZb_printDeviceError(const char *text, const uint8_t *eui64);
-bool oruZb_isValidZBChannel(uint8_t channel); // IEEE 802.15.4 2.4 GHz channels, 11 to 26
-// Client messages that need the network and are refused while an inter-PAN exchange owns the radio.
-bool oruZb_isNetworkMsg(oruZb_msgType_t msg_type);
+#include "zb_format.h"
+#include "zb_queue.h"
+#include "zb_svc_dispatch.h"
+#include "zb_svc_network.h"
+#include "zb_txn.h"

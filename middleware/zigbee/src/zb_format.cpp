@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "zb_util.h"
+#include "zb_format.h"
 #include <algorithm>
 #include <array>
 #include <cstdio>
@@ -41,26 +41,4 @@ void oruZb_printEui64(const uint8_t *eui64) {
 void oruZb_printDeviceError(const char *text, const uint8_t *eui64) {
     ZB_LOG_ERROR("%s: <ERROR> %s for device", ZB_SVC, text != nullptr ? text : "");
     oruZb_printEui64(eui64);
-}
-
-bool oruZb_isValidZBChannel(uint8_t channel) {
-    return channel >= 11 && channel <= 26;
-}
-
-// Manual formation is not among them.
-static constexpr std::array network_messages = {
-    ORU_ZB_SVC_GETNET_INFO,
-    ORU_ZB_SVC_PERMITJOIN_START,
-    ORU_ZB_SVC_PERMITJOIN_STOP,
-    ORU_ZB_SVC_SEND_CLUSTER_CMD,
-    ORU_ZB_SVC_FORMZ3NET_AUTO,
-    ORU_ZB_SVC_CLEAR_NETWORK,
-    ORU_ZB_SVC_SEND_CLUSTER_CMD_ASYNC,
-    ORU_ZB_SVC_SEND_INTERPAN,
-    ORU_ZB_SVC_START_SCAN,
-};
-static_assert(std::is_sorted(network_messages.begin(), network_messages.end()));
-
-bool oruZb_isNetworkMsg(oruZb_msgType_t msg_type) {
-    return std::binary_search(network_messages.begin(), network_messages.end(), msg_type);
 }
