@@ -5,7 +5,7 @@
 // A read or write that does not fit makes the cursor fail for good: reads then yield zeros, writes are dropped. A
 // parser so reads all its fields in a row and asks ok() once. The bytes stay with the caller.
 #pragma once
-#include "base/eui64.h"
+#include "eui64.h"
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>

@@ -2,7 +2,7 @@
 //
 // Extended addresses, and what people and logs call them.
 #pragma once
-#include "base/hex.h"
+#include "hex.h"
 #include <algorithm>
 #include <array>
 #include <cstdint>

@@ -9,13 +9,14 @@
 #include "oru_kvs.h"
 #include "oru_time.h"
 #include "zb_database_list.h"
+#include "zb_format.h"
 #include <algorithm>
 #include <cstdio>
 #include <mutex>
 #include <type_traits>
 
 static constexpr char KVS_GROUP[] = "zigbee";
-static constexpr size_t EUI64_TEXT_SIZE = 24; // eight bytes of two digits, seven colons, terminator
+static constexpr size_t EUI64_TEXT_SIZE = sizeof("00:00:00:00:00:00:00:00");
 
 static constexpr int64_t RELOAD_INTERVAL_US = 1'000'000;
 
@@ -60,14 +61,7 @@ oru_status_t oruZb_kvsConvertEUI64ToKey(char *kvs_key, size_t kvs_key_size, cons
     if (!isKeySize(kvs_key_size)) {
         return ORU_STATUS_BAD_PARAM;
     }
-    char text[EUI64_TEXT_SIZE];
-    const int length = snprintf(text, sizeof(text), "%02x:%02x:%02x:%02x:%02x:%02x:%02x:%02x", eui64[0], eui64[1],
-                                eui64[2], eui64[3], eui64[4], eui64[5], eui64[6], eui64[7]);
-    if (length < 0 || static_cast<size_t>(length) >= sizeof(text)) {
-        ZB_LOG_ERROR("%s: %s: Failed to convert EUI64 to string format, status:%d", ZB_DATABASE, __func__, length);
-        return ORU_STATUS_GENERAL_ERROR;
-    }
-    return oruZb_kvsConvertNameToKey(kvs_key, kvs_key_size, KVS_GROUP, text);
+    return oruZb_kvsConvertNameToKey(kvs_key, kvs_key_size, KVS_GROUP, eui64Text(eui64).c_str());
 }
 
 oru_status_t oruZb_kvsAddOrUpdateDeviceInfo(oruZb_device_t *device) {

@@ -66,7 +66,6 @@
 #include <algorithm>
 #include <array>
 #include <bit>
-#include <cstdio>
 
 static constexpr uint8_t MAX_REQUEST_RETRIES = 3;
 static constexpr uint8_t MAX_PARSED_CLUSTERS = 37;  // ids per list of a simple descriptor
@@ -598,10 +597,7 @@ oru_status_t oruZb_notifyDeviceDiscovered(oruZbHal_deviceInfo_t *device) {
     oruZb_publishEvent(ORU_ZB_SVC_DEVICE_DISCOVERED, &record, sizeof(record));
     oruZb_databasePrintDevices();
     const uint32_t joining = countDiscovered();
-    const uint8_t *eui64 = record.device_info.eui64;
-    char oui[7];
-    (void)snprintf(oui, sizeof(oui), "%2.2x%2.2x%2.2x", eui64[0], eui64[1], eui64[2]);
-    ZB_LOG_INFO("%s: zb_db_add, EUI:%s", ZB_METRICS, oui);
+    ZB_LOG_INFO("%s: zb_db_add, EUI:%s", ZB_METRICS, ouiText(record.device_info.eui64).c_str());
     ZB_LOG_INFO("%s: %s(): Device discovered notification, join failure count : %d", ZB_DISCOVERY, __func__,
                 static_cast<int>(joining));
     return status;

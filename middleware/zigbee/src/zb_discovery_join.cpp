@@ -26,6 +26,7 @@
 #include "zb_discovery_internal.h"
 #include "zb_discovery_interview.h"
 #include "zb_discovery_list.h"
+#include "zb_format.h"
 #include "zb_frame.h"
 #include "zb_queue.h"
 #include "zb_reply.h"
@@ -33,20 +34,9 @@
 #include "zb_zdo.h"
 #include "zb_zts.h"
 #include <algorithm>
-#include <cstdio>
 
 static constexpr char TRUST_CENTER_HANDLER[] = "oruZb_handleTrustCenterCallback"; // name in the log of its branches
 static constexpr uint8_t UNKNOWN_CAPABILITIES = 0; // until the announce; counts as sleepy
-
-struct metricsText {
-    char oui[7]; // the first three bytes of an EUI-64 in hexadecimal
-};
-
-static metricsText ouiText(const uint8_t *eui64) {
-    metricsText text{};
-    (void)snprintf(text.oui, sizeof(text.oui), "%2.2x%2.2x%2.2x", eui64[0], eui64[1], eui64[2]);
-    return text;
-}
 
 bool oruZb_ignoreDeviceForDiscovery(uint8_t *mac_address) {
     return oruZb_getPjoinState() == ORU_ZB_HAL_STATE_ZTS_PJOIN_OPEN && !oruZb_ztsOnAllowlist(mac_address);
@@ -198,7 +188,7 @@ static void handleUnsecuredJoin(oruZb_device_t &device) {
     device_fail_to_join_counter.fetch_add(1);
     oruZb_scheduleBeginDiscovery(DISCOVERY_WAIT_MS);
     oruZb_publishEvent(ORU_ZB_SVC_DEVICE_JOINED, &device, sizeof(device));
-    ZB_LOG_INFO("%s: zb_trustcenter_join:,EUI:%s", ZB_METRICS, ouiText(eui64).oui);
+    ZB_LOG_INFO("%s: zb_trustcenter_join:,EUI:%s", ZB_METRICS, ouiText(eui64).c_str());
     if (oruZb_findNodeFailedDiscoveryList(eui64) != nullptr) {
         deleteFailedDevice(eui64);
     }
@@ -306,5 +296,5 @@ void oruZb_handleDeviceAnnounce(uint8_t *message, uint16_t length) {
     if (item != nullptr && makeReadyIfNew(item)) {
         oruZb_scheduleBeginDiscovery(0);
     }
-    ZB_LOG_INFO("%s: zb_device_announce, EUI:%s", ZB_METRICS, ouiText(eui64).oui);
+    ZB_LOG_INFO("%s: zb_device_announce, EUI:%s", ZB_METRICS, ouiText(eui64).c_str());
 }

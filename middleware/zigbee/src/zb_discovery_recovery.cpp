@@ -136,8 +136,7 @@ void oruZb_handleDeviceRecovery() {
     }
 }
 
-// ----------------------------------------------------------------------------------------------- devices that keep
-// failing
+// ---------------------------------------------------------------------------------------- devices that keep failing
 struct failureHistory {
     oruZbHal_eui64_t eui64;
     uint32_t failures;
@@ -171,8 +170,7 @@ void oruZb_noteFailedDiscovery(const uint8_t *eui64) {
         return;
     }
     history.told_s = now_s;
-    ZB_LOG_WARN("%s: device %02x:%02x:%02x:%02x:%02x:%02x:%02x:%02x comes back but never answers, %u failures so far, "
+    ZB_LOG_WARN("%s: device %s comes back but never answers, %u failures so far, "
                 "and holds up the discovery of others: stop joining, or reset the device or switch it off",
-                ZB_DISCOVERY, eui64[0], eui64[1], eui64[2], eui64[3], eui64[4], eui64[5], eui64[6], eui64[7],
-                history.failures);
+                ZB_DISCOVERY, eui64Text(eui64).c_str(), history.failures);
 }

@@ -226,10 +226,9 @@ uint16_t deviceIdOf(const oruZb_device_t &device, uint8_t endpoint) {
 void logFailedCommand(uint16_t destination, uint8_t endpoint, oruZbHal_clusterCommandStatus_t status) {
     oruZb_device_t device{};
     if (oruZb_databaseGetDevice(destination, &device) == ORU_STATUS_OK) {
-        const uint8_t *eui64 = device.device_info.eui64;
         char text[32];
-        (void)snprintf(text, sizeof text, "%02x-%2.2x%2.2x%2.2x-%04x", static_cast<unsigned>(status), eui64[0],
-                       eui64[1], eui64[2], deviceIdOf(device, endpoint));
+        (void)snprintf(text, sizeof text, "%02x-%s-%04x", static_cast<unsigned>(status),
+                       ouiText(device.device_info.eui64).c_str(), deviceIdOf(device, endpoint));
         ZB_LOG_INFO("%s: zb_zcl_command_failed, device info:%s", ZB_METRICS, text);
     }
     oruZb_logTxError(status);

@@ -6,6 +6,7 @@
 #include "oru_mp.h"
 #include "zb_database_kvs.h"
 #include "zb_database_list.h"
+#include "zb_format.h"
 #include "zb_gate.h"
 #include "zb_log.h"
 #include "zb_queue.h"
@@ -205,8 +206,5 @@ void oruZb_handleDeviceLeft(uint8_t *eui64) {
         return;
     }
     (void)oruZb_publishEvent(ORU_ZB_SVC_DEVICE_LEFT, &device, sizeof device); // logged there
-    char oui[8];
-    (void)snprintf(oui, sizeof oui, "%2.2x%2.2x%2.2x", device.device_info.eui64[0], device.device_info.eui64[1],
-                   device.device_info.eui64[2]);
-    ZB_LOG_INFO("%s: zb_db_remove, EUI:%s", ZB_METRICS, oui);
+    ZB_LOG_INFO("%s: zb_db_remove, EUI:%s", ZB_METRICS, ouiText(device.device_info.eui64).c_str());
 }
