@@ -22,14 +22,18 @@ void oruZb_halInitCallbacks(oruZbHal_callbacks_t *zb_hal_callbacks) {
     zb_hal_callbacks->trust_center_callback = oruZb_trustCenterJoinCallback;
 }
 
-// An item whose record is zero but for its type: HAL reports name no client, not even "none".
-static oruZb_msgListItem_t *takeReportItem(oruZb_msgType_t msg_type) {
-    oruZb_msgListItem_t *const item = oruZb_takeMsgItem(msg_type);
-    if (item != nullptr) {
-        item->data.callback_client_id = 0;
-        item->data.callback_id = 0;
-    }
-    return item;
+// A report is nobody's call: its record is zero but for its type and what was reported.
+static void clearCaller(oruZb_msgData_t &msg) {
+    msg.callback_client_id = 0;
+    msg.callback_id = 0;
+}
+
+static PostResult postReport(oruZb_msgType_t msg_type, uint32_t value) {
+    return postMessage(msg_type, [value](oruZb_msgData_t &msg) {
+        clearCaller(msg);
+        msg.msg_value32 = value;
+        return ORU_STATUS_OK;
+    });
 }
 
 void oruZb_stackStatusCallback(oruZbHal_stackStatus_t status) {
@@ -38,16 +42,12 @@ void oruZb_stackStatusCallback(oruZbHal_stackStatus_t status) {
         return;
     }
     ZB_LOG_INFO("^F|^%s^^ %s: %s(): status %d stack status: %d", ZB_HAL_PEER, ZB_SVC, __func__, 0, status);
-    oruZb_msgListItem_t *const item = takeReportItem(ORU_ZB_SVC_INTERNAL_STACK_STATUS_CHANGE);
-    if (item == nullptr) {
+    const PostResult report = postReport(ORU_ZB_SVC_INTERNAL_STACK_STATUS_CHANGE, static_cast<uint32_t>(status));
+    if (report.step == PostStep::no_item) {
         ZB_LOG_ERROR("%s: item oruMP_alloc/(mp_zb_msgl_handle/) failed.", ZB_SVC);
-        return;
-    }
-    item->data.msg_value32 = static_cast<uint32_t>(status);
-    const oru_status_t posted = oruZb_postThreadMsg(item);
-    if (posted != ORU_STATUS_OK) {
-        oruZb_returnMsgItem(item);
-        ZB_LOG_ERROR("%s: Error: %s() cannot post stack callback msg to mainthread %d", ZB_SVC, __func__, posted);
+    } else if (report.step == PostStep::refused) {
+        ZB_LOG_ERROR("%s: Error: %s() cannot post stack callback msg to mainthread %d", ZB_SVC, __func__,
+                     report.status);
     }
 }
 
@@ -102,39 +102,19 @@ static oruZb_incomingStackMsg_t *copyIncomingMsg(const oruZbHal_incomingMessage_
     return copy;
 }
 
-static bool queueZdoMsg(const oruZbHal_incomingMessage_t *msg, const char *operation) {
-    ZB_LOG_INFO("^F|^%s^^ %s: %s(): status %d profile_id %d", ZB_HAL_PEER, ZB_SVC, operation, 0,
-                msg->aps_frame->profile_id);
-    oruZb_msgListItem_t *const item = takeReportItem(ORU_ZB_SVC_INTERNAL_INCOMING_ZDO_MESSAGE);
-    if (item == nullptr) {
-        ZB_LOG_ERROR("%s: %s(): item oruMP_alloc(mp_zb_msgl_handle) failed.", ZB_SVC, operation);
-        return false;
-    }
-    size_t size = 0;
-    item->data.incoming_msg = copyIncomingMsg(msg, &size);
-    if (item->data.incoming_msg == nullptr) {
-        oruZb_returnMsgItem(item);
-        ZB_LOG_ERROR("%s: %s(): msg_data oruMP_allocSize(mp_zb_var_handle) failed.", ZB_SVC, operation);
-        return false;
-    }
-    item->data.msg_data_len = static_cast<uint32_t>(size);
-    item->data.param_type = ORU_ZB_SVC_PARAM_IN_POINTER_ALLOCED;
-    const oru_status_t posted = oruZb_postThreadMsg(item);
-    if (posted != ORU_STATUS_OK) {
-        oruZb_returnMsgItem(item);
-        ZB_LOG_ERROR("%s: Error: %s() cannot post msg to mainthread %d", ZB_SVC, operation, posted);
-        return false;
-    }
-    return true;
+static PostResult queueZdoMsg(const oruZbHal_incomingMessage_t *msg) {
+    return postMessage(ORU_ZB_SVC_INTERNAL_INCOMING_ZDO_MESSAGE, [msg](oruZb_msgData_t &data) {
+        size_t size = 0;
+        clearCaller(data);
+        data.incoming_msg = copyIncomingMsg(msg, &size);
+        data.msg_data_len = static_cast<uint32_t>(size);
+        data.param_type = ORU_ZB_SVC_PARAM_IN_POINTER_ALLOCED;
+        return data.incoming_msg != nullptr ? ORU_STATUS_OK : ORU_STATUS_OUT_OF_MEMORY;
+    });
 }
 
-static void publishIncomingMsg(const oruZbHal_incomingMessage_t *msg, const char *operation) {
-    uint16_t len = presentLength(msg);
-    if (len > ORU_ZB_MAX_PAYLOAD) {
-        ZB_LOG_WARN("%s: %s(): message of %d bytes from 0x%4.4x cut to %d", ZB_SVC, operation, len, msg->source,
-                    ORU_ZB_MAX_PAYLOAD);
-        len = ORU_ZB_MAX_PAYLOAD;
-    }
+static void publishIncomingMsg(const oruZbHal_incomingMessage_t *msg) {
+    const uint16_t len = std::min(presentLength(msg), ORU_ZB_MAX_PAYLOAD);
     oruZb_clusterCmd_t record{};
     record.src_node = msg->source;
     record.cluster_id = msg->aps_frame->cluster_id;
@@ -167,9 +147,22 @@ bool oruZb_stackIncomingMsgCallback(const oruZbHal_incomingMessage_t *msg) {
     }
     oruZb_incApiRxCount();
     if (aps->profile_id == ZDO_PROFILE_ID && oruZb_isInternalZdoMessage(aps->cluster_id)) {
-        return queueZdoMsg(msg, __func__);
+        ZB_LOG_INFO("^F|^%s^^ %s: %s(): status %d profile_id %d", ZB_HAL_PEER, ZB_SVC, __func__, 0, aps->profile_id);
+        const PostResult queued = queueZdoMsg(msg);
+        if (queued.step == PostStep::no_item) {
+            ZB_LOG_ERROR("%s: %s(): item oruMP_alloc(mp_zb_msgl_handle) failed.", ZB_SVC, __func__);
+        } else if (queued.step == PostStep::not_filled) {
+            ZB_LOG_ERROR("%s: %s(): msg_data oruMP_allocSize(mp_zb_var_handle) failed.", ZB_SVC, __func__);
+        } else if (queued.step == PostStep::refused) {
+            ZB_LOG_ERROR("%s: Error: %s() cannot post msg to mainthread %d", ZB_SVC, __func__, queued.status);
+        }
+        return queued.step == PostStep::posted;
     }
-    publishIncomingMsg(msg, __func__);
+    if (presentLength(msg) > ORU_ZB_MAX_PAYLOAD) {
+        ZB_LOG_WARN("%s: %s(): message of %d bytes from 0x%4.4x cut to %d", ZB_SVC, __func__, presentLength(msg),
+                    msg->source, ORU_ZB_MAX_PAYLOAD);
+    }
+    publishIncomingMsg(msg);
     return true;
 }
 
@@ -210,14 +203,10 @@ void oruZb_sendInterpanCallback(oru_status_t status) {
     }
     ZB_LOG(status == ORU_STATUS_OK ? ORU_LOG_INFO : ORU_LOG_ERROR, "^F|^%s^^ %s: %s(): status %d ", ZB_HAL_PEER, ZB_SVC,
            __func__, status);
-    oruZb_msgListItem_t *const item = takeReportItem(ORU_ZB_SVC_INTERNAL_SEND_INTERPAN_CALLBACK);
-    if (item == nullptr) {
+    const PostResult report = postReport(ORU_ZB_SVC_INTERNAL_SEND_INTERPAN_CALLBACK, static_cast<uint32_t>(status));
+    if (report.step == PostStep::no_item) {
         ZB_LOG_ERROR("%s: item oruMP_alloc/(mp_zb_msgl_handle/) failed.", ZB_SVC);
-        return;
-    }
-    item->data.msg_value32 = static_cast<uint32_t>(status);
-    if (oruZb_postThreadMsg(item) != ORU_STATUS_OK) {
-        oruZb_returnMsgItem(item);
+    } else if (report.step == PostStep::refused) {
         ZB_LOG_ERROR("%s: Error: %s() cannot post msg to mainthread", ZB_SVC, __func__);
     }
 }

@@ -97,17 +97,13 @@ static uint32_t answered_slots;
 
 // --------------------------------------------------------------------------------------------- messages and scheduling
 oru_status_t oruZb_discoveryPostServerMsg(oruZb_msgType_t function_id) {
-    oruZb_msgListItem_t *item = oruZb_takeMsgItem(function_id);
-    if (item == nullptr) {
+    const PostResult result = postMessage(function_id);
+    if (result.step == PostStep::no_item) {
         ZB_LOG_ERROR("%s: item oruMP_alloc/(mp_zb_msgl_handle/) failed.", ZB_DISCOVERY);
-        return ORU_STATUS_OUT_OF_MEMORY;
+    } else if (result.step == PostStep::refused) {
+        ZB_LOG_ERROR("%s: Error: %s cannot post msg to mainthread %d", ZB_DISCOVERY, __func__, result.status);
     }
-    const oru_status_t status = oruZb_postThreadMsg(item);
-    if (status != ORU_STATUS_OK) {
-        oruZb_returnMsgItem(item);
-        ZB_LOG_ERROR("%s: Error: %s cannot post msg to mainthread %d", ZB_DISCOVERY, __func__, status);
-    }
-    return status;
+    return result.status;
 }
 
 void oruZb_scheduleBeginDiscovery(int timeout_ms) {

@@ -43,39 +43,33 @@ bool oruZb_ignoreDeviceForDiscovery(uint8_t *mac_address) {
 }
 
 // ---------------------------------------------------------------------------------------------- stale database entries
-static oruZb_nodeInfo_t *newDeviceLeftPayload(const oruZb_device_t *device) {
+static oru_status_t fillDeviceLeft(oruZb_msgData_t &msg, const oruZb_device_t &device) {
     auto *payload = static_cast<oruZb_nodeInfo_t *>(oruMp_allocSize(mp_zb_var_handle, sizeof(oruZb_nodeInfo_t)));
-    if (payload != nullptr) {
-        *payload = oruZb_nodeInfo_t{};
-        payload->id = device->node_id;
-        std::copy_n(device->device_info.eui64, sizeof(oruZbHal_eui64_t), payload->device_info.eui64);
+    if (payload == nullptr) {
+        return ORU_STATUS_OUT_OF_MEMORY;
     }
-    return payload;
+    *payload = oruZb_nodeInfo_t{};
+    payload->id = device.node_id;
+    std::copy_n(device.device_info.eui64, sizeof(oruZbHal_eui64_t), payload->device_info.eui64);
+    msg.param_type = ORU_ZB_SVC_PARAM_IN_POINTER_ALLOCED;
+    msg.msg_data_ptr = payload;
+    return ORU_STATUS_OK;
 }
 
 oru_status_t oruZb_postDeviceLeftToMsgQueue(oruZb_device_t *device) {
     if (device == nullptr) {
         return ORU_STATUS_NULL_POINTER;
     }
-    oruZb_msgListItem_t *item = oruZb_takeMsgItem(ORU_ZB_SVC_INTERNAL_DEVICE_LEFT);
-    if (item == nullptr) {
+    const PostResult result = postMessage(ORU_ZB_SVC_INTERNAL_DEVICE_LEFT,
+                                          [device](oruZb_msgData_t &msg) { return fillDeviceLeft(msg, *device); });
+    if (result.step == PostStep::no_item) {
         ZB_LOG_ERROR("%s: %s: oruMP_alloc failed.", ZB_DISCOVERY, __func__);
-        return ORU_STATUS_OUT_OF_MEMORY;
-    }
-    oruZb_nodeInfo_t *payload = newDeviceLeftPayload(device);
-    if (payload == nullptr) {
-        oruZb_returnMsgItem(item);
+    } else if (result.step == PostStep::not_filled) {
         ZB_LOG_ERROR("%s: %s: oruMP_allocSize failed", ZB_DISCOVERY, __func__);
-        return ORU_STATUS_OUT_OF_MEMORY;
+    } else if (result.step == PostStep::refused) {
+        ZB_LOG_ERROR("%s: %s(): failed to post msg to mainthread %d", ZB_DISCOVERY, __func__, result.status);
     }
-    item->data.param_type = ORU_ZB_SVC_PARAM_IN_POINTER_ALLOCED;
-    item->data.msg_data_ptr = payload;
-    const oru_status_t status = oruZb_postThreadMsg(item);
-    if (status != ORU_STATUS_OK) {
-        oruZb_returnMsgItem(item);
-        ZB_LOG_ERROR("%s: %s(): failed to post msg to mainthread %d", ZB_DISCOVERY, __func__, status);
-    }
-    return status;
+    return result.status;
 }
 
 // A device that joins afresh while the database still holds it. Its old record is removed on the main thread, later,

@@ -14,12 +14,12 @@
 
 namespace {
 
-enum class GateState { never_opened, open, closed };
+enum class GateState { not_opened_yet, open, closed };
 
 struct Gate {
     std::mutex mutex; // guards inside, release_waiting and changes of state; a leaf
     std::condition_variable emptied;
-    std::atomic<GateState> state{GateState::never_opened};
+    std::atomic<GateState> state{GateState::not_opened_yet};
     uint32_t inside = 0;                 // passes held
     void (*release_waiting)() = nullptr; // of whoever opened it
 };

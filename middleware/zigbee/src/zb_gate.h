@@ -3,7 +3,7 @@
 // Intake gate: the one door through which other threads (IPC, HAL callbacks, timers) reach the queue, the pools and
 // the lists. Shut-down closes it first, waits for the threads inside, and then may take everything down.
 //
-//   never opened --oruZb_gateOpen--> open --oruZb_gateClose--> closed --oruZb_gateOpen--> open (a new start)
+//   not opened yet --oruZb_gateOpen--> open --oruZb_gateClose--> closed --oruZb_gateOpen--> open (a new start)
 //
 // Before the first opening HAL and timer callbacks pass (there are none then), client calls do not.
 // A thread may hold several passes at once: join handling called from a HAL callback, for instance.

@@ -43,6 +43,42 @@ oru_status_t oruZb_msgRemoveHead(oruZb_msgList *head);
 oruZb_msgListItem_t *oruZb_takeMsgItem(oruZb_msgType_t msg_type);
 // Returns an item that was not queued to its pool, with the pool payload that it may own. Any thread.
 void oruZb_returnMsgItem(oruZb_msgListItem_t *item);
+
+// What became of a message, for the log line of whoever posted it.
+enum class PostStep {
+    posted,
+    no_item,    // the item pool is empty: ORU_STATUS_OUT_OF_MEMORY
+    not_filled, // the payload could not be made: the status of the filler
+    refused     // by the queue: the status of oruZb_postThreadMsg
+};
+struct PostResult {
+    PostStep step;
+    oru_status_t status; // 0 when posted
+};
+
+// Takes an item, has fill(oruZb_msgData_t &) complete it (0: go on), and posts it; whatever was taken goes back when
+// that fails. Any thread; logs nothing but the post itself.
+template <typename Fill>
+PostResult postMessage(oruZb_msgType_t msg_type, Fill fill) {
+    oruZb_msgListItem_t *const item = oruZb_takeMsgItem(msg_type);
+    if (item == nullptr) {
+        return {PostStep::no_item, ORU_STATUS_OUT_OF_MEMORY};
+    }
+    PostResult result{PostStep::not_filled, fill(item->data)};
+    if (result.status == ORU_STATUS_OK) {
+        result.status = oruZb_postThreadMsg(item);
+        result.step = result.status == ORU_STATUS_OK ? PostStep::posted : PostStep::refused;
+    }
+    if (result.step != PostStep::posted) {
+        oruZb_returnMsgItem(item);
+    }
+    return result;
+}
+// A message that says everything by its type.
+inline PostResult postMessage(oruZb_msgType_t msg_type) {
+    return postMessage(msg_type, [](oruZb_msgData_t &) { return ORU_STATUS_OK; });
+}
+
 // Messages in the queue now. Any thread.
 uint32_t oruZb_msgCount(oruZb_msgList *head);
 // Whether every place is taken, so that producers wait. Any thread.

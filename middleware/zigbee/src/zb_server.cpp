@@ -17,6 +17,10 @@ oruSemaphore_t sync_call_sem;
 // One synchronous call at a time between post and result. Outermost lock; the main thread never takes it.
 static std::mutex sync_call_mutex;
 
+// Names in the log of what their parts do.
+static constexpr char SEND_SERVER_MSG[] = "oruZb_sendServerMsg";
+static constexpr char ASYNC_HANDLER[] = "oruZb_asyncOipcHandler";
+
 void oruZb_serverInit() {
     oruOipc_serverConfig_t config{};
     config.service_uuid = ORU_OIPC_UUID_ZIGBEE;
@@ -148,15 +152,15 @@ oru_status_t oruZb_syncOipcHandler(oruOipc_parameter_t *task) {
     return result;
 }
 
-static oru_status_t checkSyncTask(const oruOipc_parameter_t *task, const char *operation) {
+static oru_status_t checkSyncTask(const oruOipc_parameter_t *task) {
     if (task == nullptr) {
-        ZB_LOG_ERROR("%s: Error: %s() task pointer is NULL!", ZB_SVC, operation);
+        ZB_LOG_ERROR("%s: Error: %s() task pointer is NULL!", ZB_SVC, SEND_SERVER_MSG);
     } else if (task->buffer == nullptr) {
-        ZB_LOG_ERROR("%s: Error: %s() task buffer pointer is NULL!", ZB_SVC, operation);
+        ZB_LOG_ERROR("%s: Error: %s() task buffer pointer is NULL!", ZB_SVC, SEND_SERVER_MSG);
     } else if (task->data_length == nullptr) {
-        ZB_LOG_ERROR("%s: Error: %s() task data_length pointer is NULL!", ZB_SVC, operation);
+        ZB_LOG_ERROR("%s: Error: %s() task data_length pointer is NULL!", ZB_SVC, SEND_SERVER_MSG);
     } else if (task->status == nullptr) {
-        ZB_LOG_ERROR("%s: Error: %s() task status pointer is NULL!", ZB_SVC, operation);
+        ZB_LOG_ERROR("%s: Error: %s() task status pointer is NULL!", ZB_SVC, SEND_SERVER_MSG);
     } else {
         return ORU_STATUS_OK;
     }
@@ -164,15 +168,15 @@ static oru_status_t checkSyncTask(const oruOipc_parameter_t *task, const char *o
 }
 
 // An item that points at the caller's own buffer and status; on failure null, with the reason in *status.
-static oruZb_msgListItem_t *takeSyncItem(oruOipc_parameter_t *task, const char *operation, oru_status_t *status) {
+static oruZb_msgListItem_t *takeSyncItem(oruOipc_parameter_t *task, oru_status_t *status) {
     const oruZb_gatePass pass(oruZb_gatePass::For::client_call);
     if (!pass) {
-        *status = refusedByGate(operation);
+        *status = refusedByGate(SEND_SERVER_MSG);
         return nullptr;
     }
     oruZb_msgListItem_t *const item = oruZb_takeMsgItem(static_cast<oruZb_msgType_t>(task->function_id));
     if (item == nullptr) {
-        ZB_LOG_ERROR("%s: Error: %s() item oruMP_alloc/(mp_zb_msgl_handle/) failed.", ZB_SVC, operation);
+        ZB_LOG_ERROR("%s: Error: %s() item oruMP_alloc/(mp_zb_msgl_handle/) failed.", ZB_SVC, SEND_SERVER_MSG);
         *status = ORU_STATUS_OUT_OF_MEMORY;
         return nullptr;
     }
@@ -184,11 +188,11 @@ static oruZb_msgListItem_t *takeSyncItem(oruOipc_parameter_t *task, const char *
 }
 
 oru_status_t oruZb_sendServerMsg(oruOipc_parameter_t *task) {
-    oru_status_t status = checkSyncTask(task, __func__);
+    oru_status_t status = checkSyncTask(task);
     if (status != ORU_STATUS_OK) {
         return status;
     }
-    oruZb_msgListItem_t *const item = takeSyncItem(task, __func__, &status);
+    oruZb_msgListItem_t *const item = takeSyncItem(task, &status);
     if (item == nullptr) {
         return status;
     }
@@ -245,7 +249,7 @@ static bool hasPayload(const oruOipc_parameter_t *task) {
 }
 
 // Gives the message what its function takes along: a copy, a value or nothing.
-static oru_status_t fillAsyncPayload(oruZb_msgData_t *msg, const oruOipc_parameter_t *task, const char *operation) {
+static oru_status_t fillAsyncPayload(oruZb_msgData_t *msg, const oruOipc_parameter_t *task) {
     switch (task->function_id) {
     case ORU_ZB_SVC_FORMZ3NET_AUTO:
     case ORU_ZB_SVC_SEND_CLUSTER_CMD_ASYNC:
@@ -264,27 +268,27 @@ static oru_status_t fillAsyncPayload(oruZb_msgData_t *msg, const oruOipc_paramet
         msg->param_type = ORU_ZB_SVC_OIPC_PARAM_OUT_POINTER;
         return ORU_STATUS_OK;
     default: // the functions without payload
-        ZB_LOG_WARN("%s: %s(): Unknown parameter type!", ZB_SVC, operation);
+        ZB_LOG_WARN("%s: %s(): Unknown parameter type!", ZB_SVC, ASYNC_HANDLER);
         return ORU_STATUS_OK;
     }
 }
 
-static oru_status_t checkAsyncTask(const oruOipc_parameter_t *task, const char *operation) {
+static oru_status_t checkAsyncTask(const oruOipc_parameter_t *task) {
     if (task == nullptr) {
-        ZB_LOG_ERROR("%s: Error: %s() task pointer is NULL!", ZB_SVC, operation);
+        ZB_LOG_ERROR("%s: Error: %s() task pointer is NULL!", ZB_SVC, ASYNC_HANDLER);
         return ORU_STATUS_NULL_POINTER;
     }
     if (task->status == nullptr) {
-        ZB_LOG_ERROR("%s: Error: %s() task status pointer is NULL!", ZB_SVC, operation);
+        ZB_LOG_ERROR("%s: Error: %s() task status pointer is NULL!", ZB_SVC, ASYNC_HANDLER);
         return ORU_STATUS_NULL_POINTER;
     }
     if (!isValidAsyncFunc(task->function_id)) {
-        ZB_LOG_ERROR("%s: Error: %s() invalid async function_id %d", ZB_SVC, operation, task->function_id);
+        ZB_LOG_ERROR("%s: Error: %s() invalid async function_id %d", ZB_SVC, ASYNC_HANDLER, task->function_id);
         *task->status = static_cast<uint32_t>(ORU_STATUS_BAD_PARAM);
         return ORU_STATUS_BAD_PARAM;
     }
     if (hasPayload(task) && tooShort(task)) {
-        ZB_LOG_ERROR("%s: Error: %s() async function_id %d: payload of %u bytes is too short", ZB_SVC, operation,
+        ZB_LOG_ERROR("%s: Error: %s() async function_id %d: payload of %u bytes is too short", ZB_SVC, ASYNC_HANDLER,
                      task->function_id, *task->data_length);
         return ORU_STATUS_DATA_LEN_INVALID;
     }
@@ -292,7 +296,7 @@ static oru_status_t checkAsyncTask(const oruOipc_parameter_t *task, const char *
 }
 
 oru_status_t oruZb_asyncOipcHandler(oruOipc_parameter_t *task) {
-    oru_status_t status = checkAsyncTask(task, __func__);
+    oru_status_t status = checkAsyncTask(task);
     if (status != ORU_STATUS_OK) {
         return status;
     }
@@ -301,24 +305,22 @@ oru_status_t oruZb_asyncOipcHandler(oruOipc_parameter_t *task) {
     if (!pass) {
         return refusedByGate(__func__);
     }
-    oruZb_msgListItem_t *const item = oruZb_takeMsgItem(static_cast<oruZb_msgType_t>(function_id));
-    if (item == nullptr) {
+    const PostResult result = postMessage(static_cast<oruZb_msgType_t>(function_id), [task](oruZb_msgData_t &msg) {
+        msg.callback_client_id = task->client_id;
+        msg.callback_id = task->callback_id;
+        const oru_status_t filled = fillAsyncPayload(&msg, task);
+        if (filled == ORU_STATUS_OK) {
+            ZB_LOG_INFO("%s: Debug: %s() async function_id 0x%x to be posted to main loop", ZB_SVC, ASYNC_HANDLER,
+                        task->function_id);
+        }
+        return filled;
+    });
+    if (result.step == PostStep::no_item) {
         ZB_LOG_ERROR("%s: item oruMP_alloc/(mp_zb_msgl_handle/) failed.", ZB_SVC);
-        return ORU_STATUS_OUT_OF_MEMORY;
-    }
-    item->data.callback_client_id = task->client_id;
-    item->data.callback_id = task->callback_id;
-    status = fillAsyncPayload(&item->data, task, __func__);
-    if (status != ORU_STATUS_OK) {
-        oruZb_returnMsgItem(item);
+    } else if (result.step == PostStep::not_filled) {
         ZB_LOG_ERROR("%s: Debug: %s() async function_id 0x%x Failed to be copied", ZB_SVC, __func__, function_id);
-        return status;
+    } else if (result.step == PostStep::refused) {
+        ZB_LOG_ERROR("%s: Error: %s() cannot post msg to mainthread %d ", ZB_SVC, __func__, result.status);
     }
-    ZB_LOG_INFO("%s: Debug: %s() async function_id 0x%x to be posted to main loop", ZB_SVC, __func__, function_id);
-    status = oruZb_postThreadMsg(item);
-    if (status != ORU_STATUS_OK) {
-        oruZb_returnMsgItem(item);
-        ZB_LOG_ERROR("%s: Error: %s() cannot post msg to mainthread %d ", ZB_SVC, __func__, status);
-    }
-    return status;
+    return result.status;
 }

@@ -369,13 +369,7 @@ void releasePayload(oruZb_msgData_t &msg) {
     }
 }
 
-// A handled message that could not be unlinked points here: only its removal is tried again.
-oru_status_t handled_mark;
-
 oru_status_t handleMessage(oruZb_msgData_t &msg) {
-    if (msg.return_status == &handled_mark) {
-        return ORU_STATUS_OK;
-    }
     if (oruZb_isIpcSyncCall(&msg) != nullptr) {
         oruZb_processSyncCall(&msg);
         return ORU_STATUS_OK; // the result went to the caller
@@ -385,16 +379,25 @@ oru_status_t handleMessage(oruZb_msgData_t &msg) {
     return status;
 }
 
+// The head, when it is handled but could not be unlinked: only its removal is tried again. Main thread.
+const oruZb_msgListItem_t *handled_head;
+
 // An item that is still linked must not go back to its pool: the next turn comes back for it.
 void removeHandled(oruZb_msgListItem_t *item) {
     if (oruZb_msgRemoveHead(oruZb_msgListHead) == ORU_STATUS_OK) {
+        handled_head = nullptr;
         oruMp_free(mp_zb_msgl_handle.load(), item);
         return;
     }
+    handled_head = item;
     item->data = oruZb_msgData_t{};
     item->data.msg_type = ORU_ZB_SVC_INVALID_MSG;
-    item->data.return_status = &handled_mark;
     oruZb_signalHalEvent();
+}
+
+// Its type tells a message that came later, after a restart, in the same place.
+bool isHandled(const oruZb_msgListItem_t *item) {
+    return item == handled_head && item->data.msg_type == ORU_ZB_SVC_INVALID_MSG;
 }
 
 // The head of the queue, still linked; null when there is none or a lock failed. Only the main thread unlinks items,
@@ -460,7 +463,7 @@ void oruZb_handleEvent() {
         return;
     }
     const oruZb_msgType_t msg_type = item->data.msg_type;
-    const oru_status_t status = handleMessage(item->data);
+    const oru_status_t status = isHandled(item) ? ORU_STATUS_OK : handleMessage(item->data);
     removeHandled(item);
     if (status != ORU_STATUS_OK) {
         ZB_LOG_ERROR("%s: %s(): Event 0x%x returned %d", ZB_SVC, __func__, msg_type, status);

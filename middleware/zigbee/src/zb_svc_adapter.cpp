@@ -11,17 +11,6 @@ oruZbHal_callbacks_t zb_hal_callbacks;
 
 // --------------------------------------------------------------------------------------------------------- bring-up
 
-static void announceTurningOn(const char *operation) {
-    const oru_status_t status = oruZb_setAdapterState(ORU_ZB_ADAPTER_TURNING_ON);
-    if (status == ORU_STATUS_OK) {
-        oruZb_publishEvent(ORU_ZB_SVC_ADAPTER_ENABLING, nullptr, 0);
-    } else if (status == ORU_STATUS_ALREADY_EXISTS) {
-        ZB_LOG_INFO("%s: %s(): adapter_state = ORU_ZB_ADAPTER_TURNING_ON !", ZB_SVC, operation);
-    } else {
-        ZB_LOG_WARN("%s: %s(): oruZb_setAdapterState return status = %d", ZB_SVC, operation, status);
-    }
-}
-
 oru_status_t oruZb_halInit(char *device) {
     if (device == nullptr) {
         return ORU_STATUS_NULL_POINTER;
@@ -39,12 +28,19 @@ oru_status_t oruZb_halInit(char *device) {
     if (oruZbHal_setAdapterName(device) != ORU_STATUS_OK) {
         ZB_LOG_ERROR("%s: Failed to set adapter device %s", ZB_SVC, device);
     }
-    const oru_status_t status = oruZbHal_enable();
+    oru_status_t status = oruZbHal_enable();
     if (status != ORU_STATUS_OK) {
         ZB_LOG_ERROR("%s: %s(): oruZbHal_enable return status = %d", ZB_SVC, __func__, status);
         return ORU_STATUS_GENERAL_ERROR;
     }
-    announceTurningOn(__func__);
+    status = oruZb_setAdapterState(ORU_ZB_ADAPTER_TURNING_ON);
+    if (status == ORU_STATUS_OK) {
+        oruZb_publishEvent(ORU_ZB_SVC_ADAPTER_ENABLING, nullptr, 0);
+    } else if (status == ORU_STATUS_ALREADY_EXISTS) {
+        ZB_LOG_INFO("%s: %s(): adapter_state = ORU_ZB_ADAPTER_TURNING_ON !", ZB_SVC, __func__);
+    } else {
+        ZB_LOG_WARN("%s: %s(): oruZb_setAdapterState return status = %d", ZB_SVC, __func__, status);
+    }
     return ORU_STATUS_OK;
 }
 

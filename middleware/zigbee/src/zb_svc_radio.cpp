@@ -3,7 +3,6 @@
 // Radio on and off, transmit power, region, factory reset; leaving: one device, all devices, the coordinator itself.
 // The adapter answers later through its stack status, which moves the adapter state and tells clients.
 #include "zb_svc_radio.h"
-#include "oru_mp.h"
 #include "zb_database_kvs.h"
 #include "zb_database_list.h"
 #include "zb_format.h"
@@ -33,20 +32,6 @@ oru_status_t moveTo(oruZb_adapterState_t state, const char *operation) {
 void forgetAllDevices() {
     (void)oruZb_databaseRemoveAll(); // both log their own failures; the list goes even when the store keeps its records
     (void)oruZb_databaseDeInit();
-}
-
-// Posted whether or not the broadcast was delivered: the coordinator leaves in any case.
-void postNetworkLeave(const char *operation) {
-    oruZb_msgListItem_t *item = oruZb_takeMsgItem(ORU_ZB_SVC_INTERNAL_NETWORK_LEAVE);
-    if (item == nullptr) {
-        ZB_LOG_ERROR("%s: %s: item oruMP_alloc/(mp_zb_msgl_handle/) failed.", ZB_SVC, operation);
-        return;
-    }
-    const oru_status_t status = oruZb_postThreadMsg(item);
-    if (status != ORU_STATUS_OK) {
-        (void)oruMp_free(mp_zb_msgl_handle, item);
-        ZB_LOG_ERROR("%s: %s(): Cannot post msg to mainthread %d", ZB_SVC, operation, status);
-    }
 }
 
 } // namespace
@@ -150,7 +135,13 @@ void oruZdo_broadcastLeaveCallback(oruZbHal_outgoingMessageType_t type, uint16_t
     if (failed) {
         oruZb_logTxError(cmd_status);
     }
-    postNetworkLeave(__func__);
+    // Whether or not the broadcast was delivered: the coordinator leaves in any case.
+    const PostResult leave = postMessage(ORU_ZB_SVC_INTERNAL_NETWORK_LEAVE);
+    if (leave.step == PostStep::no_item) {
+        ZB_LOG_ERROR("%s: %s: item oruMP_alloc/(mp_zb_msgl_handle/) failed.", ZB_SVC, __func__);
+    } else if (leave.step == PostStep::refused) {
+        ZB_LOG_ERROR("%s: %s(): Cannot post msg to mainthread %d", ZB_SVC, __func__, leave.status);
+    }
 }
 
 oru_status_t oruZb_leaveHelper() {

@@ -9,17 +9,13 @@ oruTimer_t service_discovery_timer;
 oruTimer_t device_recovery_timer;
 
 oru_status_t oruZb_timerPostServerMsg(oruZb_msgType_t timer_id) {
-    oruZb_msgListItem_t *item = oruZb_takeMsgItem(timer_id);
-    if (item == nullptr) {
+    const PostResult result = postMessage(timer_id);
+    if (result.step == PostStep::no_item) {
         ZB_LOG_ERROR("%s: item oruMP_alloc/(mp_zb_msgl_handle/) failed.", ZB_SVC);
-        return ORU_STATUS_OUT_OF_MEMORY;
+    } else if (result.step == PostStep::refused) {
+        ZB_LOG_ERROR("%s: Error: %s() cannot post msg to mainthread %d", ZB_SVC, __func__, result.status);
     }
-    const oru_status_t status = oruZb_postThreadMsg(item);
-    if (status != ORU_STATUS_OK) {
-        oruZb_returnMsgItem(item);
-        ZB_LOG_ERROR("%s: Error: %s() cannot post msg to mainthread %d", ZB_SVC, __func__, status);
-    }
-    return status;
+    return result.status;
 }
 
 static void postExpiry(const char *callback, oruZb_msgType_t timer_id) {
