@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "service_fixture.h"
 #include <fcntl.h>
+#include <fstream>
+#include <regex>
 #include <sstream>
 #include <thread>
 #include <unistd.h>
@@ -236,6 +238,43 @@ TEST_F(CoreTest, NoPayloadLengthIsReadBeyondItsEnd) {
         }
     }
     expectAtRest();
+}
+
+// The tables of functions: id (or first and last), a star when it needs the network, name, payload.
+TEST(ClientFunctionTest, DocumentedAsTheyAre) {
+    std::ifstream doc(CORVANE_IPC_DOC);
+    const std::regex row(R"(\| (\d+)(?:–(\d+))?( \*)? \| ([^|]+) \| ([^|]+) \|.*)");
+    const std::regex size(R"(\b[iu](8|16|32)\b|\b(\d+)\b)");
+    std::vector<int> documented;
+    bool in_table = false;
+    for (std::string line; std::getline(doc, line);) {
+        in_table = line.starts_with("## ") ? line.ends_with("ynchronous functions") : in_table;
+        std::smatch cell;
+        if (!in_table || !std::regex_match(line, cell, row)) {
+            continue;
+        }
+        const int first = std::stoi(cell[1]), last = cell[2].matched ? std::stoi(cell[2]) : first;
+        for (int id = first; id <= last; ++id) {
+            documented.push_back(id);
+            const ClientFunction *function = findClientFunction(id);
+            ASSERT_NE(function, nullptr) << line;
+            EXPECT_EQ(function->needs_network, cell[3].matched) << line;
+            EXPECT_TRUE(first != last || function->name == cell[4].str()) << line;
+            const std::string payload = cell[5];
+            std::smatch number;
+            uint32_t bytes = payload.find("zero byte") != std::string::npos ? 1 : 0;
+            const bool head = payload.find(": n ×") == std::string::npos && function->payload != Payload::value;
+            if (head && std::regex_search(payload, number, size)) {
+                bytes = static_cast<uint32_t>(number[1].matched ? std::stoi(number[1]) / 8 : std::stoi(number[2]));
+            }
+            EXPECT_EQ(function->least_payload, bytes) << line;
+            EXPECT_EQ(function->payload == Payload::none || function->payload == Payload::answer, payload == "–")
+                << line;
+        }
+    }
+    std::vector<int> rows;
+    std::ranges::transform(clientFunctions(), std::back_inserter(rows), &ClientFunction::id);
+    EXPECT_EQ(documented, rows);
 }
 
 TEST_F(CoreTest, EveryFunctionReachesItsHandler) {

@@ -7,7 +7,8 @@
 #include "zb_gate.h"
 #include "zb_queue.h"
 #include "zb_reply.h"
-#include "zb_svc_dispatch.h"
+#include "zb_svc_functions.h"
+#include "zb_svc_query.h"
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
@@ -250,27 +251,26 @@ static bool hasPayload(const oruOipc_parameter_t *task) {
 
 // Gives the message what its function takes along: a copy, a value or nothing.
 static oru_status_t fillAsyncPayload(oruZb_msgData_t *msg, const oruOipc_parameter_t *task) {
-    switch (task->function_id) {
-    case ORU_ZB_SVC_FORMZ3NET_AUTO:
-    case ORU_ZB_SVC_SEND_CLUSTER_CMD_ASYNC:
-    case ORU_ZB_SVC_SEND_NODE_LEAVE_REQUEST:
-    case ORU_ZB_SVC_SEND_INTERPAN:
-    case ORU_ZB_SVC_START_SCAN:
-    case ORU_ZB_SVC_FORMZ3NET_MANUAL:
+    switch (findClientFunction(task->function_id)->payload) {
+    case Payload::record:
+    case Payload::records:
+    case Payload::text:
+    case Payload::binding:
         return hasPayload(task) ? oruZb_copyAsncMsgDataBuffer(msg, task->buffer, *task->data_length) : ORU_STATUS_OK;
-    case ORU_ZB_SVC_ZTS_ENABLE:
+    case Payload::value:
         msg->param_type = ORU_ZB_SVC_OIPC_PARAM_IN_VALUE;
         if (hasPayload(task) && *task->data_length >= sizeof msg->msg_value32) {
             memcpy(&msg->msg_value32, task->buffer, sizeof msg->msg_value32);
         }
         return ORU_STATUS_OK;
-    case ORU_ZB_SVC_APING:
+    case Payload::answer:
         msg->param_type = ORU_ZB_SVC_OIPC_PARAM_OUT_POINTER;
         return ORU_STATUS_OK;
-    default: // the functions without payload
-        ZB_LOG_WARN("%s: %s(): Unknown parameter type!", ZB_SVC, ASYNC_HANDLER);
-        return ORU_STATUS_OK;
+    case Payload::none:
+        break;
     }
+    ZB_LOG_WARN("%s: %s(): Unknown parameter type!", ZB_SVC, ASYNC_HANDLER);
+    return ORU_STATUS_OK;
 }
 
 static oru_status_t checkAsyncTask(const oruOipc_parameter_t *task) {

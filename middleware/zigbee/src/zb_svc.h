@@ -8,6 +8,7 @@
 #include "zb_svc_adapter.h"
 #include "zb_svc_command.h"
 #include "zb_svc_dispatch.h"
+#include "zb_svc_functions.h"
 #include "zb_svc_interpan.h"
 #include "zb_svc_network.h"
 #include "zb_svc_query.h"

@@ -16,14 +16,6 @@ oruSemaphore_t *oruZb_isIpcSyncCall(oruZb_msgData_t *msg);
 // ORU_STATUS_DATA_LEN_INVALID for a payload shorter than its record or a country code that does not end within it,
 // ORU_STATUS_BAD_PARAM for a binding request without a node id or with a body above 255 bytes.
 void oruZb_processSyncCall(oruZb_msgData_t *msg);
-// Smallest legal payload of a client function in bytes; 0 when its handler works from the length or needs none. Of
-// asynchronous functions it binds only a payload that is given. Any thread.
-uint32_t oruZb_minPayloadLen(uint16_t function_id);
-// Stores the present adapter state. ORU_STATUS_NULL_POINTER. IPC threads.
-oru_status_t oruZb_doGetAdapterState(oruZb_adapterState_t *state);
-oru_status_t oruZb_doPing(oruZb_pingResponse_t *echo, const char *resp); // main and IPC threads
-// Client messages that need the network and are refused while an inter-PAN exchange owns the radio.
-bool oruZb_isNetworkMsg(oruZb_msgType_t msg_type);
 
 // An incoming ZDO frame, its sequence byte included: the result of its handler, or ORU_STATUS_NOT_SUPPORTED for a
 // cluster that has none.

@@ -7,6 +7,7 @@
 #include "zb_database_kvs.h"
 #include "zb_database_list.h"
 #include "zb_reply.h"
+#include "zb_state.h"
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
@@ -14,6 +15,25 @@
 
 static constexpr uint16_t COORDINATOR_NODE_ID = 0x0000;
 static constexpr uint16_t COORDINATOR_MANUFACTURER_CODE = 0x1217;
+
+oru_status_t oruZb_doPing(oruZb_pingResponse_t *echo, const char *resp) {
+    if (echo == nullptr || resp == nullptr) {
+        return ORU_STATUS_NULL_POINTER;
+    }
+    constexpr size_t text_size = sizeof echo->response - 1; // the last byte is the caller's
+    const size_t len = strnlen(resp, text_size);
+    memset(echo->response, 0, text_size);
+    memcpy(echo->response, resp, len);
+    return ORU_STATUS_OK;
+}
+
+oru_status_t oruZb_doGetAdapterState(oruZb_adapterState_t *state) {
+    if (state == nullptr) {
+        return ORU_STATUS_NULL_POINTER;
+    }
+    *state = adapter_state.load();
+    return ORU_STATUS_OK;
+}
 
 static void fillNetworkKey(oruZb_networkInfo_t &info) {
     oruZbHal_keyStruct_t key{};

@@ -7,6 +7,8 @@
 #pragma once
 #include "zb_types.h"
 
+oru_status_t oruZb_doPing(oruZb_pingResponse_t *echo, const char *resp); // main and IPC threads
+oru_status_t oruZb_doGetAdapterState(oruZb_adapterState_t *state);       // IPC threads
 // Always 0: without a network (without a key) the fields hold the fill values of oruZb_networkInfo_t.
 oru_status_t oruZb_doGetNetworkInfo(oruZb_networkInfo_t *info);
 // By list position, node id or EUI-64, as req->by says. ORU_STATUS_NOT_FOUND, or ORU_STATUS_GENERAL_ERROR for an

@@ -4,6 +4,6 @@
 #pragma once
 #include "zb_format.h"
 #include "zb_queue.h"
-#include "zb_svc_dispatch.h"
+#include "zb_svc_functions.h"
 #include "zb_svc_network.h"
 #include "zb_txn.h"
