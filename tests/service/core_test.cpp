@@ -2,6 +2,7 @@
 #include "service_fixture.h"
 #include <fcntl.h>
 #include <fstream>
+#include <functional>
 #include <regex>
 #include <sstream>
 #include <thread>
@@ -238,6 +239,28 @@ TEST_F(CoreTest, NoPayloadLengthIsReadBeyondItsEnd) {
         }
     }
     expectAtRest();
+}
+
+TEST_F(CoreTest, BrokenInvariantsEndTheProcess) {
+    bootReady();
+    const FakeDevice device{{1, 2, 3, 4, 5, 6, 7, 8}, 0x1234}, another{{8}, 0x4321};
+    device.join();
+    const std::vector<std::pair<const char *, std::function<void()>>> breaches = {
+        {"device_count is the number of items", [] { ++device_count, oruZb_databasePrintDevices(); }},
+        {"the current node is being interrogated",
+         [&] { current_discovery_item = discovery_list_head.slh_first, another.join(); }},
+        {"every linked item has a place",
+         [] {
+             EXPECT_EQ(oruSem_post(zb_post_sem) + post(ORU_ZB_SVC_INTERNAL_DEVICE_RECOVERY), 0);
+             EXPECT_EQ(oruSem_post(zb_post_sem) + post(ORU_ZB_SVC_INTERNAL_DEVICE_RECOVERY), 0);
+             turn();
+         }},
+        {"the adapter is in a state of the table",
+         [] { adapter_state = ORU_ZB_ADAPTER_UPGRADING, oruZb_setAdapterState(ORU_ZB_ADAPTER_TURNING_OFF); }},
+    };
+    for (const auto &[what, breach] : breaches) {
+        EXPECT_DEATH(breach(), what);
+    }
 }
 
 // The tables of functions: id (or first and last), a star when it needs the network, name, payload.

@@ -2,7 +2,7 @@
 if(TARGET oru_os AND TARGET corvane_service)
     # Objects, not an archive: every replacement is linked, whether or not an archive before it was asked for it.
     add_library(corvane_test_platform OBJECT ${CMAKE_CURRENT_LIST_DIR}/test_platform.cpp
-        ${CMAKE_CURRENT_LIST_DIR}/test_fault_wraps.cpp)
+        ${CMAKE_CURRENT_LIST_DIR}/test_fault_wraps.cpp ${CMAKE_CURRENT_LIST_DIR}/check_invariants.cpp)
     target_include_directories(corvane_test_platform PUBLIC ${CMAKE_CURRENT_LIST_DIR})
     target_link_libraries(corvane_test_platform PUBLIC corvane_service oru_headers oru_os PRIVATE corvane_options)
     foreach(name oruAlloc_alloc oruMp_init oruMp_alloc oruMp_allocSize oruMutex_new oruMutex_acquire oruSem_new

@@ -3,12 +3,13 @@
 // The device list. The store is written while device_list_mutex is held, so that list and store change in the same
 // order; the store calls back without locks of its own, and only while loading.
 //
-// Invariants under the mutex: device_count is the number of items; every item came from oruZb_allocMemory.
-// List and store may disagree after a failed write, until that device is written again.
+// Invariants under the mutex (checkDeviceList): device_count is the number of items; every item came from
+// oruZb_allocMemory. List and store may disagree after a failed write, until that device is written again.
 #include "zb_alloc.h"
 #include "zb_database_kvs.h"
 #include "zb_database_list.h"
 #include "zb_database_lock.h"
+#include "zb_invariant.h"
 #include <cstring>
 
 deviceList device_list_head{};
@@ -22,9 +23,21 @@ deviceListLock::deviceListLock(const char *operation)
     }
 }
 
+// The mutex is held.
+static void checkDeviceList() {
+    uint32_t items = 0;
+    for (const auto *item = device_list_head.slh_first; item != nullptr; item = item->entries.sle_next) {
+        ++items;
+    }
+    mustHold(items == device_count, "device_count is the number of items");
+}
+
 void deviceListLock::release() {
     if (!held_) {
         return;
+    }
+    if (check_invariants) {
+        checkDeviceList();
     }
     held_ = false;
     const oru_status_t status = oruMutex_release(device_list_mutex);

@@ -40,7 +40,7 @@
 //   any REQUEST -> same         [oruZb_handleServiceDiscovery]           no response for 10 s, at most three times
 //   any REQUEST -> (failed)     [oruZb_handleServiceDiscovery]           no response after three failures of any kind
 //
-// Invariants
+// Invariants (checkDiscoveryLocked checks what the lists show of them)
 //   NEW, READY   not current; no request outstanding; num_retries is 0.
 //   REQUEST_*    is current_discovery_item, the only node in any REQUEST state; its request was posted to the queue and
 //                the response timer runs. The timer is stopped only by a response that belongs to the request, and
@@ -205,6 +205,10 @@ static void abandonCurrentItem() {
     }
     if (oruZb_deleteFromDiscoveryList(info.eui64) == ORU_STATUS_NOT_FOUND) {
         logNotListed("oruZb_handleServiceDiscovery");
+    }
+    {
+        const std::lock_guard<std::mutex> lock(discovery_mutex);
+        checkDiscoveryLocked();
     }
     oruZb_noteFailedDiscovery(info.eui64);
     oruZb_scheduleBeginDiscovery(0);
@@ -494,6 +498,7 @@ static void finishDevice(oruZb_node_t *item) {
     {
         const std::lock_guard<std::mutex> lock(discovery_mutex);
         item->action.discovery_state = ORU_ZB_DEVICE_DISCOVERY_FINISHED;
+        checkDiscoveryLocked();
         finished = *item;
     }
     oruZb_notifyDeviceDiscovered(&finished.device);

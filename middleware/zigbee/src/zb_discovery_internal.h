@@ -23,6 +23,9 @@ oruZb_node_t *oruZb_findNodeLocked(const oruZb_nodeList &list, const uint8_t *eu
 void oruZb_prepareForDiscoveryStateLocked(oruZb_node_t *item, oruZb_device_discovery_state state);
 oruZb_node_t *oruZb_addToDiscoveryListLocked(const uint8_t *eui64, uint16_t node_id, uint8_t capabilities);
 
+// The invariants of zb_discovery.cpp, as far as the lists show them; nothing while check_invariants is off.
+void checkDiscoveryLocked();
+
 // Remembers a join whose device is listed already, if that node is FINISHED. removal_queued: the database held a record
 // of the device, and its removal is on its way.
 void oruZb_noteJoinOfFinishedNodeLocked(const uint8_t *eui64, bool removal_queued);

@@ -11,6 +11,7 @@
 #include "oru_time.h"
 #include "zb_alloc.h"
 #include "zb_discovery_internal.h"
+#include "zb_invariant.h"
 #include <algorithm>
 #include <cstring>
 #include <utility>
@@ -56,10 +57,56 @@ uint32_t oruZb_determineExpiryTime(oruZb_node_t *item) {
     return expiryTime(item->device.device_info.capabilities);
 }
 
+static bool mayBeCurrent(oruZb_device_discovery_state state) {
+    switch (state) {
+    case ORU_ZB_DEVICE_DISCOVERY_READY: // between its choice and its first request
+    case ORU_ZB_DEVICE_DISCOVERY_REQUEST_ACTIVE_ENDPOINTS:
+    case ORU_ZB_DEVICE_DISCOVERY_REQUEST_SIMPLE_DESC:
+    case ORU_ZB_DEVICE_DISCOVERY_REQUEST_NODE_DESC:
+    case ORU_ZB_DEVICE_DISCOVERY_FINISHED:
+        return true;
+    case ORU_ZB_DEVICE_DISCOVERY_NONE:
+    case ORU_ZB_DEVICE_DISCOVERY_NEW:
+    case ORU_ZB_DEVICE_DISCOVERY_FAILED:
+        break;
+    }
+    return false;
+}
+
+static void checkNode(const oruZb_node_t &node) {
+    const oruZb_discoveryAction_t &action = node.action;
+    const bool waiting = action.discovery_state == ORU_ZB_DEVICE_DISCOVERY_NEW ||
+                         action.discovery_state == ORU_ZB_DEVICE_DISCOVERY_READY;
+    const uint8_t endpoints = node.device.device_info.endpoint_count;
+    if (&node == current_discovery_item) {
+        mustHold(mayBeCurrent(action.discovery_state), "the current node is being interrogated");
+    } else {
+        mustHold(waiting || !mayBeCurrent(action.discovery_state), "only the current node is being interrogated");
+    }
+    mustHold(!waiting || action.num_retries == 0, "a waiting node has no retries");
+    mustHold(endpoints <= ORU_ZB_HAL_MAX_ENDPOINTS && action.endpoint_query_index <= endpoints,
+             "the slot that is asked is one of the node's");
+}
+
+void checkDiscoveryLocked() {
+    if (!check_invariants) {
+        return;
+    }
+    bool current_listed = current_discovery_item == nullptr;
+    for (const oruZb_node_t *node = discovery_list_head.slh_first; node != nullptr; node = node->entries.sle_next) {
+        mustHold(oruZb_findNodeLocked(discovery_list_head, node->device.device_info.eui64) == node,
+                 "a device has one node in the discovery list");
+        checkNode(*node);
+        current_listed = current_listed || node == current_discovery_item;
+    }
+    mustHold(current_listed, "the current node is listed");
+}
+
 void oruZb_prepareForDiscoveryStateLocked(oruZb_node_t *item, oruZb_device_discovery_state state) {
     item->action.discovery_state = state;
     item->action.expiry_time = expiryTime(item->device.device_info.capabilities);
     item->action.num_retries = 0;
+    checkDiscoveryLocked();
 }
 
 void oruZb_prepareForDiscoveryState(oruZb_node_t *item, oruZb_device_discovery_state state) {
@@ -215,6 +262,7 @@ finishedNode oruZb_releaseFinishedNode(const uint8_t *eui64) {
         return join.removal_queued ? finishedNode::renewed : finishedNode::renewed_stored;
     }
     (void)deleteNodeLocked(discovery_list_head, discovery_list_init, eui64);
+    checkDiscoveryLocked();
     return finishedNode::deleted;
 }
 

@@ -2,11 +2,12 @@
 //
 // The message queue: a singly-linked tail queue of pool items, bounded by the counting semaphore zb_post_sem.
 //
-// Invariants: places handed out (40 minus the count of zb_post_sem, plus overdraft) = items linked + appends under
-// way. A producer waits for its place before it takes list_mutex, so the main thread can always remove. list_mutex is
-// held for a few pointer operations only and never together with another lock of the service.
+// Invariants (checkQueue): places handed out (40 minus the count of zb_post_sem, plus overdraft) = items linked +
+// appends under way. A producer waits for its place before it takes list_mutex, so the main thread can always remove.
+// list_mutex is held for a few pointer operations only and never together with another lock of the service.
 #include "zb_queue.h"
 #include "zb_gate.h"
+#include "zb_invariant.h"
 #include "zb_svc_pwr.h"
 #include <cerrno>
 #include <thread>
@@ -209,6 +210,24 @@ oru_status_t oruZb_postThreadMsg(oruZb_msgListItem_t *item) {
     return status;
 }
 
+// On the consumer, between two messages; closing the gate gives places away that nobody took.
+static void checkQueue() {
+    if (!isConsumer() || oruZb_acquireListMutex(__func__) != ORU_STATUS_OK) {
+        return;
+    }
+    uint32_t linked = 0;
+    oruZb_msgListItem_t **last = &msg_list.stqh_first;
+    for (; *last != nullptr; last = &(*last)->entries.stqe_next) {
+        ++linked;
+    }
+    mustHold(last == msg_list.stqh_last, "the queue knows its last item");
+    uint32_t places = 0;
+    if (oruSem_getCount(zb_post_sem, &places) == ORU_STATUS_OK && !oruZb_gateIsClosed()) {
+        mustHold(linked + places <= ORU_ZB_MSG_QUEUE_PLACES + overdraft, "every linked item has a place");
+    }
+    oruZb_releaseListMutex(__func__);
+}
+
 oru_status_t oruZb_msgRemoveHead(oruZb_msgList *head) {
     if (head == nullptr) {
         return ORU_STATUS_NULL_POINTER;
@@ -229,6 +248,9 @@ oru_status_t oruZb_msgRemoveHead(oruZb_msgList *head) {
         return ORU_STATUS_NOT_FOUND;
     }
     givePlaceBack(__func__);
+    if (check_invariants) {
+        checkQueue();
+    }
     if (oruZb_hasMsg(head) != ORU_STATUS_OK) {
         oruZb_pwrSvcRelease();
     }

@@ -11,8 +11,10 @@
 //   TURNING_OFF ---> OFF              stack DISABLED or fatal
 //
 // ON: stack up, no network. SERVICE_READY: stack up, network formed. INTERPAN_IN_PROGRESS: the radio is lent out and
-// client messages that need the network are refused. oruZb_setAdapterState is the only writer and logs every change.
+// client messages that need the network are refused. oruZb_setAdapterState is the only writer (checkAdapterState) and
+// logs every change.
 #include "zb_state.h"
+#include "zb_invariant.h"
 #include <algorithm>
 #include <array>
 #include <initializer_list>
@@ -93,6 +95,13 @@ constexpr const Transition *transitionTo(oruZb_adapterState_t target) {
     return nullptr;
 }
 
+// Somebody else may have written it: a state that no transition leads to.
+void checkAdapterState(oruZb_adapterState_t state) {
+    if (check_invariants) {
+        mustHold(transitionTo(state) != nullptr, "the adapter is in a state of the table");
+    }
+}
+
 } // namespace
 
 const char *oruZb_adapterStateName(oruZb_adapterState_t state) {
@@ -123,6 +132,7 @@ oru_status_t oruZb_setAdapterState(oruZb_adapterState_t next_state) {
         return ORU_STATUS_GENERAL_ERROR;
     }
     adapter_state.store(next_state);
+    checkAdapterState(current);
     ZB_LOG_INFO("%s: Successfully changed adapter_state to %s", ZB_SVC, oruZb_adapterStateName(next_state));
     return ORU_STATUS_OK;
 }
