@@ -127,15 +127,15 @@ static void handleLeft(oruZb_device_t &device) {
     }
 }
 
-static void sendUnknownDeviceAway(oruZb_device_t &device) {
-    uint8_t *eui64 = device.device_info.eui64;
+// A device that nobody knows is told to leave.
+static void sendAway(uint8_t *eui64, uint16_t node_id, const char *operation) {
     ZB_LOG_INFO("%s: %s(): Device NOT found in DB. Sending leave request to device, Last 2 bytes of mac_id: %2.2x%2.2x",
-                ZB_DISCOVERY, TRUST_CENTER_HANDLER, eui64[6], eui64[7]);
-    const oru_status_t status = oruZb_sendNodeLeaveNetworkRequest(device.node_id, eui64, ZDO_LEAVE);
+                ZB_DISCOVERY, operation, eui64[6], eui64[7]);
+    const oru_status_t status = oruZb_sendNodeLeaveNetworkRequest(node_id, eui64, ZDO_LEAVE);
     if (status == ORU_STATUS_OK) {
-        ZB_LOG_INFO("%s: %s(): Leave request sent successfully", ZB_DISCOVERY, TRUST_CENTER_HANDLER);
+        ZB_LOG_INFO("%s: %s(): Leave request sent successfully", ZB_DISCOVERY, operation);
     } else {
-        ZB_LOG_ERROR("%s: %s(): Failed to send leave request: %d", ZB_DISCOVERY, TRUST_CENTER_HANDLER, status);
+        ZB_LOG_ERROR("%s: %s(): Failed to send leave request: %d", ZB_DISCOVERY, operation, status);
     }
 }
 
@@ -158,7 +158,7 @@ static void handleSecuredRejoin(oruZb_device_t &device) {
         restartFailedDiscovery(device);
     } else if (const oru_status_t status = oruZb_databaseFindOrLoad(eui64, &stored); status != ORU_STATUS_OK) {
         if (status != ORU_STATUS_TRY_AGAIN) {
-            sendUnknownDeviceAway(device);
+            sendAway(eui64, device.node_id, TRUST_CENTER_HANDLER);
         }
         return;
     }
@@ -212,18 +212,6 @@ void oruZb_handleTrustCenterCallback(uint16_t new_node_id, uint8_t *new_node_eui
 }
 
 // ---------------------------------------------------------------------------------------------------- device announce
-static void sendAway(uint8_t *eui64, uint16_t node_id) {
-    constexpr char operation[] = "oruZb_updateDiscoveryList";
-    ZB_LOG_INFO("%s: %s(): Device NOT found in DB. Sending leave request to device, Last 2 bytes of mac_id: %2.2x%2.2x",
-                ZB_DISCOVERY, operation, eui64[6], eui64[7]);
-    const oru_status_t status = oruZb_sendNodeLeaveNetworkRequest(node_id, eui64, ZDO_LEAVE);
-    if (status == ORU_STATUS_OK) {
-        ZB_LOG_INFO("%s: %s(): Leave request sent successfully", ZB_DISCOVERY, operation);
-    } else {
-        ZB_LOG_ERROR("%s: %s(): Failed to send leave request: %d", ZB_DISCOVERY, operation, status);
-    }
-}
-
 static void updateStoredNodeId(uint8_t *eui64, uint16_t node_id, uint16_t stored_node_id) {
     const oru_status_t status = oruZb_databaseUpdateNodeId(eui64, node_id);
     if (status == ORU_STATUS_OK) {
@@ -256,7 +244,7 @@ oruZb_node_t *oruZb_updateDiscoveryList(uint8_t *eui64, uint16_t node_id, uint8_
         return nullptr;
     }
     if (status != ORU_STATUS_OK) {
-        sendAway(eui64, node_id);
+        sendAway(eui64, node_id, __func__);
     } else if (stored.node_id != node_id) {
         updateStoredNodeId(eui64, node_id, stored.node_id);
     }

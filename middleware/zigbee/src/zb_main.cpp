@@ -237,25 +237,9 @@ void oruZb_start(char *device) {
 
 // -------------------------------------------------------------------------------------------------------- shut-down
 
-static void destroyPools(const char *operation) {
-    oruMp_handle_t pool = mp_zb_msgl_handle.exchange(nullptr);
-    oru_status_t status = pool != nullptr ? oruMp_destroy(pool) : ORU_STATUS_OK;
-    if (status != ORU_STATUS_OK) {
-        ZB_LOG_ERROR("%s: %s(): failed to destroy memory pool handle formessage list items: status: %d", ZB_SVC,
-                     operation, status);
-    }
-    pool = mp_zb_txnl_handle.exchange(nullptr);
-    status = pool != nullptr ? oruMp_destroy(pool) : ORU_STATUS_OK;
-    if (status != ORU_STATUS_OK) {
-        ZB_LOG_ERROR("%s: %s(): failed to destroy memory pool handle fortransaction list items: status: %d", ZB_SVC,
-                     operation, status);
-    }
-    pool = mp_zb_var_handle.exchange(nullptr);
-    status = pool != nullptr ? oruMp_destroy(pool) : ORU_STATUS_OK;
-    if (status != ORU_STATUS_OK) {
-        ZB_LOG_ERROR("%s: %s(): failed to destroy variable sized memory pool handle: status: %d", ZB_SVC, operation,
-                     status);
-    }
+static oru_status_t destroyPool(std::atomic<oruMp_handle_t> &handle) {
+    const oruMp_handle_t pool = handle.exchange(nullptr);
+    return pool != nullptr ? oruMp_destroy(pool) : ORU_STATUS_OK;
 }
 
 void oruZb_stop() {
@@ -263,7 +247,21 @@ void oruZb_stop() {
         ZB_LOG_ERROR("%s: %s(): threads still inside after %u ms", ZB_SVC, __func__, GATE_LIMIT_MS);
     }
     ZB_LOG_INFO("^N|^^^ %s: %s(): status %d oru zigbee svc stop", ZB_SVC, __func__, 0);
-    destroyPools(__func__);
+    oru_status_t status = destroyPool(mp_zb_msgl_handle);
+    if (status != ORU_STATUS_OK) {
+        ZB_LOG_ERROR("%s: %s(): failed to destroy memory pool handle formessage list items: status: %d", ZB_SVC,
+                     __func__, status);
+    }
+    status = destroyPool(mp_zb_txnl_handle);
+    if (status != ORU_STATUS_OK) {
+        ZB_LOG_ERROR("%s: %s(): failed to destroy memory pool handle fortransaction list items: status: %d", ZB_SVC,
+                     __func__, status);
+    }
+    status = destroyPool(mp_zb_var_handle);
+    if (status != ORU_STATUS_OK) {
+        ZB_LOG_ERROR("%s: %s(): failed to destroy variable sized memory pool handle: status: %d", ZB_SVC, __func__,
+                     status);
+    }
     oruZb_msgQueueDelete();
     oruZb_txnQueueDelete();
     oruZb_unInitDailyLogTimer();

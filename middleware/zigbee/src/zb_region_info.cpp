@@ -161,7 +161,8 @@ oru_status_t oruZb_queryQelRegionCode() {
 }
 
 // False: a client has set the region meanwhile, and it stays.
-static bool fallBackToWorldWide(const char *operation) {
+static bool fallBackToWorldWide() {
+    static constexpr char operation[] = "oruZb_handleQelAccess";
     const std::lock_guard lock(region_mutex);
     if (test_without_qel) {
         return false;
@@ -177,16 +178,6 @@ static bool fallBackToWorldWide(const char *operation) {
     return true;
 }
 
-static oru_status_t startLongWait(const char *operation) {
-    const oru_status_t status = oruTime_timerStart(&qel_ready_timer, FALLBACK_WAIT_MS);
-    if (status != ORU_STATUS_OK) {
-        ZB_LOG_ERROR("%s: Error: %s: QEL Ready timer starts long wait failed.", ZB_REGION, operation);
-    } else {
-        ZB_LOG_INFO("%s: %s(): restarted long qel_ready_timer to set region code !", ZB_REGION, operation);
-    }
-    return status;
-}
-
 oru_status_t oruZb_handleQelAccess() {
     ZB_LOG_INFO("%s: %s", ZB_REGION, __func__);
     oru_status_t status = oruZb_queryQelRegionCode();
@@ -196,13 +187,22 @@ oru_status_t oruZb_handleQelAccess() {
     }
     const int32_t failures = ++attempts;
     ZB_LOG_ERROR("%s: %s(): Failed %d times to get/set country code!", ZB_REGION, __func__, failures);
-    if (failures > MAX_ATTEMPTS) {
-        attempts = 0;
-        return fallBackToWorldWide(__func__) ? startLongWait(__func__) : status;
+    if (failures <= MAX_ATTEMPTS) {
+        status = oruTime_timerStart(&qel_ready_timer, RETRY_WAIT_MS);
+        if (status != ORU_STATUS_OK) {
+            ZB_LOG_ERROR("%s: Error: %s: QEL Ready timer starts failed.", ZB_REGION, __func__);
+        }
+        return status;
     }
-    status = oruTime_timerStart(&qel_ready_timer, RETRY_WAIT_MS);
+    attempts = 0;
+    if (!fallBackToWorldWide()) {
+        return status;
+    }
+    status = oruTime_timerStart(&qel_ready_timer, FALLBACK_WAIT_MS);
     if (status != ORU_STATUS_OK) {
-        ZB_LOG_ERROR("%s: Error: %s: QEL Ready timer starts failed.", ZB_REGION, __func__);
+        ZB_LOG_ERROR("%s: Error: %s: QEL Ready timer starts long wait failed.", ZB_REGION, __func__);
+    } else {
+        ZB_LOG_INFO("%s: %s(): restarted long qel_ready_timer to set region code !", ZB_REGION, __func__);
     }
     return status;
 }
