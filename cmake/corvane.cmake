@@ -31,7 +31,7 @@ function(corvane_layer name)
     cmake_parse_arguments(ARG "" "" "SOURCES;LIBS" ${ARGN})
     add_library(${name} STATIC ${ARG_SOURCES})
     target_include_directories(${name} PUBLIC ${CMAKE_CURRENT_SOURCE_DIR})
-    target_link_libraries(${name} PUBLIC oru_headers PRIVATE corvane_options ${ARG_LIBS})
+    target_link_libraries(${name} PUBLIC oru_headers corvane_base PRIVATE corvane_options ${ARG_LIBS})
 endfunction()
 
 # corvane_test(NAME SOURCES... LIBS... [TIMEOUT seconds]): a GoogleTest program whose cases ctest lists one by one.

@@ -11,7 +11,7 @@
 
 namespace oipc {
 
-using Fd = Descriptor;
+using Fd = corvane::base::Descriptor;
 
 struct SocketSettings {
     std::string path{};

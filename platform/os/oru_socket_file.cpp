@@ -10,15 +10,9 @@
 #include <unistd.h>
 #include <utility>
 
-void Descriptor::reset(int fd) {
-    if (fd_ >= 0) {
-        ::close(fd_);
-    }
-    fd_ = fd;
-}
-
 namespace {
 
+using corvane::base::Descriptor;
 using Result = Socket_file_result;
 
 static_assert(sizeof sockaddr_un::sun_path == Socket_file::longest_path + 1);

@@ -4,35 +4,9 @@
 // left under the name is replaced; what somebody else serves, and what is no socket, is never touched, neither when the
 // socket is opened nor when it is closed. Not for several threads at a time.
 #pragma once
+#include "base/descriptor.h"
 #include <string>
 #include <sys/types.h>
-
-// Owns a file descriptor.
-class Descriptor {
-public:
-    Descriptor() = default;
-    explicit Descriptor(int fd) : fd_(fd) {}
-    ~Descriptor() { reset(); }
-    Descriptor(Descriptor &&other) noexcept : fd_(other.release()) {}
-    Descriptor &operator=(Descriptor &&other) noexcept {
-        reset(other.release());
-        return *this;
-    }
-    Descriptor(const Descriptor &) = delete;
-    Descriptor &operator=(const Descriptor &) = delete;
-
-    int get() const { return fd_; }
-    explicit operator bool() const { return fd_ >= 0; }
-    int release() {
-        const int fd = fd_;
-        fd_ = -1;
-        return fd;
-    }
-    void reset(int fd = -1);
-
-private:
-    int fd_ = -1;
-};
 
 enum class Socket_file_result {
     ok,
@@ -68,7 +42,7 @@ private:
     Socket_file_result bindAndListen(int type, mode_t mode, int backlog);
 
     std::string path_;
-    Descriptor listener_;
+    corvane::base::Descriptor listener_;
     // Of the file. The bound socket keeps the inode, so that no other file gets its number.
     dev_t device_ = 0;
     ino_t inode_ = 0;

@@ -12,18 +12,18 @@
 // The thread takes the first due timer, moves it on and copies its callback in one scope of the lock, then calls
 // without the lock: a timer that was stopped, re-armed or deleted in the meantime cannot be taken.
 #include "oru_time.h"
+#include "base/thread.h"
 #include "oru_os_testing.h"
 #include <algorithm>
 #include <chrono>
 #include <condition_variable>
-#include <csignal>
 #include <ctime>
 #include <limits>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <new>
-#include <pthread.h>
+#include <thread>
 #include <unordered_map>
 
 namespace {
@@ -94,7 +94,7 @@ void expireFirst(Timers &all_timers, std::unique_lock<std::mutex> &guard, Clock:
     guard.lock();
 }
 
-void *runTimers(void *) {
+void runTimers() {
     Timers &all_timers = all();
     std::unique_lock guard(all_timers.lock);
     for (;;) {
@@ -112,21 +112,11 @@ void *runTimers(void *) {
     }
 }
 
-// Starts the timer thread, detached and with all signals blocked.
-bool startThread() {
-    pthread_attr_t attributes;
-    if (pthread_attr_init(&attributes) != 0) {
-        return false;
-    }
-    sigset_t every_signal;
-    sigfillset(&every_signal);
-    pthread_t thread{};
-    const bool started = pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED) == 0 &&
-                         pthread_attr_setsigmask_np(&attributes, &every_signal) == 0 &&
-                         pthread_create(&thread, &attributes, runTimers, nullptr) == 0;
-    pthread_attr_destroy(&attributes);
+bool startTimerThread() {
+    std::thread thread;
+    const bool started = corvane::base::startThread(thread, "oru_timer", runTimers);
     if (started) {
-        pthread_setname_np(thread, "oru_timer");
+        thread.detach();
     }
     return started;
 }
@@ -210,7 +200,7 @@ oru_status_t oruTime_timerNew(oruTimer_t *timer, oruTime_clock_t clock, oruTime_
         return ORU_STATUS_ALREADY_INITIALIZED;
     }
     if (!all_timers.thread_started) {
-        all_timers.thread_started = startThread();
+        all_timers.thread_started = startTimerThread();
     }
     if (!all_timers.thread_started || all_timers.last_id == std::numeric_limits<uint32_t>::max()) {
         return ORU_STATUS_OUT_OF_MEMORY;
