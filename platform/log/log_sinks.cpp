@@ -19,6 +19,8 @@
 
 namespace {
 
+using corvane::base::Descriptor;
+
 constexpr size_t line_capacity = 2048; // of the kept buffer: the text, the tag and the time, with room to spare
 constexpr mode_t file_mode = 0640;
 
@@ -86,9 +88,10 @@ std::string absolutePath(const std::string &path) {
     return error ? path : absolute.string();
 }
 
-int openFile(const std::string &path, int more_flags) {
+Descriptor openFile(const std::string &path, int more_flags) {
     // Non-blocking, so that a named pipe without a reader is refused and not waited for.
-    return open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NONBLOCK | more_flags, file_mode);
+    return Descriptor(
+        open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NONBLOCK | more_flags, file_mode));
 }
 
 // Gives the size of a regular file; false for anything else.
@@ -166,20 +169,18 @@ Line_sink::Progress Descriptor_sink::proceed() {
 
 File_sink::File_sink(const std::string &path, size_t max_bytes, unsigned max_files)
     : Descriptor_sink(-1, {}), path_(absolutePath(path)), max_bytes_(max_bytes), max_files_(max_files), size_(0) {
-    setDescriptor(openFile(path_, 0));
-    if (descriptor() < 0) {
+    use(openFile(path_, 0));
+    if (!file_) {
         spdlog::throw_spdlog_ex("cannot open log file \"" + path_ + "\"", errno);
     }
     if (!readSize(descriptor(), size_)) {
-        close(descriptor());
         spdlog::throw_spdlog_ex("cannot use log file \"" + path_ + "\": not a regular file");
     }
 }
 
-File_sink::~File_sink() {
-    if (descriptor() >= 0) {
-        close(descriptor());
-    }
+void File_sink::use(Descriptor file) {
+    file_ = std::move(file);
+    setDescriptor(file_.get());
 }
 
 Line_sink::Progress File_sink::proceed() {
@@ -198,27 +199,23 @@ void File_sink::rotate() {
     for (unsigned index = max_files_; index > 0; --index) {
         (void)std::rename(old(index - 1).c_str(), old(index).c_str()); // an old file that does not exist yet
     }
-    const int fresh = openFile(path_, max_files_ == 0 ? O_TRUNC : 0);
-    if (fresh >= 0) {
-        close(descriptor());
-        setDescriptor(fresh);
+    if (Descriptor fresh = openFile(path_, max_files_ == 0 ? O_TRUNC : 0); fresh) {
+        use(std::move(fresh));
     }
     size_ = 0;
 }
 
 bool File_sink::reopen() {
-    const int fresh = openFile(path_, 0);
+    Descriptor fresh = openFile(path_, 0);
     size_t size = 0;
-    if (fresh < 0) {
+    if (!fresh) {
         return false;
     }
-    if (!readSize(fresh, size)) {
-        close(fresh);
+    if (!readSize(fresh.get(), size)) {
         errno = EINVAL;
         return false;
     }
-    close(descriptor());
-    setDescriptor(fresh);
+    use(std::move(fresh));
     size_ = size;
     return true;
 }
@@ -226,12 +223,6 @@ bool File_sink::reopen() {
 Syslog_sink::Syslog_sink(std::string path) : Line_sink(makeFormatter(syslog_pattern, false)), path_(std::move(path)) {
     if (!connectSocket()) {
         spdlog::throw_spdlog_ex("cannot reach the system log at \"" + path_ + "\"", errno);
-    }
-}
-
-Syslog_sink::~Syslog_sink() {
-    if (socket_ >= 0) {
-        close(socket_);
     }
 }
 
@@ -243,20 +234,17 @@ bool Syslog_sink::connectSocket() {
         return false;
     }
     std::memcpy(address.sun_path, path_.c_str(), path_.size());
-    const int fresh = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    if (fresh < 0) {
+    Descriptor fresh(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    if (!fresh) {
         return false;
     }
-    if (connect(fresh, reinterpret_cast<const sockaddr *>(&address), sizeof(address)) != 0) {
+    if (connect(fresh.get(), reinterpret_cast<const sockaddr *>(&address), sizeof(address)) != 0) {
         const int reason = errno;
-        close(fresh);
+        fresh.reset();
         errno = reason;
         return false;
     }
-    if (socket_ >= 0) {
-        close(socket_);
-    }
-    socket_ = fresh;
+    socket_ = std::move(fresh);
     return true;
 }
 
@@ -268,7 +256,7 @@ void Syslog_sink::putStart(spdlog::memory_buf_t &line, spdlog::level::level_enum
 
 Line_sink::Progress Syslog_sink::proceed() {
     const auto sent = [this] {
-        return send(socket_, whole().data(), whole().size(), MSG_DONTWAIT | MSG_NOSIGNAL) >= 0;
+        return send(socket_.get(), whole().data(), whole().size(), MSG_DONTWAIT | MSG_NOSIGNAL) >= 0;
     };
     // A restarted daemon leaves the old connection refused or unconnected.
     if (sent() || (errno != EAGAIN && connectSocket() && sent())) {

@@ -8,6 +8,7 @@
 //
 // Not thread-safe: the log holds its lock around each call.
 #pragma once
+#include "base/descriptor.h"
 #include <cstddef>
 #include <memory>
 #include <spdlog/pattern_formatter.h>
@@ -82,14 +83,15 @@ class File_sink final : public Descriptor_sink {
 public:
     // Throws spdlog::spdlog_ex when the file cannot be opened or is not a regular one.
     File_sink(const std::string &path, size_t max_bytes, unsigned max_files);
-    ~File_sink() override;
 
     Progress proceed() override;
     bool reopen() override;
 
 private:
     void rotate();
+    void use(corvane::base::Descriptor file);
 
+    corvane::base::Descriptor file_;
     std::string path_;
     size_t max_bytes_; // 0 = no limit
     unsigned max_files_;
@@ -101,15 +103,14 @@ class Syslog_sink final : public Line_sink {
 public:
     // Throws spdlog::spdlog_ex when nobody answers at the path.
     explicit Syslog_sink(std::string path);
-    ~Syslog_sink() override;
 
     Progress proceed() override;
-    int descriptor() const override { return socket_; }
+    int descriptor() const override { return socket_.get(); }
 
 private:
     void putStart(spdlog::memory_buf_t &line, spdlog::level::level_enum level) override;
     bool connectSocket();
 
     std::string path_;
-    int socket_ = -1;
+    corvane::base::Descriptor socket_;
 };

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "log_writer.h"
+#include "base/thread.h"
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
@@ -8,13 +9,14 @@
 #include <ctime>
 #include <exception>
 #include <poll.h>
-#include <pthread.h>
 #include <sys/eventfd.h>
 #include <sys/signalfd.h>
 #include <unistd.h>
 #include <utility>
 
 namespace {
+
+using corvane::base::Descriptor;
 
 constexpr const char *own_tag = "oru_log";
 constexpr Log_writer::Milliseconds switch_limit{1000};   // for the lines of the sink before
@@ -29,35 +31,11 @@ spdlog::details::log_msg messageOf(const Log_line &line) {
     return {line.head.time, spdlog::source_loc{}, line.tag(), line.head.level, line.text()};
 }
 
-// With all signals blocked: they are for the main thread.
-template <typename Body>
-std::thread startWithoutSignals(Body body) {
-    sigset_t all;
-    sigset_t before;
-    sigfillset(&all);
-    pthread_sigmask(SIG_SETMASK, &all, &before);
-    std::thread thread;
-    try {
-        thread = std::thread(std::move(body));
-        pthread_setname_np(thread.native_handle(), own_tag);
-    } catch (const std::exception &) {
-        // No thread or no memory: the caller sees that it is not joinable.
-    }
-    pthread_sigmask(SIG_SETMASK, &before, nullptr);
-    return thread;
-}
-
-int hangUpDescriptor() {
+Descriptor hangUpDescriptor() {
     sigset_t hang_up;
     sigemptyset(&hang_up);
     sigaddset(&hang_up, SIGHUP);
-    return signalfd(-1, &hang_up, SFD_CLOEXEC | SFD_NONBLOCK);
-}
-
-void closeIfOpen(int &descriptor) {
-    if (descriptor >= 0) {
-        close(std::exchange(descriptor, -1));
-    }
+    return Descriptor(signalfd(-1, &hang_up, SFD_CLOEXEC | SFD_NONBLOCK));
 }
 
 } // namespace
@@ -104,8 +82,8 @@ void Log_writer::setSink(std::unique_ptr<Line_sink> sink) {
     }
     const std::lock_guard sink_guard(sink_lock_);
     const std::lock_guard guard(lock_);
-    closeIfOpen(wake_);
-    closeIfOpen(hang_up_);
+    wake_.reset();
+    hang_up_.reset();
     sink_ = std::move(sink);
     stopping_ = false;
     idle_ = false;
@@ -151,11 +129,10 @@ void Log_writer::waitAfterCrash() const {
 }
 
 void Log_writer::startThread() {
-    wake_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    wake_.reset(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
     hang_up_ = hangUpDescriptor();
     stage_ = Stage::QUEUED;
-    thread_ = wake_ < 0 ? std::thread() : startWithoutSignals([this] { run(); });
-    if (!thread_.joinable()) {
+    if (!wake_ || !corvane::base::startThread(thread_, own_tag, [this] { run(); })) {
         stage_ = Stage::DIRECT; // lines go out as long as nobody stalls
     }
 }
@@ -178,7 +155,7 @@ void Log_writer::enqueue(spdlog::level::level_enum level, std::string_view tag, 
 
 void Log_writer::wake() const {
     const uint64_t one = 1;
-    (void)!::write(wake_, &one, sizeof one);
+    (void)!::write(wake_.get(), &one, sizeof one);
 }
 
 // ------------------------------------------------------------------------------------------------------- the thread
@@ -231,12 +208,12 @@ bool Log_writer::take(Log_line &line) {
 
 // For room in the descriptor (-1: for nothing but these), a call to stop, more lines when idle, or SIGHUP.
 void Log_writer::wait(int descriptor, int limit_ms) {
-    std::array<pollfd, 3> watched = {{{wake_, POLLIN, 0}, {hang_up_, POLLIN, 0}, {descriptor, POLLOUT, 0}}};
+    std::array<pollfd, 3> watched = {{{wake_.get(), POLLIN, 0}, {hang_up_.get(), POLLIN, 0}, {descriptor, POLLOUT, 0}}};
     (void)poll(watched.data(), watched.size(), limit_ms);
     uint64_t ignored = 0;
-    (void)!read(wake_, &ignored, sizeof ignored);
+    (void)!read(wake_.get(), &ignored, sizeof ignored);
     signalfd_siginfo signal{};
-    if (read(hang_up_, &signal, sizeof signal) > 0) {
+    if (read(hang_up_.get(), &signal, sizeof signal) > 0) {
         reopen();
     }
 }

@@ -87,8 +87,8 @@ private:
     std::unique_ptr<Line_sink> sink_;
     uint64_t undelivered_ = 0;
 
-    int wake_ = -1;                     // event descriptor
-    int hang_up_ = -1;                  // signal descriptor of SIGHUP; -1 when there is none
+    corvane::base::Descriptor wake_;    // event descriptor
+    corvane::base::Descriptor hang_up_; // signal descriptor of SIGHUP; none where there is none
     std::atomic<uint64_t> accepted_{0}; // lines for the thread, reports among them
     std::atomic<uint64_t> done_{0};     // those of them that were written or given up
 };
