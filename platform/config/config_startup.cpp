@@ -4,6 +4,7 @@
 // can be written, so that a wrong path is one clear line at start and not a puzzle hours later. Prepares what belongs
 // to the process as a whole: its standard streams, the signals all threads inherit, core dumps. Runs before the daemon
 // forks into the background: no threads, no sockets, no further descriptor stays open.
+#include "base/descriptor.h"
 #include "config_internal.h"
 #include "oru_init.h"
 #include "oru_log_setup.h"
@@ -18,6 +19,8 @@
 #include <unistd.h>
 
 namespace {
+
+using corvane::base::Descriptor;
 
 constexpr const char *log_tag = "oru_config";
 
@@ -45,18 +48,13 @@ bool createMissing(const folder_t &folder) {
 
 // Where there are no files without a name: one with a name, which an earlier start may have left behind.
 bool tryToWriteNamed(const std::string &path) {
-    const int descriptor = open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
-    if (descriptor >= 0) {
-        (void)close(descriptor);
-    }
-    return descriptor >= 0 && unlink(path.c_str()) == 0;
+    const Descriptor file(open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
+    return file && unlink(path.c_str()) == 0;
 }
 
 // Permission bits alone do not tell: read-only mounts, quotas and security modules have their say as well.
 bool tryToWrite(const folder_t &folder) {
-    const int descriptor = open(folder.path.c_str(), O_TMPFILE | O_WRONLY | O_CLOEXEC, 0600);
-    if (descriptor >= 0) {
-        (void)close(descriptor);
+    if (const Descriptor file(open(folder.path.c_str(), O_TMPFILE | O_WRONLY | O_CLOEXEC, 0600)); file) {
         return true;
     }
     // A full disk is no reason to leave the home without its network: the store waits for space.
