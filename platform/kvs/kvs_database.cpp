@@ -15,6 +15,8 @@
 
 namespace {
 
+using corvane::base::Descriptor;
+
 constexpr int schema_version = 1;
 constexpr long schema_mark = 0x43560000; // "CV"; with the number of the schema it is the application_id
 
@@ -408,9 +410,7 @@ kvsResult_t kvsConnection_failure(sqlite3 *connection, const char *action, const
 }
 
 kvsResult_t kvsFile_create(const std::string &path) {
-    const int descriptor = open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
-    if (descriptor >= 0) {
-        (void)close(descriptor);
+    if (const Descriptor file(open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600)); file) {
         kvsFile_syncFolder(path);
         return {};
     }
@@ -419,10 +419,8 @@ kvsResult_t kvsFile_create(const std::string &path) {
 
 void kvsFile_syncFolder(const std::string &path) {
     const std::string folder = path.substr(0, path.rfind('/'));
-    const int descriptor = open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (descriptor >= 0) {
-        (void)fsync(descriptor); // some file systems refuse it for folders; there is nothing better to do then
-        (void)close(descriptor);
+    if (const Descriptor opened(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)); opened) {
+        (void)fsync(opened.get()); // some file systems refuse it for folders; there is nothing better to do then
     }
 }
 

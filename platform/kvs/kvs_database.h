@@ -10,6 +10,7 @@
 //   quarantine  records that failed their check, as they were, with reason and UTC time.
 // crc32c covers the bytes of the key ("group.name"), one zero byte, and the value.
 #pragma once
+#include "base/descriptor.h"
 #include <array>
 #include <cstdint>
 #include <memory>
@@ -104,9 +105,9 @@ kvsResult_t kvsCopy_open(kvsDatabase_t &database, const std::string &directory, 
 // closed then; one that was replaced is left alone (KVS_REPLACED).
 kvsResult_t kvsPlace_keep(kvsDatabase_t &database);
 
-// Takes the lock of the folder unless `descriptor` holds it already, also anew when the lock file was deleted. Where
-// nothing can be written or locked there is nothing to keep apart either: OK without a lock, descriptor -1.
-kvsResult_t kvsLock_take(int &descriptor, const std::string &directory);
+// Takes the lock of the folder unless `held` is it already, also anew when the lock file was deleted. Where
+// nothing can be written or locked there is nothing to keep apart either: OK without a lock, `held` as it was.
+kvsResult_t kvsLock_take(corvane::base::Descriptor &held, const std::string &directory);
 
 kvsFileId_t kvsFile_id(const std::string &path);
 

@@ -14,6 +14,8 @@
 
 namespace {
 
+using corvane::base::Descriptor;
+
 enum class place_t : uint8_t {
     kept,
     lost,     // one of the names is gone, or leads to another file: what is written is gone with the connection
@@ -53,11 +55,9 @@ kvsResult_t saveAsNew(kvsDatabase_t &database) {
     if (sqlite3_step(raw) != SQLITE_DONE) {
         return kvsConnection_failure(connection, "cannot write", target);
     }
-    const int descriptor = open(target.c_str(), O_RDWR | O_CLOEXEC);
-    const bool synced = descriptor >= 0 && fsync(descriptor) == 0;
-    result = synced ? kvsResult_t{} : kvsSystemFailure("cannot write", target, errno);
-    (void)(descriptor >= 0 && close(descriptor));
-    return result;
+    const Descriptor file(open(target.c_str(), O_RDWR | O_CLOEXEC));
+    const bool synced = file && fsync(file.get()) == 0;
+    return synced ? kvsResult_t{} : kvsSystemFailure("cannot write", target, errno);
 }
 
 kvsResult_t writeBack(kvsDatabase_t &database) {
@@ -121,22 +121,21 @@ kvsResult_t kvsPlace_keep(kvsDatabase_t &database) {
     return kvsSystemFailure("cannot read", database.path, errno);
 }
 
-kvsResult_t kvsLock_take(int &descriptor, const std::string &directory) {
+kvsResult_t kvsLock_take(Descriptor &held, const std::string &directory) {
     const std::string path = directory + "/corvane.lock";
-    if (descriptor >= 0 && sameFile(descriptor, path)) {
+    if (held && sameFile(held.get(), path)) {
         return {};
     }
-    int taken = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-    if (taken < 0 && cannotBeWritten(errno)) {
-        taken = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-        if (taken < 0 && (errno == ENOENT || cannotBeWritten(errno))) {
+    Descriptor taken(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+    if (!taken && cannotBeWritten(errno)) {
+        taken.reset(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+        if (!taken && (errno == ENOENT || cannotBeWritten(errno))) {
             return {};
         }
     }
-    kvsResult_t result = taken >= 0 ? lock(taken, directory) : kvsSystemFailure("cannot open", path, errno);
-    const int superseded = result.ok() ? std::exchange(descriptor, taken) : taken;
-    if (superseded >= 0) { // the former one locks a file that has lost its name
-        (void)close(superseded);
+    kvsResult_t result = taken ? lock(taken.get(), directory) : kvsSystemFailure("cannot open", path, errno);
+    if (result.ok()) {
+        held = std::move(taken); // the former one locks a file that has lost its name
     }
     return result;
 }

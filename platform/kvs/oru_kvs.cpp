@@ -55,7 +55,7 @@ enum class trouble_t : uint8_t { none, opening, reading, writing };
 
 struct store_t {
     std::mutex mutex;
-    int lock_descriptor = -1;
+    corvane::base::Descriptor lock; // of the folder
     kvsDatabase_t database;
     kvsResult_t copy_reason;       // why database is a copy only
     bool started = false;          // the wait at start is over
@@ -165,7 +165,7 @@ bool mayBeCopied(int code) {
 kvsResult_t openStore(store_t &store, int timeout_ms) {
     const oruConfig_t &config = oruConfig_get();
     kvsDatabase_t opened;
-    kvsResult_t result = kvsLock_take(store.lock_descriptor, config.state_directory);
+    kvsResult_t result = kvsLock_take(store.lock, config.state_directory);
     if (result.ok()) {
         result = kvsDatabase_open(opened, config.state_directory, timeout_ms);
     }
@@ -182,7 +182,7 @@ kvsResult_t openStore(store_t &store, int timeout_ms) {
 
 // The lock goes with the place of the files.
 kvsResult_t keepPlace(store_t &store) {
-    kvsResult_t result = kvsLock_take(store.lock_descriptor, oruConfig_get().state_directory);
+    kvsResult_t result = kvsLock_take(store.lock, oruConfig_get().state_directory);
     return result.ok() ? kvsPlace_keep(store.database) : result;
 }
 
@@ -590,10 +590,7 @@ void oruKvsTesting_closeStore() {
     store_t &store = theStore();
     const std::lock_guard guard(store.mutex);
     kvsDatabase_close(store.database);
-    if (store.lock_descriptor >= 0) {
-        (void)close(store.lock_descriptor);
-    }
-    store.lock_descriptor = -1;
+    store.lock.reset();
     store.started = store.reopen = store.overflow_logged = false;
     store.waiting.clear();
     store.erasing.clear();
