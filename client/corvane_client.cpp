@@ -259,12 +259,12 @@ static_assert(PAGE_NODES == 5);
 Outcome readPage(Client &client, std::size_t wanted, NodePage &page) {
     alignas(oruZb_nodeInfoList_t) std::array<uint8_t, PAGE_HEADER + PAGE_NODES * NODE_SIZE> memory{};
     const auto buffer = std::span(memory).first(PAGE_HEADER + wanted * NODE_SIZE);
-    oipc::put(buffer, 0, page.next);
+    base::ByteWriter(buffer).u32(page.next);
     const auto outcome = client.callSync(ORU_ZB_SVC_GET_CONN_NODES, buffer, buffer);
     if (!outcome.answered()) {
         return outcome;
     }
-    const uint32_t written = oipc::get<uint32_t>(buffer, 0) - page.next;
+    const uint32_t written = base::ByteReader(buffer).u32() - page.next;
     if (written > wanted) {
         return {Transport::Ok, ORU_STATUS_DATA_LEN_INVALID};
     }
@@ -303,7 +303,7 @@ Outcome Client::bind(uint16_t node_id, Bytes body) {
     if (body.size() > payload.size() - sizeof node_id) {
         return {Transport::Invalid, ORU_STATUS_DATA_LEN_INVALID};
     }
-    oipc::put(std::span(payload), 0, node_id);
+    base::ByteWriter(payload).u16(node_id);
     std::ranges::copy(body, payload.begin() + sizeof node_id);
     return callSync(ORU_ZB_SVC_BINDING, Bytes(payload).first(sizeof node_id + body.size()), {});
 }

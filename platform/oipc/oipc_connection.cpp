@@ -26,7 +26,7 @@ std::size_t OutgoingQueue::frontSize() const {
     for (std::size_t i = 0; i < header.size(); ++i) {
         header[i] = (*ring_)[(first_ + i) % QUEUE_BYTES];
     }
-    return HEADER_SIZE + get<uint32_t>(header, PAYLOAD_LENGTH_OFFSET);
+    return HEADER_SIZE + base::ByteReader(Bytes(header).subspan(PAYLOAD_LENGTH_OFFSET)).u32();
 }
 
 std::array<Bytes, 2> OutgoingQueue::front() const {

@@ -53,7 +53,7 @@ enum class SendResult : uint8_t {
 class Connection {
 public:
     // Takes the socket only when there is memory for the queue.
-    Connection(Fd &&socket, uint16_t client_id, Peer credentials)
+    Connection(Descriptor &&socket, uint16_t client_id, Peer credentials)
         : id(client_id), peer(std::move(credentials)), fd_(std::move(socket)) {}
 
     int fd() const { return fd_.get(); }
@@ -84,7 +84,7 @@ public:
 
 private:
     OutgoingQueue queue_;
-    Fd fd_;
+    Descriptor fd_;
     std::mutex mutex_; // guards queue_ and closed_; nothing is called under it that takes another lock
     bool closed_ = false;
     alignas(8) oruSecret_bytes_t<MAX_PAYLOAD> payload_; // install codes come in by it, the network key goes out

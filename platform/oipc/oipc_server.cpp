@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "oipc_server.h"
+#include "base/thread.h"
 #include "oipc_log.h"
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <csignal>
 #include <cstring>
 #include <fcntl.h>
 #include <new>
@@ -30,34 +30,17 @@ constexpr uint16_t clientIdAfter(uint16_t id) {
 static_assert(clientIdAfter(0) == 1 && clientIdAfter(0xFFFD) == 0xFFFE && clientIdAfter(0xFFFE) == 1,
               "0 and 0xFFFF name no client");
 
-// Signals are for the main thread; a thread inherits the mask of its creator.
-class SignalsBlocked {
-public:
-    SignalsBlocked() {
-        sigset_t all;
-        sigfillset(&all);
-        pthread_sigmask(SIG_SETMASK, &all, &former_);
-    }
-    ~SignalsBlocked() { pthread_sigmask(SIG_SETMASK, &former_, nullptr); }
-    SignalsBlocked(const SignalsBlocked &) = delete;
-    SignalsBlocked &operator=(const SignalsBlocked &) = delete;
-
-private:
-    sigset_t former_{};
-};
-
 constexpr std::chrono::seconds HOUSEKEEPING_INTERVAL{1};
 constexpr int SHORTAGE_PAUSE_MS = 50;
 
-template <class Function>
-bool createThread(std::thread &thread, Function function) {
-    try {
-        thread = std::thread(std::move(function));
-        return true;
-    } catch (const std::exception &error) { // no memory, or too many threads
-        OIPC_LOG(ORU_LOG_ERROR, "cannot create a thread: %s", error.what());
-        return false;
+// No signal reaches it.
+template <class Body>
+bool createThread(std::thread &thread, const char *name, Body body) {
+    const bool created = base::startThread(thread, name, std::move(body));
+    if (!created) {
+        OIPC_LOG(ORU_LOG_ERROR, "cannot create a thread: %s", std::strerror(errno));
     }
+    return created;
 }
 
 } // namespace
@@ -111,9 +94,9 @@ oru_status_t Server::start() {
 }
 
 oru_status_t Server::openDescriptors() {
-    epoll_ = Fd(::epoll_create1(EPOLL_CLOEXEC));
-    wake_ = Fd(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
-    spare_ = Fd(::open("/dev/null", O_RDONLY | O_CLOEXEC));
+    epoll_ = Descriptor(::epoll_create1(EPOLL_CLOEXEC));
+    wake_ = Descriptor(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    spare_ = Descriptor(::open("/dev/null", O_RDONLY | O_CLOEXEC));
     if (!epoll_ || !wake_ || !spare_) {
         OIPC_LOG(ORU_LOG_ERROR, "cannot create descriptors: %s", std::strerror(errno));
         return ORU_STATUS_GENERAL_ERROR;
@@ -123,9 +106,8 @@ oru_status_t Server::openDescriptors() {
 
 bool Server::startThread() {
     epoll_event wake_event{.events = EPOLLIN, .data = {.u64 = KEY_WAKE}};
-    const SignalsBlocked blocked;
     return watchListener(listener_) && ::epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, wake_.get(), &wake_event) == 0 &&
-           createThread(io_thread_, [this] { run(); });
+           createThread(io_thread_, "oru_oipc", [this] { run(); });
 }
 
 bool Server::watchListener(const Socket_file &listener) const {
@@ -215,7 +197,7 @@ void Server::wake() const {
 
 // True when there was a client; whether it came in is another question.
 bool Server::accept() {
-    Fd fd(::accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC));
+    Descriptor fd(::accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC));
     if (fd) {
         reap(); // a client that went away just before makes room
         admit(std::move(fd));
@@ -236,8 +218,8 @@ void Server::recoverFromDescriptorShortage() {
         pauseAccepting();
     }
     spare_.reset();
-    Fd(::accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC)).reset();
-    spare_ = Fd(::open("/dev/null", O_RDONLY | O_CLOEXEC));
+    Descriptor(::accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC)).reset();
+    spare_ = Descriptor(::open("/dev/null", O_RDONLY | O_CLOEXEC));
 }
 
 void Server::pauseAccepting() const {
@@ -258,7 +240,7 @@ Reason Server::admission(const Peer &peer, bool known) const {
                                                                                      : Reason::None;
 }
 
-void Server::admit(Fd fd) {
+void Server::admit(Descriptor fd) {
     Peer peer;
     Reason reason = Reason::OutOfResources;
     try {
@@ -279,10 +261,9 @@ void Server::enter(const std::shared_ptr<Connection> &connection) {
     const std::lock_guard lock(mutex_);
     greet(*connection);
     connections_.push_back(connection); // into memory that is there
-    // Watched without EPOLLOUT until a frame has to wait; one-shot, or a hang-up would be reported for ever. The thread
-    // inherits this thread's mask: all signals blocked.
+    // Watched without EPOLLOUT until a frame has to wait; one-shot, or a hang-up would be reported for ever.
     if (!watch(*connection, EPOLL_CTL_ADD, 0) ||
-        !createThread(connection->thread, [this, connection] { serve(connection); })) {
+        !createThread(connection->thread, "oipc_client", [this, connection] { serve(connection); })) {
         connections_.pop_back();
         refuse(*connection, Reason::OutOfResources);
     }

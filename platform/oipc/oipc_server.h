@@ -44,7 +44,7 @@ private:
     void run();
     void handleEvents(std::chrono::milliseconds patience);
     bool accept();
-    void admit(Fd fd);
+    void admit(Descriptor fd);
     void enter(const std::shared_ptr<Connection> &connection);
     void turnAway(int fd, const Peer &peer, Reason reason);
     void tellOfTurnedAway();
@@ -72,9 +72,9 @@ private:
     const ServerSettings settings_;
     AccessRules rules_;
     Socket_file listener_;
-    Fd epoll_;
-    Fd wake_;
-    Fd spare_; // given up to accept and close a connection when the process has no descriptor left
+    Descriptor epoll_;
+    Descriptor wake_;
+    Descriptor spare_; // given up to accept and close a connection when the process has no descriptor left
     std::thread io_thread_;
     std::atomic<bool> stopping_{false};
     // io thread

@@ -63,7 +63,7 @@ std::optional<gid_t> groupId(const std::string &name) {
 
 // The kernel's number for users or groups that have none here. Where a sandbox hides /proc/sys, the kernel's default.
 uint32_t overflowId(const char *file) {
-    const Fd source(::open(file, O_RDONLY | O_CLOEXEC));
+    const Descriptor source(::open(file, O_RDONLY | O_CLOEXEC));
     std::array<char, 16> text{};
     const ssize_t size = source ? ::read(source.get(), text.data(), text.size()) : 0;
     const auto number = parseNumber(std::string(text.data(), static_cast<std::size_t>(std::max<ssize_t>(size, 1)) - 1));

@@ -11,7 +11,7 @@
 
 namespace oipc {
 
-using Fd = corvane::base::Descriptor;
+using corvane::base::Descriptor;
 
 struct SocketSettings {
     std::string path{};

@@ -13,6 +13,7 @@
 //          12  i32  status           of results and refusals, else 0
 //          16  u32  payload_length   0 to 4096
 #pragma once
+#include "base/bytes.h"
 #include "oru_status.h"
 #include <array>
 #include <cstddef>
@@ -20,6 +21,8 @@
 #include <span>
 
 namespace oipc {
+
+namespace base = corvane::base;
 
 constexpr uint16_t MAGIC = 0x5643; // "CV" as it lies in memory
 constexpr uint8_t VERSION = 1;
@@ -76,32 +79,17 @@ struct Hello {
 };
 constexpr std::size_t HELLO_SIZE = 2 + 2 + 4 + 4;
 
-template <class T>
-constexpr void put(std::span<uint8_t> bytes, std::size_t offset, T value) {
-    for (std::size_t i = 0; i < sizeof(T); ++i) {
-        bytes[offset + i] = static_cast<uint8_t>(static_cast<uint64_t>(value) >> (8 * i));
-    }
-}
-
-template <class T>
-constexpr T get(std::span<const uint8_t> bytes, std::size_t offset) {
-    uint64_t value = 0;
-    for (std::size_t i = 0; i < sizeof(T); ++i) {
-        value |= static_cast<uint64_t>(bytes[offset + i]) << (8 * i);
-    }
-    return static_cast<T>(value);
-}
-
 constexpr std::array<uint8_t, HEADER_SIZE> encodeHeader(const FrameHeader &header) {
     std::array<uint8_t, HEADER_SIZE> bytes{};
-    put(bytes, 0, MAGIC);
-    put(bytes, 2, VERSION);
-    put(bytes, 3, static_cast<uint8_t>(header.type));
-    put(bytes, 4, header.id);
-    put(bytes, 6, header.callback_id);
-    put(bytes, 8, header.sequence);
-    put(bytes, 12, header.status);
-    put(bytes, PAYLOAD_LENGTH_OFFSET, header.payload_length);
+    base::ByteWriter writer(bytes);
+    writer.u16(MAGIC);
+    writer.u8(VERSION);
+    writer.u8(static_cast<uint8_t>(header.type));
+    writer.u16(header.id);
+    writer.u16(header.callback_id);
+    writer.u32(header.sequence);
+    writer.u32(static_cast<uint32_t>(header.status));
+    writer.u32(header.payload_length);
     return bytes;
 }
 
@@ -111,22 +99,23 @@ constexpr Reason decodeHeader(std::span<const uint8_t> bytes, std::size_t receiv
     if (bytes.size() < HEADER_SIZE || received < HEADER_SIZE) {
         return Reason::ShortFrame;
     }
-    if (get<uint16_t>(bytes, 0) != MAGIC) {
+    base::ByteReader reader(bytes);
+    if (reader.u16() != MAGIC) {
         return Reason::WrongMagic;
     }
-    if (get<uint8_t>(bytes, 2) != VERSION) {
+    if (reader.u8() != VERSION) {
         return Reason::WrongVersion;
     }
-    const auto type = get<uint8_t>(bytes, 3);
+    const auto type = reader.u8();
     if (type < static_cast<uint8_t>(FrameType::SyncCall) || type > static_cast<uint8_t>(FrameType::Refusal)) {
         return Reason::UnknownType;
     }
     header.type = static_cast<FrameType>(type);
-    header.id = get<uint16_t>(bytes, 4);
-    header.callback_id = get<uint16_t>(bytes, 6);
-    header.sequence = get<uint32_t>(bytes, 8);
-    header.status = get<int32_t>(bytes, 12);
-    header.payload_length = get<uint32_t>(bytes, PAYLOAD_LENGTH_OFFSET);
+    header.id = reader.u16();
+    header.callback_id = reader.u16();
+    header.sequence = reader.u32();
+    header.status = static_cast<int32_t>(reader.u32());
+    header.payload_length = reader.u32();
     if (header.payload_length > MAX_PAYLOAD || received > MAX_FRAME) {
         return Reason::TooLong;
     }
@@ -135,23 +124,22 @@ constexpr Reason decodeHeader(std::span<const uint8_t> bytes, std::size_t receiv
 
 constexpr std::array<uint8_t, HELLO_SIZE> encodeHello(const Hello &hello) {
     std::array<uint8_t, HELLO_SIZE> bytes{};
-    put(bytes, 0, hello.client_id);
-    put(bytes, 2, hello.service_uuid);
-    put(bytes, 4, hello.max_payload);
-    put(bytes, 8, hello.max_clients);
+    base::ByteWriter writer(bytes);
+    writer.u16(hello.client_id);
+    writer.u16(hello.service_uuid);
+    writer.u32(hello.max_payload);
+    writer.u32(hello.max_clients);
     return bytes;
 }
 
 // False when the payload is too short. Later versions may append fields.
 constexpr bool decodeHello(std::span<const uint8_t> bytes, Hello &hello) {
-    if (bytes.size() < HELLO_SIZE) {
-        return false;
-    }
-    hello.client_id = get<uint16_t>(bytes, 0);
-    hello.service_uuid = get<uint16_t>(bytes, 2);
-    hello.max_payload = get<uint32_t>(bytes, 4);
-    hello.max_clients = get<uint32_t>(bytes, 8);
-    return true;
+    base::ByteReader reader(bytes);
+    hello.client_id = reader.u16();
+    hello.service_uuid = reader.u16();
+    hello.max_payload = reader.u32();
+    hello.max_clients = reader.u32();
+    return reader.ok();
 }
 
 struct ReasonInfo {

@@ -123,15 +123,15 @@ TEST_F(ClientTest, NodePagesAreJoinedWithoutAskingForTooMany) {
     uint32_t count = 0;
     custom = [&](oruOipc_parameter_t &task) -> oru_status_t { // pages as the service gives them
         const std::span bytes(static_cast<uint8_t *>(task.buffer), 4096);
-        auto index = oipc::get<uint32_t>(bytes, 0);
+        auto index = ByteReader(bytes).u32();
         if (task.function_id == ORU_ZB_SVC_GETDEVICE_COUNT) {
-            oipc::put(bytes, 0, count);
+            ByteWriter(bytes).u32(count);
             return ORU_STATUS_OK;
         }
         for (uint32_t k = 0; k < (*task.data_length - 4) / 748; ++k, ++index) {
             EXPECT_LT(index, count);
-            oipc::put(bytes, 4 + k * 748, static_cast<uint16_t>(index + 100));
-            oipc::put(bytes, 0, index + 1);
+            ByteWriter(bytes.subspan(4 + k * 748)).u16(static_cast<uint16_t>(index + 100));
+            ByteWriter(bytes).u32(index + 1);
         }
         return index < count ? ORU_STATUS_UNRECOVERABLE : ORU_STATUS_OK;
     };
@@ -157,7 +157,7 @@ TEST_F(ClientTest, NodePagesAreJoinedWithoutAskingForTooMany) {
             if (task.function_id == ORU_ZB_SVC_GETDEVICE_COUNT) {
                 return asked(task);
             }
-            oipc::put(std::span(static_cast<uint8_t *>(task.buffer), 4), 0, claimed);
+            ByteWriter({static_cast<uint8_t *>(task.buffer), 4}).u32(claimed);
             return ORU_STATUS_UNRECOVERABLE;
         };
         const auto page = client.connectedNodes();
@@ -191,7 +191,7 @@ TEST_F(ClientTest, CompletionsComeOnceAndCarryTheStatus) {
     EXPECT_EQ(ids[3], ORU_ZB_NO_CALLBACK);
     for (const auto &[id, status] : {std::pair{ids[1], -27}, {ids[0], 0}, {ids[0], -1}}) { // the second is nobody's
         Payload answer(4);
-        oipc::put(std::span(answer), 0, status);
+        ByteWriter(answer).u32(static_cast<uint32_t>(status));
         EXPECT_EQ(callback(1, id, answer), ORU_STATUS_OK);
     }
     EXPECT_TRUE(echo().ok()); // behind the answers

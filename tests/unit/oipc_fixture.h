@@ -19,6 +19,8 @@
 namespace oipc_test {
 
 using Payload = std::vector<uint8_t>;
+using corvane::base::ByteReader;
+using corvane::base::ByteWriter;
 using oipc::FrameType;
 using namespace testplat;
 constexpr auto PATIENCE = std::chrono::milliseconds(PATIENCE_MS);

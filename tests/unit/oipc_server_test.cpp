@@ -43,21 +43,21 @@ TEST_F(OipcTest, StartRefusesWhatItCannotServe) {
     EXPECT_EQ(std::filesystem::file_size(path), 8U) << "a file that is no socket is left alone";
     std::filesystem::remove(path);
     for (const int type : {SOCK_SEQPACKET, SOCK_STREAM}) {
-        const oipc::Fd other(listenAt(path, type)); // a stale socket is left behind
+        const oipc::Descriptor other(listenAt(path, type)); // a stale socket is left behind
         EXPECT_EQ(start(), ORU_STATUS_ALREADY_EXISTS);
         EXPECT_TRUE(std::filesystem::is_socket(path));
         if (type == SOCK_SEQPACKET) {
             std::filesystem::remove(path);
         }
     }
-    oipc::Fd locked(::open(directory.c_str(), O_RDONLY | O_CLOEXEC)); // as anybody can
+    oipc::Descriptor locked(::open(directory.c_str(), O_RDONLY | O_CLOEXEC)); // as anybody can
     EXPECT_EQ(::flock(locked.get(), LOCK_EX), 0);
     ASSERT_EQ(start(), ORU_STATUS_OK);
     EXPECT_EQ(start(), ORU_STATUS_ALREADY_INITIALIZED);
     EXPECT_EQ(hello(RawClient(path)), 1);
     stop();
     EXPECT_TRUE(std::filesystem::is_empty(directory));
-    locked = oipc::Fd(::open((path + ".lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+    locked = oipc::Descriptor(::open((path + ".lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
     EXPECT_EQ(::flock(locked.get(), LOCK_EX), 0);
     EXPECT_EQ(start(), ORU_STATUS_BUSY) << "a process is starting";
 }
@@ -82,7 +82,7 @@ TEST_F(OipcTest, TheSocketCanBeFoundAsLongAsNobodyElseTakesItsName) {
     std::filesystem::create_directory(directory);
     EXPECT_TRUE(comesBack());
     std::filesystem::remove(path);
-    const oipc::Fd successor(listenAt(path));
+    const oipc::Descriptor successor(listenAt(path));
     stop();
     EXPECT_TRUE(RawClient(path).connected()) << "not ours to remove";
 }
@@ -211,7 +211,7 @@ TEST_F(OipcTest, QueuedFramesKeepTheirOrderAndAFullQueueEndsTheConnection) {
         uint32_t count = 0;
         oru_status_t status = ORU_STATUS_OK;
         for (Payload payload(size); count < most; ++count) {
-            oipc::put(std::span(payload), 0, count);
+            ByteWriter(payload).u32(count);
             status = callback(client, 700, payload);
             if (status != ORU_STATUS_OK) {
                 EXPECT_EQ(status, ORU_STATUS_BUSY);
@@ -225,7 +225,7 @@ TEST_F(OipcTest, QueuedFramesKeepTheirOrderAndAFullQueueEndsTheConnection) {
             const RawFrame frame = client.receive();
             ASSERT_EQ(frame.header.type, FrameType::Callback) << i;
             ASSERT_EQ(frame.header.payload_length, size);
-            ASSERT_EQ(oipc::get<uint32_t>(frame.payload(), 0), i);
+            ASSERT_EQ(ByteReader(frame.payload()).u32(), i);
         }
     };
     uint16_t id = 0;
@@ -278,7 +278,7 @@ TEST_F(OipcTest, WithoutADescriptorAClientIsTurnedAwayAndTheNextIsServed) {
     ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &former), 0);
     const rlimit low{100, former.rlim_max};
     ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &low), 0);
-    std::vector<oipc::Fd> all;
+    std::vector<oipc::Descriptor> all;
     const RawClient unlucky(openSocket(path, [&](int fd, auto... address) {
         for (int copy = ::dup(fd); copy >= 0; copy = ::dup(fd)) {
             all.emplace_back(copy);
