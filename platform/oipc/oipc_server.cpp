@@ -11,6 +11,7 @@
 #include <poll.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
+#include <sys/inotify.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -21,6 +22,7 @@ namespace {
 // epoll keys beside the client ids, which are 1 to 0xFFFE
 constexpr uint64_t KEY_LISTENER = 0x10000;
 constexpr uint64_t KEY_WAKE = 0x10001;
+constexpr uint64_t KEY_FOLDER = 0x10002;
 
 constexpr uint16_t LAST_CLIENT_ID = 0xFFFE;
 
@@ -45,7 +47,8 @@ bool createThread(std::thread &thread, const char *name, Body body) {
 
 } // namespace
 
-Server::Server(ServerSettings settings) : settings_(std::move(settings)) {
+Server::Server(ServerSettings settings)
+    : settings_(std::move(settings)), folder_(settings_.socket.path.substr(0, settings_.socket.path.rfind('/'))) {
     // Clients that went away while their last call runs are counted apart, so there can be twice as many.
     connections_.reserve(2 * std::size_t{settings_.max_clients});
 }
@@ -101,18 +104,21 @@ oru_status_t Server::openDescriptors() {
         OIPC_LOG(ORU_LOG_ERROR, "cannot create descriptors: %s", std::strerror(errno));
         return ORU_STATUS_GENERAL_ERROR;
     }
+    folder_events_.reset(::inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
+    if (!folder_events_ || !watch(folder_events_.get(), KEY_FOLDER) || !watchFolder()) {
+        keepHouseSoon();
+    }
     return ORU_STATUS_OK;
 }
 
 bool Server::startThread() {
-    epoll_event wake_event{.events = EPOLLIN, .data = {.u64 = KEY_WAKE}};
-    return watchListener(listener_) && ::epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, wake_.get(), &wake_event) == 0 &&
+    return watch(listener_.get(), KEY_LISTENER) && watch(wake_.get(), KEY_WAKE) &&
            createThread(io_thread_, "oru_oipc", [this] { run(); });
 }
 
-bool Server::watchListener(const Socket_file &listener) const {
-    epoll_event event{.events = EPOLLIN, .data = {.u64 = KEY_LISTENER}};
-    return ::epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, listener.get(), &event) == 0;
+bool Server::watch(int fd, uint64_t key) const {
+    epoll_event event{.events = EPOLLIN, .data = {.u64 = key}};
+    return ::epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, fd, &event) == 0;
 }
 
 void Server::stop() {
@@ -131,23 +137,31 @@ void Server::stop() {
 }
 
 void Server::run() {
-    using Clock = std::chrono::steady_clock;
-    auto due = Clock::now() + HOUSEKEEPING_INTERVAL;
     while (!stopping_) {
-        handleEvents(std::chrono::ceil<std::chrono::milliseconds>(due - Clock::now()));
+        handleEvents();
         reap();
-        if (Clock::now() >= due) {
+        if (Clock::now() >= due_) {
+            due_ = NEVER;
             tellOfTurnedAway();
             keepName();
-            due = Clock::now() + HOUSEKEEPING_INTERVAL;
         }
     }
 }
 
-void Server::handleEvents(std::chrono::milliseconds patience) {
+// An idle server sleeps until somebody comes.
+int Server::patience() const {
+    using Milliseconds = std::chrono::milliseconds;
+    const auto left = std::max(std::chrono::ceil<Milliseconds>(due_ - Clock::now()), Milliseconds::zero());
+    return due_ == NEVER ? -1 : static_cast<int>(left.count());
+}
+
+void Server::keepHouseSoon() {
+    due_ = std::min(due_, Clock::now() + HOUSEKEEPING_INTERVAL);
+}
+
+void Server::handleEvents() {
     std::array<epoll_event, 16> events{};
-    const auto wait_ms = static_cast<int>(std::max<int64_t>(patience.count(), 0));
-    const int count = ::epoll_wait(epoll_.get(), events.data(), static_cast<int>(events.size()), wait_ms);
+    const int count = ::epoll_wait(epoll_.get(), events.data(), static_cast<int>(events.size()), patience());
     for (int i = 0; i < count && !stopping_; ++i) {
         const uint64_t key = events[static_cast<std::size_t>(i)].data.u64;
         if (key == KEY_LISTENER) {
@@ -155,6 +169,8 @@ void Server::handleEvents(std::chrono::milliseconds patience) {
         } else if (key == KEY_WAKE) {
             uint64_t ignored = 0;
             (void)!::read(wake_.get(), &ignored, sizeof ignored);
+        } else if (key == KEY_FOLDER) {
+            handleChangeOfFolder();
         } else {
             flush(static_cast<uint16_t>(key));
         }
@@ -163,9 +179,31 @@ void Server::handleEvents(std::chrono::milliseconds patience) {
 
 // A socket that was deleted under the service would serve nobody but those who are connected, for ever.
 void Server::keepName() {
-    if (listener_.isInPlace() || listenAgain()) {
-        name_lost_ = false;
+    const bool watched = watchFolder(); // first, or what happens after the look would not be seen
+    name_lost_ = !listener_.isInPlace() && !listenAgain();
+    if (name_lost_ || !watched) {
+        keepHouseSoon();
     }
+}
+
+// The folder may be another one than at the last call. False when it is missing, or when the user has no inotify
+// instance left; then looking once a second has to do.
+bool Server::watchFolder() {
+    constexpr uint32_t NAMES_GONE = IN_DELETE | IN_MOVE | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR;
+    const int former =
+        std::exchange(folder_watch_, ::inotify_add_watch(folder_events_.get(), folder_.c_str(), NAMES_GONE));
+    if (former >= 0 && former != folder_watch_) {
+        (void)::inotify_rm_watch(folder_events_.get(), former); // gone already when the folder was deleted
+    }
+    return folder_watch_ >= 0;
+}
+
+// Not at once: somebody who deletes the socket whenever he sees it must not keep this thread and the log busy.
+void Server::handleChangeOfFolder() {
+    std::array<char, 4096> events; // whichever they are, the name is looked at
+    while (::read(folder_events_.get(), events.data(), events.size()) > 0) {
+    }
+    keepHouseSoon();
 }
 
 bool Server::listenAgain() try {
@@ -178,7 +216,7 @@ bool Server::listenAgain() try {
         name_lost_ = true;
         return false;
     }
-    if (!watchListener(fresh)) {
+    if (!watch(fresh.get(), KEY_LISTENER)) {
         return false;
     }
     while (accept()) { // who had connected before
@@ -271,9 +309,10 @@ void Server::enter(const std::shared_ptr<Connection> &connection) {
 
 // Anybody may knock as often as he likes; the log must not be his.
 void Server::turnAway(int fd, const Peer &peer, Reason reason) {
-    const auto now = std::chrono::steady_clock::now();
+    const auto now = Clock::now();
     if (now < quiet_until_) {
         ++turned_away_;
+        keepHouseSoon();
     } else {
         quiet_until_ = now + HOUSEKEEPING_INTERVAL;
         OIPC_LOG(ORU_LOG_WARN, "client 0 (user %u, process %d) refused: %s", peer.uid, peer.pid,

@@ -3,7 +3,7 @@
 // The server behind oru_oipc.h.
 //
 //   io thread        epoll: accepts clients, writes queued frames when a client's socket has room again, joins the
-//                    handler threads that have ended, looks once a second whether the socket can still be found
+//                    handler threads that have ended, makes the socket again when its name is gone from the folder
 //   handler thread   one per client: reads a call, runs the handler, sends the result
 //   any thread       callback(), publish(): written to the socket at once, or queued when it is full
 //
@@ -42,7 +42,10 @@ public:
 
 private:
     void run();
-    void handleEvents(std::chrono::milliseconds patience);
+    int patience() const; // milliseconds, as epoll_wait takes them
+    void handleEvents();
+    void keepHouseSoon();
+    void handleChangeOfFolder();
     bool accept();
     void admit(Descriptor fd);
     void enter(const std::shared_ptr<Connection> &connection);
@@ -50,7 +53,8 @@ private:
     void tellOfTurnedAway();
     void keepName();
     bool listenAgain();
-    bool watchListener(const Socket_file &listener) const;
+    bool watchFolder();
+    bool watch(int fd, uint64_t key) const;
     void pauseAccepting() const;
     void greet(Connection &connection) const;
     void flush(uint16_t client);
@@ -69,7 +73,11 @@ private:
     bool watch(const Connection &connection, int operation, uint32_t events) const;
     void wake() const;
 
+    using Clock = std::chrono::steady_clock;
+    static constexpr Clock::time_point NEVER = Clock::time_point::max();
+
     const ServerSettings settings_;
+    const std::string folder_; // of the socket
     AccessRules rules_;
     Socket_file listener_;
     Descriptor epoll_;
@@ -77,11 +85,14 @@ private:
     Descriptor spare_; // given up to accept and close a connection when the process has no descriptor left
     std::thread io_thread_;
     std::atomic<bool> stopping_{false};
+    Descriptor folder_events_; // inotify; none when the user has no instance left
     // io thread
+    int folder_watch_ = -1;
+    Clock::time_point due_ = NEVER; // of what is not done at once, see run()
     uint16_t last_client_id_ = 0;
-    bool name_lost_ = false;                              // and said so
-    uint32_t turned_away_ = 0;                            // without a line in the log
-    std::chrono::steady_clock::time_point quiet_until_{}; // no line about another one
+    bool name_lost_ = false;          // and said so
+    uint32_t turned_away_ = 0;        // without a line in the log
+    Clock::time_point quiet_until_{}; // no line about another one
 
     // Guards connections_; sends happen under it (they never wait), so that all clients see events in one order.
     // Before Connection's own mutex. Changed by the io thread only, and by stop() after that has ended.

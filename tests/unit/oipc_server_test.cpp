@@ -81,10 +81,14 @@ TEST_F(OipcTest, TheSocketCanBeFoundAsLongAsNobodyElseTakesItsName) {
     std::filesystem::remove_all(directory); // with the folder
     std::filesystem::create_directory(directory);
     EXPECT_TRUE(comesBack());
+    std::filesystem::rename(directory, directory + ".moved"); // and by another one
+    std::filesystem::create_directory(directory);
+    EXPECT_TRUE(comesBack());
     std::filesystem::remove(path);
     const oipc::Descriptor successor(listenAt(path));
     stop();
     EXPECT_TRUE(RawClient(path).connected()) << "not ours to remove";
+    std::filesystem::remove_all(directory + ".moved");
 }
 
 TEST(OipcAccess, RulesDecideByUserAndGroup) {
