@@ -386,6 +386,7 @@ void quarantine(kvsDatabase_t &database, const std::vector<unsound_t> &records) 
     if (sqlite3_get_autocommit(database.connection.get()) == 0) {
         (void)sqlite3_exec(database.connection.get(), "ROLLBACK", nullptr, nullptr, nullptr); // nothing changed then
     }
+    kvs_set_aside.records += code == SQLITE_OK ? static_cast<uint32_t>(records.size()) : 0U; // else met again
     for (const unsound_t &record : records) {
         oruLog_log(ORU_LOG_ID_MAIN, ORU_LOG_ERROR, kvs_log_tag,
                    "store: record \"%s\" is damaged (%s) and left out; %s table quarantine of %s", record.key.c_str(),

@@ -95,6 +95,13 @@ kvsResult_t kvsDatabase_eraseGroup(kvsDatabase_t &database, std::string_view gro
 // Adds the names of all sound records of the group; unsound records of any group go to quarantine on the way.
 kvsResult_t kvsDatabase_listNames(kvsDatabase_t &database, std::string_view group, std::set<std::string> &names);
 
+// What was found damaged and kept apart, since the process started.
+struct kvsSetAside_t {
+    uint32_t files = 0;
+    uint32_t records = 0;
+};
+inline kvsSetAside_t kvs_set_aside;
+
 // ---- kvs_place.cpp: where the files are ----
 
 // Opens a copy of the database and its log, made in `scratch` (a folder of its own, emptied first), for a medium that

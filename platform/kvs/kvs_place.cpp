@@ -155,7 +155,9 @@ kvsResult_t kvsCopy_open(kvsDatabase_t &database, const std::string &directory, 
     if (error) {
         return kvsSystemFailure("cannot copy", original, error.value());
     }
+    const kvsSetAside_t before = kvs_set_aside;
     const kvsResult_t result = kvsDatabase_open(database, scratch, 0);
+    kvs_set_aside = before; // what is damaged is so in the original, which is still there
     database.copy = true;
     if (!result.ok()) {
         kvsDatabase_close(database);

@@ -336,6 +336,7 @@ kvsResult_t kvsRebuild_resume(const std::string &path) {
     std::string aside;
     kvsResult_t result = takeOver(path, aside);
     if (result.ok()) {
+        ++kvs_set_aside.files;
         oruLog_log(ORU_LOG_ID_MAIN, ORU_LOG_ERROR, kvs_log_tag,
                    "store: a repair of %s that was cut short is finished%s%s", path.c_str(),
                    aside.empty() ? "" : "; the file was set aside as ", aside.c_str());
@@ -351,6 +352,8 @@ kvsResult_t kvsRebuild_run(const std::string &path, const std::string &reason) {
         result = kvsRebuild_replace(path, aside);
     }
     if (result.ok()) {
+        ++kvs_set_aside.files;
+        kvs_set_aside.records += salvage.quarantined;
         oruLog_log(ORU_LOG_ID_MAIN, ORU_LOG_ERROR, kvs_log_tag,
                    "store: %s; the file was set aside as %s, a new one begun with %u records recovered from it and %u "
                    "in quarantine",

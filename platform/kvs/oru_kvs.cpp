@@ -10,11 +10,12 @@
 // erased must not be back after a restart. The removal of one key is not kept: its failure changes nothing, and its
 // caller keeps its record.
 //
-// One mutex guards everything here. It is never held while a callback runs; the log and the timers' own lock are the
-// only things taken under it.
+// One mutex guards everything here. It is never held while a callback runs; the log, the timers' own lock and that of
+// the state that others are told (kvs_state.cpp) are the only things taken under it.
 #include "oru_kvs.h"
 #include "kvs_database.h"
 #include "oru_config.h"
+#include "oru_kvs_state.h"
 #include "oru_kvs_testing.h"
 #include "oru_log.h"
 #include "oru_time.h"
@@ -64,7 +65,9 @@ struct store_t {
     std::deque<waiting_t> waiting; // one entry per key
     std::set<std::string> erasing; // groups; values of theirs in `waiting` are newer than the erasure
     trouble_t trouble = trouble_t::none;
-    std::set<int> reported;    // codes of failures logged since the trouble began
+    bool unread = false;       // something could not be read since the trouble began
+    std::string last_failure;  // since the trouble began
+    std::set<int> reported;    // codes of failures logged since then
     unsigned written_late = 0; // waiting values written since then
     bool overflow_logged = false;
     oruTimer_t timer{};
@@ -131,6 +134,7 @@ bool changesWait(const store_t &store) {
 void noteFailure(store_t &store, trouble_t trouble, const kvsResult_t &result) {
     store.reopen = store.reopen || !keepsConnection(result);
     store.trouble = std::max(store.trouble, trouble);
+    store.last_failure = result.text;
     if (store.reported.insert(result.code).second) {
         oruLog_log(ORU_LOG_ID_MAIN, ORU_LOG_ERROR, kvs_log_tag,
                    "store: %s; changes stay in memory and are written as soon as that is possible",
@@ -146,6 +150,8 @@ void noteSuccess(store_t &store, trouble_t proof) {
     oruLog_log(ORU_LOG_ID_MAIN, ORU_LOG_INFO, kvs_log_tag,
                "store: working again, %u values that waited in memory are written", store.written_late);
     store.trouble = trouble_t::none;
+    store.unread = false;
+    store.last_failure.clear();
     store.reported.clear();
     store.written_late = 0;
     store.overflow_logged = false;
@@ -153,6 +159,36 @@ void noteSuccess(store_t &store, trouble_t proof) {
 
 void note(store_t &store, trouble_t kind, const kvsResult_t &result) {
     result.ok() ? noteSuccess(store, kind) : noteFailure(store, kind, result);
+}
+
+void noteRead(store_t &store, const kvsResult_t &result) {
+    store.unread = store.unread || !result.ok();
+    note(store, trouble_t::reading, result);
+}
+
+oruKvs_condition_t conditionOf(const store_t &store) {
+    if (!store.started) {
+        return oruKvs_condition_t::not_opened;
+    }
+    if (store.database.connection == nullptr || store.unread) {
+        return oruKvs_condition_t::not_read_whole;
+    }
+    if (store.database.copy) {
+        return oruKvs_condition_t::copy;
+    }
+    const bool sound = store.trouble == trouble_t::none && !changesWait(store);
+    return sound ? oruKvs_condition_t::sound : oruKvs_condition_t::in_memory;
+}
+
+// True when the listener is to be told, once the mutex is free.
+bool publish(const store_t &store) {
+    oruKvs_state_t state;
+    state.condition = conditionOf(store);
+    state.waiting = static_cast<uint32_t>(store.waiting.size() + store.erasing.size());
+    state.files_set_aside = kvs_set_aside.files;
+    state.records_set_aside = kvs_set_aside.records;
+    state.setReason(store.last_failure);
+    return oruKvs_publishState(state);
 }
 
 bool mayBeCopied(int code) {
@@ -350,7 +386,7 @@ void endOfProcess() {
     }
 }
 
-// One operation: the lock and, at its end, the timer that what it leaves behind asks for.
+// One operation: the lock and, at its end, the timer that what it leaves behind asks for, and the word to others.
 class operation_t {
 public:
     operation_t() {
@@ -363,12 +399,19 @@ public:
     }
     operation_t(const operation_t &) = delete;
     operation_t &operator=(const operation_t &) = delete;
-    ~operation_t() { schedule(store); }
+    ~operation_t() {
+        schedule(store);
+        const bool changed = publish(store);
+        guard_.unlock();
+        if (changed) {
+            oruKvs_tellListener();
+        }
+    }
 
     store_t &store = theStore();
 
 private:
-    const std::lock_guard<std::mutex> guard_{store.mutex};
+    std::unique_lock<std::mutex> guard_{store.mutex};
 };
 
 void runTimer(void *) {
@@ -447,7 +490,7 @@ int32_t getValue(const char *key, std::span<uint8_t> buffer) {
         return ORU_STATUS_TRY_AGAIN;
     }
     const kvsResult_t result = kvsDatabase_get(store.database, *parsed, buffer, copied);
-    note(store, trouble_t::reading, result);
+    noteRead(store, result);
     return !result.ok() ? readStatusOf(result) : copied > 0 ? static_cast<int32_t>(copied) : ORU_STATUS_NOT_FOUND;
 }
 
@@ -508,7 +551,7 @@ oru_status_t snapshotNames(std::string_view group, std::set<std::string> &names)
     }
     if (store.database.connection != nullptr) {
         result = kvsDatabase_listNames(store.database, group, names);
-        note(store, trouble_t::reading, result);
+        noteRead(store, result);
     }
     return readStatusOf(result);
 }
@@ -595,8 +638,12 @@ void oruKvsTesting_closeStore() {
     store.waiting.clear();
     store.erasing.clear();
     store.trouble = trouble_t::none;
+    store.unread = false;
+    store.last_failure.clear();
     store.reported.clear();
     store.written_late = 0;
+    kvs_set_aside = {};
+    (void)publish(store);
     (void)oruTime_timerStop(&store.timer);
     store.period_ms = 0;
 }

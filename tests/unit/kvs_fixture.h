@@ -3,6 +3,7 @@
 #pragma once
 #include "oru_config.h"
 #include "oru_kvs.h"
+#include "oru_kvs_state.h"
 #include "oru_kvs_testing.h"
 #include "oru_status.h"
 #include <filesystem>
@@ -24,6 +25,7 @@ protected:
     static oru_status_t set(const std::string &key, const std::string &value);
     static std::string get(const std::string &key); // "" when there is none
     static std::vector<std::string> list(const std::string &group);
+    static oruKvs_condition_t condition() { return oruKvs_state().condition; }
     static void restart() { oruKvsTesting_closeStore(); }
     std::string database() const { return folder + "/corvane.db"; }
     // Runs on a connection of its own; the first column of the last row.
