@@ -91,6 +91,11 @@ uint16_t Client::Impl::clientId() {
     return connection_.link ? connection_.link->clientId() : uint16_t{0};
 }
 
+uint16_t Client::Impl::platformVersion() {
+    const Lock lock(mutex_);
+    return connection_.link ? connection_.link->platformVersion() : uint16_t{0};
+}
+
 void Client::Impl::watch(const Link &link) const {
     epoll_event readable{.events = EPOLLIN, .data = {}};
     ::epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, link.fd(), &readable);
@@ -244,6 +249,24 @@ Outcome Client::Impl::callSync(uint16_t function_id, Bytes in, std::span<uint8_t
     return transact(lock, {.type = oipc::FrameType::SyncCall, .id = function_id}, in, call);
 }
 
+// An older service would end the connection.
+Result<std::size_t> Client::Impl::callPlatform(uint16_t operation, Bytes in, std::span<uint8_t> out) {
+    if (in.size() > oipc::MAX_PAYLOAD) {
+        return {{Transport::Invalid, ORU_STATUS_DATA_LEN_INVALID}};
+    }
+    Lock lock(mutex_);
+    if (!connection_.link) {
+        return {notConnected()};
+    }
+    if (connection_.link->platformVersion() == 0) {
+        return {NO_PLATFORM};
+    }
+    OpenCall call;
+    call.out = out;
+    const auto outcome = transact(lock, {.type = oipc::FrameType::PlatformCall, .id = operation}, in, call);
+    return {outcome, call.written};
+}
+
 Result<uint16_t> Client::Impl::callAsync(uint16_t function_id, Bytes payload, RawCompletion done,
                                          Milliseconds timeout) {
     if (payload.size() > oipc::MAX_PAYLOAD) {
@@ -329,12 +352,14 @@ void Client::Impl::handle(const Frame &frame) {
     switch (frame.header.type) {
     case oipc::FrameType::SyncResult:
     case oipc::FrameType::AsyncResult:
+    case oipc::FrameType::PlatformResult:
         handleResult(frame);
         break;
     case oipc::FrameType::Callback:
         handleCallback(frame);
         break;
     case oipc::FrameType::Event:
+    case oipc::FrameType::PlatformEvent:
         handleEvent(frame);
         break;
     case oipc::FrameType::Refusal:
@@ -343,6 +368,7 @@ void Client::Impl::handle(const Frame &frame) {
     case oipc::FrameType::Hello:
     case oipc::FrameType::SyncCall:
     case oipc::FrameType::AsyncCall:
+    case oipc::FrameType::PlatformCall:
         drop(LOST); // not what a service says here
         break;
     }
@@ -356,8 +382,8 @@ void Client::Impl::handleResult(const Frame &frame) {
     if (call == nullptr) {
         return; // its caller has given up
     }
-    const auto count = std::min(frame.payload.size(), call->out.size());
-    std::ranges::copy(frame.payload.first(count), call->out.begin());
+    call->written = std::min(frame.payload.size(), call->out.size());
+    std::ranges::copy(frame.payload.first(call->written), call->out.begin());
     call->outcome = {Transport::Ok, frame.header.status};
     call->done = true;
     if (call->outcome.ok()) {
@@ -407,7 +433,8 @@ void Client::Impl::handleCallback(const Frame &frame) {
 }
 
 void Client::Impl::handleEvent(const Frame &frame) {
-    if (!on_event_) {
+    const auto type = frame.header.type;
+    if (type == oipc::FrameType::Event ? !handlers_.on_event : !handlers_.on_platform_event) {
         return;
     }
     if (queued_events_ >= options_.max_queued) {
@@ -422,7 +449,7 @@ void Client::Impl::handleEvent(const Frame &frame) {
     }
     try {
         Notes note;
-        note.emplace_back(EventNote{frame.header.id, {frame.payload.begin(), frame.payload.end()}});
+        note.emplace_back(EventNote{type, frame.header.id, {frame.payload.begin(), frame.payload.end()}});
         addNote(note);
         ++queued_events_;
     } catch (const std::bad_alloc &) {

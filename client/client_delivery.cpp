@@ -24,14 +24,21 @@ std::shared_ptr<const Handler> kept(Handler handler) {
 bool Client::Impl::onEvent(EventHandler handler) {
     auto next = kept(std::move(handler));
     const Lock lock(mutex_);
-    on_event_.swap(next);
+    handlers_.on_event.swap(next);
+    return true;
+}
+
+bool Client::Impl::onPlatformEvent(PlatformEventHandler handler) {
+    auto next = kept(std::move(handler));
+    const Lock lock(mutex_);
+    handlers_.on_platform_event.swap(next);
     return true;
 }
 
 bool Client::Impl::onConnection(ConnectionHandler handler) {
     auto next = kept(std::move(handler));
     const Lock lock(mutex_);
-    on_connection_.swap(next);
+    handlers_.on_connection.swap(next);
     return true;
 }
 
@@ -107,27 +114,33 @@ void Client::Impl::deliverFirst(Lock &lock) {
         first.splice(first.end(), notes_, notes_.begin());
         const Note &note = first.front();
         queued_events_ -= std::holds_alternative<EventNote>(note) ? 1U : 0U;
-        const auto on_event = on_event_;
-        const auto on_connection = on_connection_;
+        const auto handlers = handlers_;
         lock.unlock();
-        call(note, on_event.get(), on_connection.get());
+        call(note, handlers);
         // What the handlers hold is released here, outside the lock: it may use the Client.
     }
     lock.lock();
 }
 
-void Client::Impl::call(const Note &note, const EventHandler *on_event,
-                        const ConnectionHandler *on_connection) noexcept {
+void Client::Impl::call(const Note &note, const Handlers &handlers) noexcept {
     if (const auto *event = std::get_if<EventNote>(&note)) {
-        if (on_event != nullptr) {
-            (*on_event)(Event{event->id, event->payload});
-        }
+        callEvent(*event, handlers);
     } else if (const auto *completion = std::get_if<CompletionNote>(&note)) {
         completion->done(completion->result);
     } else if (const auto *connection = std::get_if<ConnectionNote>(&note)) {
-        if (on_connection != nullptr) {
-            (*on_connection)(connection->connected, connection->reason);
+        if (handlers.on_connection) {
+            (*handlers.on_connection)(connection->connected, connection->reason);
         }
+    }
+}
+
+void Client::Impl::callEvent(const EventNote &event, const Handlers &handlers) noexcept {
+    if (event.type == oipc::FrameType::PlatformEvent) {
+        if (handlers.on_platform_event) {
+            (*handlers.on_platform_event)(PlatformEvent{event.id, event.payload});
+        }
+    } else if (handlers.on_event) {
+        (*handlers.on_event)(Event{event.id, event.payload});
     }
 }
 

@@ -40,7 +40,9 @@ public:
     void disconnect();
     bool connected();
     uint16_t clientId();
+    uint16_t platformVersion();
     bool onEvent(EventHandler handler);
+    bool onPlatformEvent(PlatformEventHandler handler);
     bool onConnection(ConnectionHandler handler);
 
     std::size_t poll(Milliseconds timeout);
@@ -51,6 +53,7 @@ public:
     uint64_t droppedEvents();
 
     Outcome callSync(uint16_t function_id, Bytes in, std::span<uint8_t> out);
+    Result<std::size_t> callPlatform(uint16_t operation, Bytes in, std::span<uint8_t> out);
     Result<uint16_t> callAsync(uint16_t function_id, Bytes payload, RawCompletion done, Milliseconds timeout);
 
 private:
@@ -60,11 +63,13 @@ private:
         uint32_t sequence = 0;
         uint16_t callback_id = ORU_ZB_NO_CALLBACK; // asynchronous calls
         std::span<uint8_t> out;
+        std::size_t written = 0; // to out
         Outcome outcome;
         bool done = false;
         OpenCall *next = nullptr;
     };
     struct EventNote {
+        oipc::FrameType type; // Event or PlatformEvent
         uint16_t id;
         std::vector<uint8_t> payload;
     };
@@ -127,7 +132,13 @@ private:
     std::size_t dispatch(TimePoint deadline, Waiter waiter);
     std::size_t deliver(Lock &lock);
     void deliverFirst(Lock &lock);
-    static void call(const Note &note, const EventHandler *on_event, const ConnectionHandler *on_connection) noexcept;
+    struct Handlers {
+        std::shared_ptr<const EventHandler> on_event;
+        std::shared_ptr<const PlatformEventHandler> on_platform_event;
+        std::shared_ptr<const ConnectionHandler> on_connection;
+    };
+    static void call(const Note &note, const Handlers &handlers) noexcept;
+    static void callEvent(const EventNote &event, const Handlers &handlers) noexcept;
     void expire();
     void arm(TimePoint deadline);
     void addNote(Notes &note); // takes it
@@ -165,8 +176,7 @@ private:
     Notes notes_;
     std::size_t queued_events_ = 0;
     uint64_t dropped_events_ = 0;
-    std::shared_ptr<const EventHandler> on_event_;
-    std::shared_ptr<const ConnectionHandler> on_connection_;
+    Handlers handlers_;
     std::thread::id delivering_; // thread that runs handlers now
 
     std::thread thread_;

@@ -97,6 +97,7 @@ std::optional<Outcome> Link::greet(FrameBuffer &buffer) {
     oipc::Hello hello;
     if (frame.header.type == oipc::FrameType::Hello && oipc::decodeHello(frame.payload, hello)) {
         client_id_ = hello.client_id;
+        platform_version_ = hello.platform_version;
         return Outcome{};
     }
     return frame.header.type == oipc::FrameType::Refusal ? refusal(frame.header) : LOST;

@@ -39,6 +39,7 @@ struct Frame {
 constexpr Outcome LOST{Transport::ConnectionLost, ORU_STATUS_OK};
 constexpr Outcome TIMED_OUT{Transport::TimedOut, ORU_STATUS_OK};
 constexpr Outcome OTHER_VERSION{Transport::OtherVersion, ORU_STATUS_NOT_SUPPORTED};
+constexpr Outcome NO_PLATFORM{Transport::Invalid, ORU_STATUS_NOT_SUPPORTED};
 constexpr Outcome NO_MEMORY{Transport::Invalid, ORU_STATUS_OUT_OF_MEMORY};
 Outcome refusal(const oipc::FrameHeader &header); // what a frame of that type says
 
@@ -57,6 +58,7 @@ public:
     // What the service says first; nothing as long as it has said nothing. Never waits.
     std::optional<Outcome> greet(FrameBuffer &buffer);
     uint16_t clientId() const { return client_id_; } // once greeted
+    uint16_t platformVersion() const { return platform_version_; }
 
     // One frame is one message, so threads may send at the same time. TimedOut when the socket stays full;
     // ConnectionLost when the service has closed its end (what it said last can still be received).
@@ -72,6 +74,7 @@ public:
 private:
     Descriptor fd_;
     uint16_t client_id_ = 0;
+    uint16_t platform_version_ = 0;
 };
 
 } // namespace corvane

@@ -324,6 +324,38 @@ const char *nodeTypeName(oruZb_nodeType_t type) {
     return UNKNOWN;
 }
 
+const char *storeConditionName(StoreCondition condition) {
+    switch (condition) {
+    case StoreCondition::not_opened:
+        return "NOT_OPENED";
+    case StoreCondition::sound:
+        return "SOUND";
+    case StoreCondition::in_memory:
+        return "IN_MEMORY";
+    case StoreCondition::copy:
+        return "COPY";
+    case StoreCondition::not_read_whole:
+        return "NOT_READ_WHOLE";
+    }
+    return UNKNOWN;
+}
+
+const char *storeConditionMeaning(StoreCondition condition) {
+    switch (condition) {
+    case StoreCondition::not_opened:
+        return "not opened yet";
+    case StoreCondition::sound:
+        return "sound, everything is on the medium";
+    case StoreCondition::in_memory:
+        return "the medium fails; changes wait in memory and are lost if the daemon ends before it works again";
+    case StoreCondition::copy:
+        return "nothing can be written; it is read from a copy, and changes are lost when the daemon ends";
+    case StoreCondition::not_read_whole:
+        return "not read whole; known devices may be missing until it can be read";
+    }
+    return UNKNOWN;
+}
+
 const char *transportName(Transport transport) {
     switch (transport) {
     case Transport::Ok:

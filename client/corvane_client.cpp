@@ -3,6 +3,7 @@
 // The typed calls: records in and out of payload bytes. Nothing here knows about sockets.
 #include "corvane_client.h"
 #include "client_impl.h"
+#include "oipc_platform_wire.h"
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
@@ -154,6 +155,9 @@ uint16_t Client::clientId() const {
 }
 bool Client::onEvent(EventHandler handler) {
     return guarded([&] { return impl_ && impl_->onEvent(std::move(handler)); });
+}
+bool Client::onPlatformEvent(PlatformEventHandler handler) {
+    return guarded([&] { return impl_ && impl_->onPlatformEvent(std::move(handler)); });
 }
 bool Client::onConnection(ConnectionHandler handler) {
     return guarded([&] { return impl_ && impl_->onConnection(std::move(handler)); });
@@ -363,6 +367,70 @@ Result<std::vector<oruZb_routeTableEntry_t>> Client::routes() {
 
 Result<std::vector<oruZb_neighborTableEntry_t>> Client::neighbors() {
     return exchangeTable<oruZb_neighborTableEntry_t>(*this, ORU_ZB_SVC_GET_NEIGHBORS);
+}
+
+// ---------------------------------------------------------------- platform calls
+
+namespace {
+
+// Throws where there is no memory for the text.
+StoreState stateFrom(const oipc::StoreRecord &record) {
+    return {.condition = static_cast<StoreCondition>(record.condition),
+            .waiting = record.waiting,
+            .files_set_aside = record.files_set_aside,
+            .records_set_aside = record.records_set_aside,
+            .since = Milliseconds(record.condition_ms),
+            .reason = record.reason.data()};
+}
+
+PlatformInfo infoFrom(const oipc::InformationRecord &record) {
+    return {.platform_version = record.platform_version,
+            .release = record.release.data(),
+            .process_id = record.process_id,
+            .uptime = Milliseconds(record.uptime_ms),
+            .store = stateFrom(record.store)};
+}
+
+} // namespace
+
+std::optional<StoreState> PlatformEvent::store() const {
+    oipc::StoreRecord record;
+    base::ByteReader reader(payload);
+    if (id != PLATFORM_EVENT_STORE_CHANGED || !decode(reader, record)) {
+        return std::nullopt;
+    }
+    return guarded([&] { return std::optional(stateFrom(record)); });
+}
+
+uint16_t Client::platformVersion() const {
+    return impl_ ? impl_->platformVersion() : uint16_t{0};
+}
+
+Result<std::size_t> Client::callPlatform(uint16_t operation, Bytes in, std::span<uint8_t> out) {
+    return impl_ ? impl_->callPlatform(operation, in, out) : Result<std::size_t>{NO_MEMORY};
+}
+
+Result<PlatformInfo> Client::platformInfo() {
+    std::array<uint8_t, oipc::INFORMATION_RECORD_SIZE> bytes{};
+    const auto id = static_cast<uint16_t>(oipc::PlatformOperationId::information);
+    const auto reply = callPlatform(id, {}, bytes);
+    oipc::InformationRecord record;
+    base::ByteReader reader(Bytes(bytes).first(reply.value));
+    if (!reply.ok()) {
+        return {reply};
+    }
+    if (!decode(reader, record)) {
+        return {{Transport::Ok, ORU_STATUS_DATA_LEN_INVALID}};
+    }
+    return guarded([&] { return Result<PlatformInfo>{reply, infoFrom(record)}; });
+}
+
+Result<uint32_t> Client::subscribe(uint32_t events) {
+    std::array<uint8_t, sizeof events> mask{};
+    base::ByteWriter(mask).u32(events);
+    const auto id = static_cast<uint16_t>(oipc::PlatformOperationId::subscribe);
+    const auto reply = callPlatform(id, mask, mask);
+    return {reply, reply.ok() ? base::ByteReader(mask).u32() : 0};
 }
 
 // ---------------------------------------------------------------- asynchronous calls

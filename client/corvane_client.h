@@ -80,12 +80,48 @@ struct Event {
     std::optional<oruZb_interpanResponse_t> interpan() const; // inter-PAN completion
 };
 
+// How the daemon's store of devices and settings is.
+enum class StoreCondition : uint8_t {
+    not_opened = 0,     // nothing has used it yet
+    sound = 1,          // all of it is on the medium
+    in_memory = 2,      // the medium fails: changes wait in memory and are written when it works again
+    copy = 3,           // the same, and nothing at all can be written: it is read from a copy
+    not_read_whole = 4, // it could not be opened, or part of it not be read: known devices may be missing
+};
+
+struct StoreState {
+    StoreCondition condition = StoreCondition::not_opened;
+    uint32_t waiting = 0;           // changes that are in memory only
+    uint32_t files_set_aside = 0;   // damaged files, kept apart since the daemon started
+    uint32_t records_set_aside = 0; // damaged records, likewise
+    Milliseconds since{};           // how long the condition has lasted
+    std::string reason;             // what fails, in English; empty when nothing does
+};
+
+struct PlatformInfo {
+    uint16_t platform_version = 0; // of the platform calls, 1 and up
+    std::string release;           // of the daemon, "0.1.0"
+    uint32_t process_id = 0;
+    Milliseconds uptime{}; // since the process started
+    StoreState store;
+};
+
+// An event of the platform. The payload is valid during the handler only.
+enum PlatformEventId : uint16_t { PLATFORM_EVENT_STORE_CHANGED = 1 };
+struct PlatformEvent {
+    uint16_t id = 0; // a PlatformEventId, or one that is newer than this library
+    Bytes payload;
+
+    std::optional<StoreState> store() const; // of PLATFORM_EVENT_STORE_CHANGED
+};
+
 // What a raw asynchronous call delivers: an answered outcome has status 0 and the callback's bytes.
 struct CallbackResult : Outcome {
     std::vector<uint8_t> payload;
 };
 
 using EventHandler = std::function<void(const Event &)>;
+using PlatformEventHandler = std::function<void(const PlatformEvent &)>;
 using ConnectionHandler = std::function<void(bool connected, const Outcome &reason)>;
 using Completion = std::function<void(const Outcome &)>;
 using PingCompletion = std::function<void(const Result<std::string> &)>;
@@ -131,7 +167,8 @@ public:
     // Set handlers before connect(). They replace the former ones. False when there is no memory to keep the handler;
     // then the former one stays.
     bool onEvent(EventHandler handler);
-    bool onConnection(ConnectionHandler handler); // each time a connection comes up or ends
+    bool onPlatformEvent(PlatformEventHandler handler); // see subscribe()
+    bool onConnection(ConnectionHandler handler);       // each time a connection comes up or ends
 
     // ------------------------------------------------------------ delivery, single-threaded
     // Waits up to `timeout` for something to deliver and delivers all that is there. Returns the number of messages
@@ -191,6 +228,19 @@ public:
     // the call: the service writes in place, so as many come back as were sent; the rest of `out` is left alone.
     Outcome callSync(uint16_t function_id, Bytes in, std::span<uint8_t> out);
 
+    // ------------------------------------------------------------ platform calls
+    // What the daemon tells beside its Zigbee service; answered also while that one is busy. A daemon without them is
+    // not asked: Invalid with ORU_STATUS_NOT_SUPPORTED; so is an operation that it does not know, answered by itself.
+    uint16_t platformVersion() const; // of the connection; 0: no platform calls, or not connected
+    Result<PlatformInfo> platformInfo();
+    // From now on these events arrive, and no others; bit n of the mask stands for event n, 0 ends it. The value is
+    // those of them that this daemon knows. It holds for this connection: subscribe again in onConnection. To miss no
+    // change, subscribe first and ask for platformInfo() then.
+    Result<uint32_t> subscribe(uint32_t events);
+    // Any operation by its number. `in` (at most 4096 bytes) is sent; the value is the number of bytes written to the
+    // front of `out`, what does not fit is dropped.
+    Result<std::size_t> callPlatform(uint16_t operation, Bytes in, std::span<uint8_t> out);
+
     // ------------------------------------------------------------ asynchronous calls
     // The return value tells whether the service took the call over. If it did (ok()), `done` is called exactly once:
     // with the service's status, with TimedOut after Options::completion_timeout, or with ConnectionLost; if it did
@@ -236,6 +286,8 @@ const char *eventName(uint16_t event_id);       // "DEVICE_JOINED"
 const char *adapterStateName(oruZb_adapterState_t state);
 const char *clusterCommandStatusName(oruZb_clusterCommandStatus_t status); // "APS_NO_ACK"
 const char *nodeTypeName(oruZb_nodeType_t type);
+const char *storeConditionName(StoreCondition condition);    // "IN_MEMORY"
+const char *storeConditionMeaning(StoreCondition condition); // a sentence: what it means and what to do
 
 // The listings behind the names, for completion and help: every status and every function that can be asked for.
 std::span<const oru_status_t> allStatuses();

@@ -6,40 +6,42 @@
 #include <mutex>
 #include <tuple>
 
+namespace corvane::kvs {
+
 namespace {
 
 using Clock = std::chrono::steady_clock;
 
 std::mutex state_mutex; // guards the two below; a leaf
-oruKvs_state_t last_state;
+State last_state;
 Clock::time_point condition_since = Clock::now();
 
 std::atomic<void (*)()> state_listener{nullptr};
 
-auto essence(const oruKvs_state_t &state) {
+auto essence(const State &state) {
     return std::tuple(state.condition, state.files_set_aside, state.records_set_aside);
 }
 
 } // namespace
 
-void oruKvs_state_t::setReason(std::string_view text) {
+void State::setReason(std::string_view text) {
     text = text.substr(0, reason.size() - 1);
     std::fill(std::ranges::copy(text, reason.begin()).out, reason.end(), '\0');
 }
 
-oruKvs_state_t oruKvs_state() {
+State state() {
     const std::lock_guard lock(state_mutex);
-    oruKvs_state_t state = last_state;
+    State current = last_state;
     const auto age = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - condition_since);
-    state.condition_ms = static_cast<uint64_t>(age.count());
-    return state;
+    current.condition_ms = static_cast<uint64_t>(age.count());
+    return current;
 }
 
-void oruKvs_onStateChange(void (*listener)()) {
+void onStateChange(void (*listener)()) {
     state_listener = listener;
 }
 
-bool oruKvs_publishState(const oruKvs_state_t &state) {
+bool publishState(const State &state) {
     const std::lock_guard lock(state_mutex);
     const bool changed = essence(state) != essence(last_state);
     condition_since = state.condition == last_state.condition ? condition_since : Clock::now();
@@ -47,8 +49,10 @@ bool oruKvs_publishState(const oruKvs_state_t &state) {
     return changed;
 }
 
-void oruKvs_tellListener() {
+void tellListener() {
     if (auto *const listener = state_listener.load(); listener != nullptr) {
         listener();
     }
 }
+
+} // namespace corvane::kvs

@@ -33,6 +33,8 @@
 #include <unistd.h>
 #include <vector>
 
+namespace kvs = corvane::kvs;
+
 namespace {
 
 constexpr size_t max_key_length = 64;
@@ -166,29 +168,29 @@ void noteRead(store_t &store, const kvsResult_t &result) {
     note(store, trouble_t::reading, result);
 }
 
-oruKvs_condition_t conditionOf(const store_t &store) {
+kvs::Condition conditionOf(const store_t &store) {
     if (!store.started) {
-        return oruKvs_condition_t::not_opened;
+        return kvs::Condition::not_opened;
     }
     if (store.database.connection == nullptr || store.unread) {
-        return oruKvs_condition_t::not_read_whole;
+        return kvs::Condition::not_read_whole;
     }
     if (store.database.copy) {
-        return oruKvs_condition_t::copy;
+        return kvs::Condition::copy;
     }
     const bool sound = store.trouble == trouble_t::none && !changesWait(store);
-    return sound ? oruKvs_condition_t::sound : oruKvs_condition_t::in_memory;
+    return sound ? kvs::Condition::sound : kvs::Condition::in_memory;
 }
 
 // True when the listener is to be told, once the mutex is free.
 bool publish(const store_t &store) {
-    oruKvs_state_t state;
+    kvs::State state;
     state.condition = conditionOf(store);
     state.waiting = static_cast<uint32_t>(store.waiting.size() + store.erasing.size());
     state.files_set_aside = kvs_set_aside.files;
     state.records_set_aside = kvs_set_aside.records;
     state.setReason(store.last_failure);
-    return oruKvs_publishState(state);
+    return kvs::publishState(state);
 }
 
 bool mayBeCopied(int code) {
@@ -404,7 +406,7 @@ public:
         const bool changed = publish(store);
         guard_.unlock();
         if (changed) {
-            oruKvs_tellListener();
+            kvs::tellListener();
         }
     }
 

@@ -7,8 +7,10 @@
 #include <cstdint>
 #include <string_view>
 
+namespace corvane::kvs {
+
 // Numbers are part of the protocol of clients.
-enum class oruKvs_condition_t : uint8_t {
+enum class Condition : uint8_t {
     not_opened = 0,     // nobody has used it yet
     sound = 1,          // all of it is on the medium
     in_memory = 2,      // the medium fails: it can be read, changes wait in memory
@@ -16,8 +18,8 @@ enum class oruKvs_condition_t : uint8_t {
     not_read_whole = 4, // it could not be opened, or part of it not be read: what is missing there is not known
 };
 
-struct oruKvs_state_t {
-    oruKvs_condition_t condition = oruKvs_condition_t::not_opened;
+struct State {
+    Condition condition = Condition::not_opened;
     uint32_t waiting = 0;           // values and erasures of groups that are in memory only
     uint32_t files_set_aside = 0;   // damaged ones, since the process started
     uint32_t records_set_aside = 0; // the same; also those of a file that was set aside
@@ -27,14 +29,16 @@ struct oruKvs_state_t {
     void setReason(std::string_view text); // cuts what is too long
 };
 
-oruKvs_state_t oruKvs_state();
+State state();
 
 // Called, without any lock held, after the condition or what was set aside has changed, on the thread that changed it.
 // One listener, for ever; it asks for the state itself. Null: none.
-void oruKvs_onStateChange(void (*listener)());
+void onStateChange(void (*listener)());
 
 // ---- for the store
 
 // True when the listener is to be told.
-bool oruKvs_publishState(const oruKvs_state_t &state);
-void oruKvs_tellListener();
+bool publishState(const State &state);
+void tellListener();
+
+} // namespace corvane::kvs

@@ -81,6 +81,7 @@ public:
     std::thread thread;                // set and joined by the server
     std::atomic<bool> finished{false}; // the handler thread is about to end
     std::atomic<bool> overflowed{false};
+    std::atomic<uint32_t> subscriptions{0}; // mask of platform events
 
 private:
     OutgoingQueue queue_;

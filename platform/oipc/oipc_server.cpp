@@ -2,6 +2,7 @@
 #include "oipc_server.h"
 #include "base/thread.h"
 #include "oipc_log.h"
+#include "oipc_platform.h"
 #include <algorithm>
 #include <array>
 #include <cerrno>
@@ -330,7 +331,7 @@ void Server::tellOfTurnedAway() {
 
 void Server::greet(Connection &connection) const {
     const Hello hello{connection.id, static_cast<uint16_t>(settings_.service_uuid), settings_.max_payload,
-                      settings_.max_clients};
+                      settings_.max_clients, PLATFORM_VERSION};
     connection.send({.type = FrameType::Hello, .payload_length = HELLO_SIZE}, encodeHello(hello));
 }
 
@@ -440,6 +441,10 @@ bool Server::serveCall(Connection &connection, const FrameHeader &call) {
         refuse(connection, Reason::Stopping);
         return false;
     }
+    if (call.type == FrameType::PlatformCall) {
+        servePlatformCall(connection, call);
+        return true;
+    }
     if (call.payload_length > settings_.max_payload) {
         refuse(connection, Reason::TooLong);
         return false;
@@ -466,6 +471,37 @@ bool Server::serveCall(Connection &connection, const FrameHeader &call) {
                              .payload_length = static_cast<uint32_t>(back)};
     send(connection, result, connection.payload().first(back));
     return true;
+}
+
+void Server::servePlatformCall(Connection &connection, const FrameHeader &call) {
+    std::array<uint8_t, MAX_PAYLOAD> room;
+    base::ByteWriter out(room);
+    const auto in = Bytes(connection.payload()).first(call.payload_length);
+    const auto status = callPlatform(connection, isOwner(connection.peer, rules_), call.id, in, out);
+    const auto back = status == ORU_STATUS_OK ? out.written() : Bytes{};
+    const FrameHeader result{.type = FrameType::PlatformResult,
+                             .id = call.id,
+                             .sequence = call.sequence,
+                             .status = status,
+                             .payload_length = static_cast<uint32_t>(back.size())};
+    send(connection, result, back);
+}
+
+// The state is read under the lock, so that the last event tells of the last state.
+void Server::publishStore() {
+    constexpr auto EVENT = PlatformEventId::store_changed;
+    std::array<uint8_t, STORE_RECORD_SIZE> payload;
+    base::ByteWriter writer(payload);
+    const std::lock_guard lock(mutex_);
+    encode(writer, storeRecord());
+    const FrameHeader header{.type = FrameType::PlatformEvent,
+                             .id = static_cast<uint16_t>(EVENT),
+                             .payload_length = static_cast<uint32_t>(payload.size())};
+    for (const auto &connection : connections_) {
+        if ((connection->subscriptions & maskOf(EVENT)) != 0) {
+            send(*connection, header, payload);
+        }
+    }
 }
 
 void Server::refuse(Connection &connection, Reason reason) {

@@ -38,6 +38,7 @@ public:
 
     oru_status_t callback(uint16_t client, uint16_t callback_id, Bytes payload);
     oru_status_t publish(uint16_t event_id, Bytes payload);
+    void publishStore(); // to those who subscribed
     uint32_t maxPayload() const { return settings_.max_payload; }
 
 private:
@@ -67,6 +68,7 @@ private:
 
     void serve(const std::shared_ptr<Connection> &connection);
     bool serveCall(Connection &connection, const FrameHeader &call);
+    void servePlatformCall(Connection &connection, const FrameHeader &call);
     void refuse(Connection &connection, Reason reason);
     void report(const Connection &connection, oruOipc_eventId_t event) const;
     SendResult send(Connection &connection, const FrameHeader &header, Bytes payload);
@@ -95,7 +97,8 @@ private:
     Clock::time_point quiet_until_{}; // no line about another one
 
     // Guards connections_; sends happen under it (they never wait), so that all clients see events in one order.
-    // Before Connection's own mutex. Changed by the io thread only, and by stop() after that has ended.
+    // Before Connection's own mutex
+    // and the one behind the state of the store. Changed by the io thread only, and by stop() after that has ended.
     std::mutex mutex_;
     std::vector<std::shared_ptr<Connection>> connections_;
 };

@@ -33,18 +33,21 @@ constexpr std::size_t MAX_FRAME = HEADER_SIZE + MAX_PAYLOAD;
 static_assert(HEADER_SIZE == 20 && MAX_FRAME == 4116, "sizes are part of the protocol");
 
 enum class FrameType : uint8_t {
-    SyncCall = 1,    // client: payload in, answered by SyncResult
-    AsyncCall = 2,   // client: payload in, answered by AsyncResult, later by Callback
-    SyncResult = 3,  // service: status and payload of a call
-    AsyncResult = 4, // service: status 0 = taken over
-    Callback = 5,    // service: result of an asynchronous call, id = callback id
-    Event = 6,       // service
-    Hello = 7,       // service, first frame of a connection: HELLO_SIZE bytes
-    Refusal = 8,     // service, last frame of a connection: id = Reason, payload = text for people
+    SyncCall = 1,        // client: payload in, answered by SyncResult
+    AsyncCall = 2,       // client: payload in, answered by AsyncResult, later by Callback
+    SyncResult = 3,      // service: status and payload of a call
+    AsyncResult = 4,     // service: status 0 = taken over
+    Callback = 5,        // service: result of an asynchronous call, id = callback id
+    Event = 6,           // service
+    Hello = 7,           // service, first frame of a connection: HELLO_SIZE bytes
+    Refusal = 8,         // service, last frame of a connection: id = Reason, payload = text for people
+    PlatformCall = 9,    // client, where the hello tells a platform version: id = operation
+    PlatformResult = 10, // service: status and payload of a platform call
+    PlatformEvent = 11,  // service, to clients that have subscribed
 };
 
 constexpr bool isClientFrame(FrameType type) {
-    return type == FrameType::SyncCall || type == FrameType::AsyncCall;
+    return type == FrameType::SyncCall || type == FrameType::AsyncCall || type == FrameType::PlatformCall;
 }
 
 enum class Reason : uint16_t {
@@ -70,14 +73,16 @@ struct FrameHeader {
     uint32_t payload_length = 0;
 };
 
-// Payload of Hello: u16 client id, u16 service uuid, u32 largest payload, u32 clients at most.
+// Payload of Hello: u16 client id, u16 service uuid, u32 largest payload, u32 clients at most, u16 platform version,
+// u16 zero. The first services sent the first twelve bytes of it.
 struct Hello {
     uint16_t client_id = 0;
     uint16_t service_uuid = 0;
     uint32_t max_payload = 0;
     uint32_t max_clients = 0;
+    uint16_t platform_version = 0; // 0: no platform calls
 };
-constexpr std::size_t HELLO_SIZE = 2 + 2 + 4 + 4;
+constexpr std::size_t HELLO_SIZE = 2 + 2 + 4 + 4 + 2 + 2;
 
 constexpr std::array<uint8_t, HEADER_SIZE> encodeHeader(const FrameHeader &header) {
     std::array<uint8_t, HEADER_SIZE> bytes{};
@@ -107,7 +112,7 @@ constexpr Reason decodeHeader(std::span<const uint8_t> bytes, std::size_t receiv
         return Reason::WrongVersion;
     }
     const auto type = reader.u8();
-    if (type < static_cast<uint8_t>(FrameType::SyncCall) || type > static_cast<uint8_t>(FrameType::Refusal)) {
+    if (type < static_cast<uint8_t>(FrameType::SyncCall) || type > static_cast<uint8_t>(FrameType::PlatformEvent)) {
         return Reason::UnknownType;
     }
     header.type = static_cast<FrameType>(type);
@@ -129,6 +134,7 @@ constexpr std::array<uint8_t, HELLO_SIZE> encodeHello(const Hello &hello) {
     writer.u16(hello.service_uuid);
     writer.u32(hello.max_payload);
     writer.u32(hello.max_clients);
+    writer.u16(hello.platform_version);
     return bytes;
 }
 
@@ -139,7 +145,9 @@ constexpr bool decodeHello(std::span<const uint8_t> bytes, Hello &hello) {
     hello.service_uuid = reader.u16();
     hello.max_payload = reader.u32();
     hello.max_clients = reader.u32();
-    return reader.ok();
+    const bool complete = reader.ok();
+    hello.platform_version = reader.u16(); // 0 when there is none
+    return complete;
 }
 
 struct ReasonInfo {

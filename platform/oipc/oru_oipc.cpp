@@ -7,6 +7,7 @@
 #include "oipc_log.h"
 #include "oipc_server.h"
 #include "oru_config.h"
+#include "oru_kvs_state.h"
 #include <new>
 
 namespace {
@@ -33,6 +34,18 @@ std::shared_ptr<Server> find(oruOipc_Handler_t handle) {
     auto &all = registry();
     const std::lock_guard lock(all.mutex);
     return handle > 0 && handle == all.handle ? all.server : nullptr;
+}
+
+void tellOfStore() {
+    std::shared_ptr<Server> server;
+    {
+        auto &all = registry();
+        const std::lock_guard lock(all.mutex);
+        server = all.server;
+    }
+    if (server) {
+        server->publishStore();
+    }
 }
 
 oru_status_t check(const oruOipc_serverConfig_t &config) {
@@ -107,12 +120,18 @@ oru_status_t oruOipc_start(oruOipc_Handler_t *handle, const oruOipc_serverConfig
     }
     std::shared_ptr<Server> server;
     const auto status = startServer(*config, server);
-    auto &all = registry();
-    const std::lock_guard lock(all.mutex);
-    all.starting = false;
+    {
+        auto &all = registry();
+        const std::lock_guard lock(all.mutex);
+        all.starting = false;
+        if (status == ORU_STATUS_OK) {
+            all.server = server;
+            *handle = ++all.handle;
+        }
+    }
     if (status == ORU_STATUS_OK) {
-        all.server = server;
-        *handle = ++all.handle;
+        corvane::kvs::onStateChange(tellOfStore);
+        tellOfStore(); // to those who subscribed before this server could be found
     }
     return status;
 }

@@ -58,6 +58,10 @@ fuzz::Bytes next(fuzz::Input &input) {
     const bool async = kind % 2 == 1;
     header.type = async ? oipc::FrameType::AsyncCall : oipc::FrameType::SyncCall;
     header.id = static_cast<uint16_t>(async ? 256 + function % 18 : function % 32);
+    if (kind % 16 == 13) {
+        header.type = oipc::FrameType::PlatformCall;
+        header.id = function % 4;
+    }
     header.callback_id = input.u8();
     header.sequence = input.u8();
     fuzz::Bytes payload = input.sized8();

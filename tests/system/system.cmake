@@ -3,7 +3,7 @@ if(TARGET corvane AND TARGET corvane_client)
     corvane_test(system_tests
         SOURCES ${CMAKE_CURRENT_LIST_DIR}/client_test.cpp ${CMAKE_CURRENT_LIST_DIR}/supervisor_test.cpp
                 ${CMAKE_CURRENT_LIST_DIR}/system_test.cpp
-        LIBS corvane_client TIMEOUT 900)
+        LIBS corvane_client corvane_base TIMEOUT 900)
     target_include_directories(system_tests PRIVATE ${PROJECT_SOURCE_DIR}/platform/oipc)
     target_compile_definitions(system_tests PRIVATE CORVANE_BINARY="$<TARGET_FILE:corvane>")
     add_dependencies(system_tests corvane)

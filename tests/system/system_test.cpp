@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "system_fixture.h"
 #include <algorithm>
+#include <future>
 #include <numeric>
 #include <random>
 #include <set>
@@ -333,6 +334,30 @@ TEST(MemoryTest, InstallCodesLeaveNoTrace) {
     EXPECT_TRUE(eventually([&] { return tracesOf(code, daemon.pid()).found == 0; }))
         << tracesOf(code, daemon.pid()).found;
     EXPECT_EQ(daemon.end(SIGTERM), 0);
+}
+
+// Nothing is written to a file that replaced the store's own, and whoever asked is told.
+TEST(StoreStateTest, ClientsLearnThatTheStoreFails) {
+    Daemon daemon;
+    daemon.start();
+    Listener listener(daemon);
+    std::promise<corvane::StoreState> told;
+    listener.client.onPlatformEvent([&](const auto &event) { told.set_value(event.store().value()); });
+    ASSERT_TRUE(listener.connect() && listener.formAndOpen());
+    const auto info = listener.client.platformInfo();
+    ASSERT_TRUE(info.ok());
+    EXPECT_EQ(info.value.process_id, static_cast<uint32_t>(daemon.pid()));
+    EXPECT_EQ(info.value.store.condition, corvane::StoreCondition::sound);
+    EXPECT_EQ(listener.client.subscribe(1U << corvane::PLATFORM_EVENT_STORE_CHANGED).value, 2U);
+    std::filesystem::remove(daemon.path("state/corvane.db"));
+    daemon.write("state/corvane.db", "another file");
+    ASSERT_TRUE(daemon.simJoin(0)); // something to store
+    auto state = told.get_future();
+    ASSERT_EQ(state.wait_for(20s), std::future_status::ready);
+    const auto store = state.get();
+    EXPECT_EQ(store.condition, corvane::StoreCondition::in_memory);
+    EXPECT_NE(store.reason.find("was replaced"), std::string::npos) << store.reason;
+    listener.client.subscribe(0);
 }
 
 TEST(SecondDaemonTest, LeavesTheFirstAlone) {

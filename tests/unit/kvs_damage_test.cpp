@@ -283,12 +283,12 @@ TEST_F(KvsDamageTest, NoFailingCallMakesASoundStoreLookEmptyOrADamagedOneEmptier
                 if (status == ORU_STATUS_OK) {
                     EXPECT_GE(listed, whole);
                 }
-                EXPECT_EQ(condition() == oruKvs_condition_t::not_read_whole, status != ORU_STATUS_OK);
+                EXPECT_EQ(condition() == kvs::Condition::not_read_whole, status != ORU_STATUS_OK);
                 EXPECT_EQ(set("zigbee.device-100", valueOf(0)), 0);
                 EXPECT_GE(soundRecords(), whole);
                 EXPECT_EQ(asideName().empty(), content == sound);
-                EXPECT_EQ(oruKvs_state().files_set_aside, content == sound ? 0U : 1U);
-                EXPECT_EQ(condition(), oruKvs_condition_t::sound);
+                EXPECT_EQ(kvs::state().files_set_aside, content == sound ? 0U : 1U);
+                EXPECT_EQ(condition(), kvs::Condition::sound);
                 runs++;
                 if (failed == 0) {
                     break;
@@ -318,8 +318,8 @@ TEST_F(KvsDamageTest, ANewerStoreIsRefusedAndTheServiceRunsFromMemory) {
     EXPECT_EQ(get("zigbee.a"), "2");
     EXPECT_EQ(oruKeyValueDsHal_listKeys("zigbee", [](const char *) { return 0; }), ORU_STATUS_TRY_AGAIN);
     EXPECT_TRUE(logged("newer release"));
-    EXPECT_EQ(condition(), oruKvs_condition_t::not_read_whole);
-    EXPECT_NE(std::string(oruKvs_state().reason.data()).find("newer release"), std::string::npos);
+    EXPECT_EQ(condition(), kvs::Condition::not_read_whole);
+    EXPECT_NE(std::string(kvs::state().reason.data()).find("newer release"), std::string::npos);
     EXPECT_EQ(errorLines(), 1U);
     EXPECT_TRUE(readFile(database()) == content && readFile(database() + "-wal") == log && log.size() > 744);
     EXPECT_EQ(asideName(), "");

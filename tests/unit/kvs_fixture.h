@@ -12,6 +12,8 @@
 #include <string>
 #include <vector>
 
+namespace kvs = corvane::kvs;
+
 // Lines of level error and above, and all lines, since the last call of clearLog.
 size_t errorLines();
 bool logged(const std::string &part);
@@ -25,7 +27,7 @@ protected:
     static oru_status_t set(const std::string &key, const std::string &value);
     static std::string get(const std::string &key); // "" when there is none
     static std::vector<std::string> list(const std::string &group);
-    static oruKvs_condition_t condition() { return oruKvs_state().condition; }
+    static kvs::Condition condition() { return kvs::state().condition; }
     static void restart() { oruKvsTesting_closeStore(); }
     std::string database() const { return folder + "/corvane.db"; }
     // Runs on a connection of its own; the first column of the last row.

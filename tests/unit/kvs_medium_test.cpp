@@ -54,7 +54,7 @@ TEST_F(KvsMediumTest, AMediumThatTakesNoFilesIsReadAllTheSame) {
         EXPECT_FALSE(logged("working again"));
         EXPECT_EQ(set("g.b", "2"), full ? ORU_STATUS_OK : ORU_STATUS_GENERAL_ERROR);
         EXPECT_EQ(oruKeyValueDsHal_remove("g.a"), full ? ORU_STATUS_OK : ORU_STATUS_GENERAL_ERROR);
-        EXPECT_EQ(condition(), full ? oruKvs_condition_t::sound : oruKvs_condition_t::copy);
+        EXPECT_EQ(condition(), full ? kvs::Condition::sound : kvs::Condition::copy);
         filefaults::off();
         EXPECT_EQ(set("g.a", "1"), 0);
         EXPECT_EQ(everything(), "a1b2");
@@ -135,7 +135,7 @@ TEST_F(KvsMediumTest, AnErasureThatFailsIsMadeUpFor) {
     char buffer[8];
     EXPECT_EQ(oruKeyValueDsHal_get("g.a", buffer, sizeof buffer), ORU_STATUS_NOT_FOUND);
     EXPECT_EQ(everything(), "c3");
-    EXPECT_EQ(oruKvs_state().waiting, 2U);
+    EXPECT_EQ(kvs::state().waiting, 2U);
     oruKvsTesting_endOfProcess();
     EXPECT_TRUE(logged("lost: erasure of all g.* g.c"));
     oruKvsTesting_failWrites(0, 0, SQLITE_OK);
@@ -187,8 +187,8 @@ TEST_F(KvsMediumTest, NothingIsWrittenToAFileThatReplacedOurs) {
 
 // Reading works, removing does not: the line is written once and nothing claims that all is well.
 TEST_F(KvsMediumTest, TheConditionDoesNotFlap) {
-    static std::vector<oruKvs_condition_t> told;
-    oruKvs_onStateChange([] { told.push_back((void(get("g.a")), condition())); }); // from where the store may be used
+    static std::vector<kvs::Condition> told;
+    kvs::onStateChange([] { told.push_back((void(get("g.a")), condition())); }); // from where the store may be used
     oruKvsTesting_failWrites(1, 1000000, SQLITE_IOERR_WRITE);
     for (int i = 0; i < 3; i++) {
         EXPECT_EQ(oruKeyValueDsHal_remove("g.a"), ORU_STATUS_GENERAL_ERROR);
@@ -199,8 +199,8 @@ TEST_F(KvsMediumTest, TheConditionDoesNotFlap) {
     oruKvsTesting_failWrites(0, 0, SQLITE_OK);
     EXPECT_EQ(oruKeyValueDsHal_remove("g.a"), 0);
     EXPECT_TRUE(logged("working again"));
-    EXPECT_EQ(told, (std::vector{oruKvs_condition_t::in_memory, oruKvs_condition_t::sound}));
-    oruKvs_onStateChange(nullptr);
+    EXPECT_EQ(told, (std::vector{kvs::Condition::in_memory, kvs::Condition::sound}));
+    kvs::onStateChange(nullptr);
 }
 
 } // namespace

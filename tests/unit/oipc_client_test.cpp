@@ -31,10 +31,10 @@ protected:
         return ::poll(&entry, 1, static_cast<int>(patience.count())) > 0;
     }
     Outcome echo() { return client.callSync(ECHO, {}, {}); }
-    static Payload greeting() {
-        const auto hello =
-            oipc::encodeHello({.client_id = 5, .service_uuid = 2, .max_payload = 4096, .max_clients = 10});
-        return frameOf({.type = FrameType::Hello}, {hello.begin(), hello.end()});
+    static Payload greeting(std::ptrdiff_t size = oipc::HELLO_SIZE) { // the first services sent 12 bytes
+        const auto hello = oipc::encodeHello(
+            {.client_id = 5, .service_uuid = 2, .max_payload = 4096, .max_clients = 10, .platform_version = 1});
+        return frameOf({.type = FrameType::Hello}, {hello.begin(), hello.begin() + size});
     }
     template <class Action>
     static std::chrono::nanoseconds timed(Action action) {
@@ -493,6 +493,74 @@ TEST_F(ClientTest, AServiceThatTalksNonsenseLosesTheClient) {
             peer.send(speech);
         });
         EXPECT_EQ(fresh.connect(options).transport, expected == Transport::Ok ? LOST : expected) << speech.size();
+    }
+}
+
+TEST_F(ClientTest, PlatformCallsAreTyped) {
+    EXPECT_EQ(client.platformInfo().transport, Transport::NoService);
+    connect();
+    EXPECT_EQ(client.platformVersion(), 1);
+    EXPECT_EQ(client.subscribe(UINT32_MAX).value, 1U << corvane::PLATFORM_EVENT_STORE_CHANGED);
+    std::vector<corvane::StoreState> told;
+    client.onPlatformEvent([&](const corvane::PlatformEvent &event) {
+        told.push_back(event.store().value());
+        EXPECT_FALSE((corvane::PlatformEvent{2, event.payload}).store() ||
+                     (corvane::PlatformEvent{event.id, event.payload.first(255)}).store());
+    });
+    kvs::State state{.condition = kvs::Condition::not_opened, .waiting = 0x01020304, .records_set_aside = 8};
+    state.setReason("disk full");
+    kvs::publishState({});
+    kvs::publishState(state);
+    kvs::tellListener();
+    const auto info = client.platformInfo();
+    ASSERT_TRUE(info.ok()) << info.describe();
+    EXPECT_EQ(info.value.process_id, static_cast<uint32_t>(::getpid()));
+    EXPECT_TRUE(info.value.uptime > 0ms && info.value.platform_version == 1 && !info.value.release.empty());
+    client.poll(0ms);
+    ASSERT_EQ(told.size(), 1U);
+    for (const auto &store : {told[0], info.value.store}) {
+        EXPECT_EQ(store.condition, corvane::StoreCondition::not_opened);
+        EXPECT_TRUE(store.waiting == 0x01020304 && store.records_set_aside == 8 && store.files_set_aside == 0);
+        EXPECT_EQ(store.reason, "disk full");
+    }
+    EXPECT_EQ(client.callPlatform(99, {}, {}).status, ORU_STATUS_NOT_SUPPORTED);
+    EXPECT_EQ(client.callPlatform(2, Payload(4097), {}).transport, Transport::Invalid);
+}
+
+// Neither does a service that says more or less than this one keep the client from anything.
+TEST_F(ClientTest, AnOlderServiceIsNotAskedForPlatformCalls) {
+    const struct {
+        std::ptrdiff_t hello;
+        std::size_t record; // its size
+        Outcome expected;
+    } rows[] = {{12, 0, {Transport::Invalid, ORU_STATUS_NOT_SUPPORTED}},
+                {16, 287, {Transport::Ok, ORU_STATUS_DATA_LEN_INVALID}},
+                {16, 288, {}},
+                {16, 1000, {}}};
+    const RawClient listener(listenAt(path));
+    options.socket_path = path;
+    for (const auto &row : rows) {
+        std::jthread service([&] {
+            const RawClient peer(::accept4(listener.fd(), nullptr, nullptr, SOCK_CLOEXEC));
+            peer.send(greeting(row.hello));
+            for (RawFrame asked = peer.receive(); asked; asked = peer.receive()) {
+                const bool platform = asked.header.type == FrameType::PlatformCall;
+                EXPECT_FALSE(platform && row.hello == 12);
+                peer.send(frameOf({.type = platform ? FrameType::PlatformResult : FrameType::SyncResult,
+                                   .id = asked.header.id,
+                                   .sequence = asked.header.sequence},
+                                  Payload(platform ? row.record : 0, 'x')));
+            }
+        });
+        ASSERT_TRUE(client.connect(options).ok());
+        EXPECT_EQ(client.platformVersion(), row.hello == 12 ? 0 : 1);
+        const auto info = client.platformInfo();
+        EXPECT_EQ(info.transport, row.expected.transport);
+        EXPECT_EQ(info.status, row.expected.status);
+        EXPECT_EQ(info.value.release, info.ok() ? std::string(15, 'x') : "");
+        EXPECT_STREQ(corvane::storeConditionName(corvane::StoreCondition('x')), "unknown");
+        EXPECT_TRUE(echo().ok());
+        client.disconnect();
     }
 }
 

@@ -4,6 +4,7 @@
 #pragma once
 #include "../support/raw_client.h"
 #include "oru_config.h"
+#include "oru_kvs_state.h"
 #include "oru_oipc.h"
 #include <algorithm>
 #include <atomic>
@@ -17,6 +18,8 @@
 #include <vector>
 
 namespace oipc_test {
+
+namespace kvs = corvane::kvs;
 
 using Payload = std::vector<uint8_t>;
 using corvane::base::ByteReader;

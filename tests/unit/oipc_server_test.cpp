@@ -148,6 +148,51 @@ TEST_F(OipcTest, CallsGetAZeroedBufferAndTheirResultBack) {
     }
 }
 
+TEST_F(OipcTest, PlatformCallsAreAnsweredBesideTheService) {
+    custom = [](auto &) { return ADD_FAILURE() << "not for the service", ORU_STATUS_OK; };
+    ASSERT_EQ(start(), ORU_STATUS_OK);
+    const RawClient client(path), other(path);
+    EXPECT_EQ(client.receive().payload(), (Payload{1, 0, 2, 0, 0, 0x10, 0, 0, 10, 0, 0, 0, 1, 0, 0, 0}));
+    EXPECT_EQ(hello(other), 2);
+    const struct {
+        uint16_t operation;
+        Payload in;
+        oru_status_t status;
+        std::size_t size;
+    } rows[] = {{1, {}, 0, 288},         {1, Payload(4096), 0, 288}, {0, {}, -6, 0},
+                {99, {}, -6, 0},         {2, {2, 0, 0}, -200, 0},    {2, {0xFF, 0xFF, 0xFF, 0xFF, 9}, 0, 4},
+                {2, {0, 0, 0, 0}, 0, 4}, {2, {2, 0, 0, 0}, 0, 4}};
+    for (const auto &row : rows) {
+        client.send(frameOf({.type = FrameType::PlatformCall, .id = row.operation, .sequence = 78}, row.in));
+        const RawFrame result = client.receive();
+        ASSERT_EQ(result.header.type, FrameType::PlatformResult);
+        EXPECT_EQ(result.header.id, row.operation);
+        EXPECT_EQ(result.header.sequence, 78U);
+        EXPECT_EQ(result.header.status, row.status);
+        ASSERT_EQ(result.header.payload_length, row.size);
+        EXPECT_TRUE(row.size != 4 || ByteReader(result.payload()).u32() == (ByteReader(row.in).u32() & 2));
+    }
+    for (const auto &[number, changes] : {std::pair{uint8_t{1}, true}, {2, true}, {2, false}, {3, true}}) {
+        kvs::State state{.condition = kvs::Condition(number), .waiting = number, .files_set_aside = 7};
+        state.setReason(std::string(300, 'r'));
+        ASSERT_EQ(kvs::publishState(state), changes);
+        if (changes) {
+            kvs::tellListener();
+            const RawFrame event = client.receive();
+            EXPECT_EQ(event.header.type, FrameType::PlatformEvent);
+            EXPECT_EQ(event.header.id, 1);
+            Payload told = event.payload(), expected(256, 'r');
+            ASSERT_EQ(told.size(), expected.size());
+            std::ranges::copy(Payload{number, 0, 0, 0, number, 0, 0, 0, 7, 0, 0, 0, 0, 0, 0, 0}, expected.begin());
+            std::copy_n(told.begin() + 16, 8, expected.begin() + 16); // its age
+            expected.back() = 0;
+            EXPECT_EQ(told, expected);
+        }
+    }
+    EXPECT_EQ(call(client, ECHO).header.type, FrameType::SyncResult) << "no further event";
+    EXPECT_EQ(call(other, ECHO).header.type, FrameType::SyncResult) << "it did not subscribe";
+}
+
 TEST_F(OipcTest, CallbackMayOvertakeTheResultAndLimitsHold) {
     config.max_payload_size = 100;
     custom = [&](oruOipc_parameter_t &task) {
