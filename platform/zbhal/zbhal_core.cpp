@@ -3,6 +3,7 @@
 #include "oru_config.h"
 #include "oru_log.h"
 #include "oru_time.h"
+#include "supervise.h"
 #include "virtual/virtual_adapter.h"
 #include "zbhal_thread.h"
 #include <algorithm>
@@ -111,7 +112,7 @@ oru_status_t Hal::init(const oruZbHal_callbacks_t *callbacks, int32_t *event_des
 }
 
 bool Hal::startThreads() {
-    if (!watchdog_.start(options_.in_force ? options_.watchdog_seconds : oruConfig_get().watchdog_seconds)) {
+    if (!supervise::start(options_.in_force ? options_.watchdog_seconds : oruConfig_get().watchdog_seconds)) {
         return false;
     }
     return descriptor_mode_ || (startLoop(clock_thread_, "zbhal-clock", &Hal::clockLoop) &&
@@ -140,7 +141,7 @@ void Hal::stop() {
         const std::lock_guard lock(mutex_);
         clock_changed_.notify_all();
     }
-    watchdog_.stop();
+    supervise::stop();
     // A callback may be stuck in the service while the process exits; it must not keep the process alive.
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(1);
     while (running_threads_ > 0 && std::chrono::steady_clock::now() < deadline) {
@@ -389,7 +390,7 @@ oru_status_t Hal::processAction() {
     if (!initialized_) {
         return ORU_STATUS_UNINITIALIZED;
     }
-    watchdog_.beat();
+    supervise::beat(supervise::Pulse::main_loop);
     reportShortages();
     waitWhileHung();
     if (!descriptor_mode_ || delivering_) {
@@ -464,9 +465,9 @@ void Hal::clockLoop() {
 
 void Hal::dispatchLoop() {
     while (queue_.waitPop(current_)) {
-        watchdog_.dispatching(true);
+        supervise::beat(supervise::Pulse::dispatcher);
         deliver(*callbacks_, current_);
-        watchdog_.dispatching(false);
+        supervise::rest(supervise::Pulse::dispatcher);
         queue_.done();
         reportDrops();
     }

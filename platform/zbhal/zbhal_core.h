@@ -12,7 +12,6 @@
 #include "oru_zbhal_testing.h"
 #include "zbhal_adapter.h"
 #include "zbhal_places.h"
-#include "zbhal_watchdog.h"
 #include <atomic>
 #include <chrono>
 #include <new>
@@ -119,8 +118,6 @@ private:
     std::mutex hang_mutex_; // guards hang_until_; a leaf
     std::condition_variable hang_changed_;
     std::chrono::steady_clock::time_point hang_until_{};
-
-    Watchdog watchdog_;
 };
 
 // The one instance; never destroyed, because exit() runs while threads of the process may still be inside.

@@ -150,7 +150,7 @@ TEST_P(HalTest, aThreadThatCannotBeStartedFailsTheStartWithALine) {
         pthread_setattr_default_np(&usual);
         EXPECT_EQ(oruZbHal_init(&callbacks, &descriptor_), needed ? 0 : ORU_STATUS_ALREADY_INITIALIZED);
     }
-    EXPECT_TRUE(testplat::log::has("cannot start the thread zbhal-watch: Resource"));
+    EXPECT_TRUE(testplat::log::has("cannot start the thread supervise: Resource"));
 }
 
 void sleepMs(int milliseconds) {
