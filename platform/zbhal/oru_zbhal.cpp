@@ -6,12 +6,10 @@
 
 using corvane::zbhal::Adapter;
 using corvane::zbhal::hal;
-using corvane::zbhal::Operation;
 
 namespace {
 
 constexpr uint32_t kChannelMask = 0x07FFF800; // channels 11 to 26
-constexpr uint16_t kMaxApsPayload = 128;      // longest payload that is sent, fragmented or not
 constexpr uint8_t kMaxInterpanPayload = 102;  // what a MAC frame leaves beside the inter-PAN headers
 constexpr uint8_t kInstallCodeLength = 18;
 constexpr uint8_t kMaxScanDuration = 14;
@@ -25,17 +23,16 @@ bool regionValid(oruZbHal_region_t region) {
            region != ORU_ZB_HAL_REGION_UNIFIED;
 }
 
-oru_status_t send(Operation operation, oruZbHal_nodeId_t node_id, oruZbHal_apsFrame_t *aps_frame,
-                  const uint8_t *payload, uint16_t length, oruZbHal_commandSentCallback_t callback,
-                  uint32_t request_id) {
+oru_status_t send(bool zdo, oruZbHal_nodeId_t node_id, oruZbHal_apsFrame_t *aps_frame, const uint8_t *payload,
+                  uint16_t length, oruZbHal_commandSentCallback_t callback, uint32_t request_id) {
     if (aps_frame == nullptr || (payload == nullptr && length != 0)) {
         return ORU_STATUS_NULL_POINTER;
     }
-    if (length > kMaxApsPayload) {
+    if (length > corvane::zbhal::MAX_APS_PAYLOAD) {
         return ORU_ZB_HAL_APS_ASDU_TOO_LONG;
     }
-    corvane::zbhal::SendRequest request{node_id, *aps_frame, {payload, length}, callback, request_id};
-    const oru_status_t status = hal().send(operation, request);
+    corvane::zbhal::SendRequest request{node_id, *aps_frame, {payload, length}, zdo, callback, request_id};
+    const oru_status_t status = hal().send(request);
     if (status == ORU_STATUS_OK) {
         aps_frame->sequence = request.aps_frame.sequence;
     }
@@ -44,12 +41,11 @@ oru_status_t send(Operation operation, oruZbHal_nodeId_t node_id, oruZbHal_apsFr
 
 // Common form of the three table queries: 8-bit count, capacity in and entries out.
 template <typename Entry>
-oru_status_t table(Operation operation, Entry *entries, uint8_t *count,
-                   oru_status_t (Adapter::*query)(std::span<Entry>, uint8_t &)) {
+oru_status_t table(Entry *entries, uint8_t *count, oru_status_t (Adapter::*query)(std::span<Entry>, uint8_t &)) {
     if (entries == nullptr || count == nullptr) {
         return ORU_STATUS_NULL_POINTER;
     }
-    return hal().run(operation, [&](Adapter &adapter) {
+    return hal().run([&](Adapter &adapter) {
         uint8_t written = 0;
         const oru_status_t status = (adapter.*query)(std::span<Entry>(entries, *count), written);
         if (status == ORU_STATUS_OK) {
@@ -79,15 +75,15 @@ oru_status_t oruZbHal_enable(void) {
 }
 
 oru_status_t oruZbHal_disable(void) {
-    return hal().run(Operation::disable, [](Adapter &adapter) { return adapter.disable(); });
+    return hal().run([](Adapter &adapter) { return adapter.disable(); });
 }
 
 oru_status_t oruZbHal_reset(void) {
-    return hal().run(Operation::reset, [](Adapter &adapter) { return adapter.reset(); });
+    return hal().run([](Adapter &adapter) { return adapter.reset(); });
 }
 
 oru_status_t oruZbHal_factoryReset(void) {
-    return hal().run(Operation::factory_reset, [](Adapter &adapter) { return adapter.factoryReset(); });
+    return hal().run([](Adapter &adapter) { return adapter.factoryReset(); });
 }
 
 oru_status_t oruZbHal_processAction(void) {
@@ -99,7 +95,7 @@ oru_status_t oruZbHal_runEvents(uint32_t max_wait_ms) {
 }
 
 oru_status_t oruZbHal_echo(uint32_t count) {
-    return hal().run(Operation::echo, [count](Adapter &adapter) { return adapter.echo(count); });
+    return hal().run([count](Adapter &adapter) { return adapter.echo(count); });
 }
 
 // ---------------------------------------------------------------- network
@@ -113,7 +109,7 @@ oru_status_t oruZbHal_formNetworkAuto(uint8_t mode, uint32_t primary_channel_mas
     if (primary == 0 || !channelValid(final_channel) || !regionValid(region)) {
         return ORU_STATUS_PARAM_OUT_OF_RANGE;
     }
-    return hal().run(Operation::form_network_auto, [=](Adapter &adapter) {
+    return hal().run([=](Adapter &adapter) {
         return adapter.formNetwork(primary, secondary_channel_mask & kChannelMask, final_channel, region);
     });
 }
@@ -128,7 +124,7 @@ oru_status_t oruZbHal_addEndpoint(uint8_t endpoint, uint16_t profile_id, uint16_
     if (endpoint == 0 || endpoint > 240 || input_cluster_count + output_cluster_count > ORU_ZB_HAL_MAX_CLUSTERS) {
         return ORU_STATUS_PARAM_OUT_OF_RANGE;
     }
-    return hal().run(Operation::add_endpoint, [&](Adapter &adapter) {
+    return hal().run([&](Adapter &adapter) {
         return adapter.addEndpoint({endpoint,
                                     profile_id,
                                     device_id,
@@ -139,18 +135,18 @@ oru_status_t oruZbHal_addEndpoint(uint8_t endpoint, uint16_t profile_id, uint16_
 }
 
 oru_status_t oruZbHal_leaveNetwork(void) {
-    return hal().run(Operation::leave_network, [](Adapter &adapter) { return adapter.leaveNetwork(); });
+    return hal().run([](Adapter &adapter) { return adapter.leaveNetwork(); });
 }
 
 oru_status_t oruZbHal_getNetworkInfo(oruZbHal_networkParameters_t *params) {
     if (params == nullptr) {
         return ORU_STATUS_NULL_POINTER;
     }
-    return hal().run(Operation::get_network_info, [params](Adapter &adapter) { return adapter.networkInfo(*params); });
+    return hal().run([params](Adapter &adapter) { return adapter.networkInfo(*params); });
 }
 
 oru_status_t oruZbHal_setRadioPower(int8_t power) {
-    return hal().run(Operation::set_radio_power, [power](Adapter &adapter) { return adapter.setRadioPower(power); });
+    return hal().run([power](Adapter &adapter) { return adapter.setRadioPower(power); });
 }
 
 oru_status_t oruZbHal_setRegion(oruZbHal_region_t region) {
@@ -163,11 +159,11 @@ oru_status_t oruZbHal_setRegion(oruZbHal_region_t region) {
 // ---------------------------------------------------------------- joining and keys
 
 oru_status_t oruZbHal_permitJoinNetwork(bool allow) {
-    return hal().run(Operation::permit_join_network, [allow](Adapter &adapter) { return adapter.permitJoin(allow); });
+    return hal().run([allow](Adapter &adapter) { return adapter.permitJoin(allow); });
 }
 
 oru_status_t oruZbHal_permitJoinZts(bool enable) {
-    return hal().run(Operation::permit_join_zts, [enable](Adapter &adapter) { return adapter.permitJoinZts(enable); });
+    return hal().run([enable](Adapter &adapter) { return adapter.permitJoinZts(enable); });
 }
 
 oru_status_t oruZbHal_addInstallCode(uint8_t *eui64_little_endian, uint8_t *install_code, uint8_t length) {
@@ -177,30 +173,28 @@ oru_status_t oruZbHal_addInstallCode(uint8_t *eui64_little_endian, uint8_t *inst
     if (length != kInstallCodeLength) {
         return ORU_STATUS_DATA_LEN_INVALID;
     }
-    return hal().run(Operation::add_install_code, [&](Adapter &adapter) {
+    return hal().run([&](Adapter &adapter) {
         return adapter.addInstallCode(std::span<const uint8_t, 8>(eui64_little_endian, 8),
                                       std::span<const uint8_t, kInstallCodeLength>(install_code, kInstallCodeLength));
     });
 }
 
 oru_status_t oruZbHal_clearTransientLinkKeys(void) {
-    return hal().run(Operation::clear_transient_link_keys,
-                     [](Adapter &adapter) { return adapter.clearTransientLinkKeys(); });
+    return hal().run([](Adapter &adapter) { return adapter.clearTransientLinkKeys(); });
 }
 
 oru_status_t oruZbHal_getKeyTableEntry(uint8_t index, oruZbHal_keyStruct_t *entry) {
     if (entry == nullptr) {
         return ORU_STATUS_NULL_POINTER;
     }
-    return hal().run(Operation::get_key_table_entry,
-                     [=](Adapter &adapter) { return adapter.keyTableEntry(index, *entry); });
+    return hal().run([=](Adapter &adapter) { return adapter.keyTableEntry(index, *entry); });
 }
 
 oru_status_t oruZbHal_getKey(oruZbHal_keyType_t type, oruZbHal_keyStruct_t *key) {
     if (key == nullptr) {
         return ORU_STATUS_NULL_POINTER;
     }
-    return hal().run(Operation::get_key, [=](Adapter &adapter) { return adapter.key(type, *key); });
+    return hal().run([=](Adapter &adapter) { return adapter.key(type, *key); });
 }
 
 // ---------------------------------------------------------------- sending
@@ -208,13 +202,12 @@ oru_status_t oruZbHal_getKey(oruZbHal_keyType_t type, oruZbHal_keyStruct_t *key)
 oru_status_t oruZbHal_sendZclUnicast(oruZbHal_nodeId_t node_id, oruZbHal_apsFrame_t *aps_frame, uint8_t *payload,
                                      uint16_t payload_len, oruZbHal_commandSentCallback_t callback,
                                      uint32_t *request_id) {
-    return send(Operation::send_zcl_unicast, node_id, aps_frame, payload, payload_len, callback,
-                request_id == nullptr ? 0 : *request_id);
+    return send(false, node_id, aps_frame, payload, payload_len, callback, request_id == nullptr ? 0 : *request_id);
 }
 
 oru_status_t oruZbHal_sendZdoMessage(oruZbHal_nodeId_t node_id, oruZbHal_apsFrame_t *aps_frame, uint8_t *frame,
                                      uint16_t frame_len, oruZbHal_commandSentCallback_t callback, uint32_t request_id) {
-    return send(Operation::send_zdo_message, node_id, aps_frame, frame, frame_len, callback, request_id);
+    return send(true, node_id, aps_frame, frame, frame_len, callback, request_id);
 }
 
 oru_status_t oruZbHal_sendRawInterpanMessageOnChannels(uint32_t channel_mask, oruZbHal_interpanHeader_t *header,
@@ -229,9 +222,8 @@ oru_status_t oruZbHal_sendRawInterpanMessageOnChannels(uint32_t channel_mask, or
     if (zcl_frame_len > kMaxInterpanPayload) {
         return ORU_ZB_HAL_MAC_FRAME_TOO_LONG;
     }
-    return hal().run(Operation::send_raw_interpan_message_on_channels, [&](Adapter &adapter) {
-        return adapter.sendInterpan(channel_mask & kChannelMask, *header, {zcl_frame, zcl_frame_len}, callback);
-    });
+    corvane::zbhal::InterpanRequest request{channel_mask & kChannelMask, *header, {zcl_frame, zcl_frame_len}};
+    return hal().sendInterpan(request, callback);
 }
 
 // ---------------------------------------------------------------- queries and counters
@@ -240,49 +232,45 @@ oru_status_t oruZbHal_getFwVersion(uint8_t *version, uint8_t *count) {
     if (version == nullptr || count == nullptr) {
         return ORU_STATUS_NULL_POINTER;
     }
-    return hal().run(Operation::get_fw_version,
-                     [=](Adapter &adapter) { return adapter.fwVersion(std::span<uint8_t>(version, *count), *count); });
+    return hal().run([=](Adapter &adapter) { return adapter.fwVersion(std::span<uint8_t>(version, *count), *count); });
 }
 
 oru_status_t oruZbHal_getAdapterInfo(oruZbHal_adapterInfo_t *info) {
     if (info == nullptr) {
         return ORU_STATUS_NULL_POINTER;
     }
-    return hal().run(Operation::get_adapter_info, [info](Adapter &adapter) { return adapter.adapterInfo(*info); });
+    return hal().run([info](Adapter &adapter) { return adapter.adapterInfo(*info); });
 }
 
 oru_status_t oruZbHal_startScan(uint8_t type, uint32_t channel_mask, uint8_t duration) {
     if (type > 1 || (channel_mask & kChannelMask) == 0 || duration > kMaxScanDuration) {
         return ORU_STATUS_PARAM_OUT_OF_RANGE;
     }
-    return hal().run(Operation::start_scan,
-                     [=](Adapter &adapter) { return adapter.startScan(type, channel_mask & kChannelMask, duration); });
+    return hal().run([=](Adapter &adapter) { return adapter.startScan(type, channel_mask & kChannelMask, duration); });
 }
 
 oru_status_t oruZbHal_getChildren(oruZbHal_childTableEntry_t *entries, uint8_t *count) {
-    return table(Operation::get_children, entries, count, &Adapter::children);
+    return table(entries, count, &Adapter::children);
 }
 
 oru_status_t oruZbHal_getRouteTableEntries(oruZbHal_routeTableEntry_t *entries, uint8_t *count) {
-    return table(Operation::get_route_table_entries, entries, count, &Adapter::routes);
+    return table(entries, count, &Adapter::routes);
 }
 
 oru_status_t oruZbHal_getNeighbors(oruZbHal_neighborTableEntry_t *entries, uint8_t *count) {
-    return table(Operation::get_neighbors, entries, count, &Adapter::neighbors);
+    return table(entries, count, &Adapter::neighbors);
 }
 
 oru_status_t oruZbHal_getDebugCounters(oruZbHal_counters_t *counters) {
     if (counters == nullptr) {
         return ORU_STATUS_NULL_POINTER;
     }
-    return hal().run(Operation::get_debug_counters,
-                     [=](Adapter &adapter) { return adapter.debugCounters(*counters, false); });
+    return hal().run([=](Adapter &adapter) { return adapter.debugCounters(*counters, false); });
 }
 
 oru_status_t oruZbHal_getAndClearDebugCounters(oruZbHal_counters_t *counters) {
     if (counters == nullptr) {
         return ORU_STATUS_NULL_POINTER;
     }
-    return hal().run(Operation::get_and_clear_debug_counters,
-                     [=](Adapter &adapter) { return adapter.debugCounters(*counters, true); });
+    return hal().run([=](Adapter &adapter) { return adapter.debugCounters(*counters, true); });
 }

@@ -1,95 +1,63 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// An adapter: one kind of radio behind the HAL. Backends implement Adapter and report through AdapterHost. The layer
-// checks arguments before it calls, and calls every operation of an adapter with its lock held, so an adapter needs no
-// lock of its own and never calls the service.
+// An adapter: one kind of radio behind the HAL. Backends implement Adapter and report through AdapterHost.
+//
+// Threads. The layer checks arguments, then calls an operation from whichever thread asks for it, several at a time,
+// and with no lock of its own held. An operation ends within 3 s; while the link to the radio is down it answers
+// ORU_STATUS_DEVICE_STATE_INVALID at once. An adapter that can do one thing at a time queues its callers itself.
+//
+// Back-pressure. What the service has not taken yet waits in a queue of the layer. When that is full a report is not
+// taken; the adapter keeps it, holds its source back and goes on when roomMade() is called. No report is dropped.
 //
 // Results are those of the HAL operation of the same name.
 #pragma once
 #include "zbhal_events.h"
-#include <functional>
-#include <memory>
-#include <optional>
 #include <span>
-#include <string>
 
 namespace corvane::zbhal {
 
 inline constexpr uint64_t kNever = UINT64_MAX;
+inline constexpr uint16_t MAX_APS_PAYLOAD = 128; // longest payload that is sent, fragmented or not
 
-// Operations that can be refused on purpose, by their names without prefix. The last two name not operations but
-// completions: "confirmation" gives the next confirmations the status asked for, "interpanCompletion" loses the next
-// inter-PAN completions until the adapter is reset.
-enum class Operation : uint8_t {
-    init,
-    set_adapter_name,
-    enable,
-    disable,
-    reset,
-    factory_reset,
-    echo,
-    form_network_auto,
-    add_endpoint,
-    leave_network,
-    get_network_info,
-    set_radio_power,
-    set_region,
-    permit_join_network,
-    permit_join_zts,
-    add_install_code,
-    clear_transient_link_keys,
-    get_key_table_entry,
-    get_key,
-    send_zcl_unicast,
-    send_zdo_message,
-    send_raw_interpan_message_on_channels,
-    get_fw_version,
-    get_adapter_info,
-    start_scan,
-    get_children,
-    get_route_table_entries,
-    get_neighbors,
-    get_debug_counters,
-    get_and_clear_debug_counters,
-    confirmation,
-    interpan_completion,
-    count,
-};
+// Monotonic time in microseconds.
+uint64_t nowUs();
 
-// What the layer offers to an adapter. indicate, reserve, confirm and takeRefusal are called with the layer's lock
-// held, the others without it.
+// Number of an accepted send or inter-PAN send; 0: none. The low eight bits of those that are not concluded differ from
+// each other and from 0, so that they can be the tag of a frame.
+using Ticket = uint64_t;
+
+// What the layer offers to an adapter. Any thread; takes leaf locks only, so an adapter may hold its own.
 class AdapterHost {
 public:
     virtual ~AdapterHost() = default;
-    virtual void indicate(const Indication &indication) = 0;
-    // A place for the confirmation of a send. False: refuse the send.
-    [[nodiscard]] virtual bool reserve() = 0;
-    // Delivers a confirmation into a place reserved before.
-    virtual void confirm(const Indication &indication) = 0;
-    // Status of a refusal ordered for the operation, used up by the call.
-    virtual std::optional<int32_t> takeRefusal(Operation operation) = 0;
-
-    // Runs work with the layer's lock held and mesh time up to date. For threads of the adapter.
-    virtual void locked(const std::function<void()> &work) = 0;
-    // Empty text on success, else what is wrong with the name.
-    virtual std::string refuseNext(const std::string &operation, uint32_t count, int32_t status) = 0;
-    virtual void hang(uint32_t milliseconds) = 0; // every operation called from now on blocks that long
-};
-
-struct AdapterSettings {
-    std::string state_directory;
-    std::string runtime_directory;
-    std::optional<uint64_t> seed;   // replaces the scenario's
-    bool remember = true;           // keep the network in a file of the state directory
-    bool simulation_control = true; // listen on the control socket
+    // False: no room. The report is still the adapter's; it reports it again when room is made.
+    [[nodiscard]] virtual bool indicate(const Indication &indication) = 0;
+    // Whether a received frame would be taken now. False promises a roomMade().
+    [[nodiscard]] virtual bool hasRoom() = 0;
+    // Ends a send with its confirmation, status 0 or a code of APS, NWK or MAC, or an inter-PAN send with its
+    // completion. There is always room. A ticket that is not open any more is ignored, so the first conclusion counts.
+    virtual void conclude(Ticket ticket, int32_t status) = 0;
+    // Ends all that are open, in the order in which they were accepted.
+    virtual void concludeAll(int32_t send_status, oru_status_t interpan_status) = 0;
+    // There is something to do sooner than advance() has said.
+    virtual void changed() = 0;
 };
 
 struct SendRequest {
     oruZbHal_nodeId_t destination = 0;
-    oruZbHal_apsFrame_t aps_frame = {}; // sequence and radius are filled in by the adapter
-    std::span<const uint8_t> payload;
-    oruZbHal_commandSentCallback_t callback = nullptr;
+    oruZbHal_apsFrame_t aps_frame = {}; // sequence is filled in by the layer
+    std::span<const uint8_t> payload;   // at most MAX_APS_PAYLOAD bytes
+    bool zdo = false;
+    oruZbHal_commandSentCallback_t callback = nullptr; // these two are the layer's business
     uint32_t request_id = 0;
+    Ticket ticket = 0;
+};
+
+struct InterpanRequest {
+    uint32_t channel_mask = 0;
+    const oruZbHal_interpanHeader_t &header;
+    std::span<const uint8_t> frame;
+    Ticket ticket = 0;
 };
 
 struct EndpointRequest {
@@ -106,8 +74,13 @@ public:
     virtual ~Adapter() = default;
 
     // Does what is due at now_us (monotonic clock) and returns the time of the next event, kNever when there is none.
-    virtual uint64_t advance(uint64_t now_us) = 0;
-    // Called without the lock before the adapter is destroyed: ends the adapter's own threads.
+    // Called by the main loop with each of its turns and by the clock thread. An adapter with a thread of its own has
+    // nothing to do here.
+    virtual uint64_t advance(uint64_t /*now_us*/) { return kNever; }
+    // The service has taken reports after one was not taken or hasRoom() was false. By the thread that delivers.
+    virtual void roomMade() {}
+    // At the end of the process or before the adapter is destroyed: lets go whoever is inside an operation, and ends
+    // the adapter's own threads.
     virtual void stop() = 0;
 
     virtual oru_status_t enable() = 0;
@@ -134,10 +107,13 @@ public:
 
     // Sends that the adapter holds at once. The layer calls send() while there is room, and shares the places fairly.
     virtual size_t sendCapacity() const = 0;
-    // On success the frame's sequence has been filled in and the send will be confirmed exactly once.
-    virtual oru_status_t send(SendRequest &request) = 0;
-    virtual oru_status_t sendInterpan(uint32_t channel_mask, const oruZbHal_interpanHeader_t &header,
-                                      std::span<const uint8_t> frame, oruZbHal_interpanSentCallback_t callback) = 0;
+    // How long the conclusion of a send may take, in microseconds; then it is taken for lost, and the layer concludes.
+    virtual uint64_t conclusionLimitUs() const { return 30'000'000; }
+    // On success the ticket will be concluded, maybe before the call returns; else it must not be.
+    virtual oru_status_t send(const SendRequest &request) = 0;
+    virtual oru_status_t sendInterpan(const InterpanRequest &request) = 0;
+    // To the members of aps_frame.group_id. No confirmation follows.
+    virtual oru_status_t sendGroup(const oruZbHal_apsFrame_t &aps_frame, std::span<const uint8_t> payload) = 0;
 
     virtual oru_status_t fwVersion(std::span<uint8_t> version, uint8_t &count) = 0;
     virtual oru_status_t adapterInfo(oruZbHal_adapterInfo_t &info) = 0;
@@ -147,9 +123,6 @@ public:
     virtual oru_status_t routes(std::span<oruZbHal_routeTableEntry_t> entries, uint8_t &count) = 0;
     virtual oru_status_t neighbors(std::span<oruZbHal_neighborTableEntry_t> entries, uint8_t &count) = 0;
     virtual oru_status_t debugCounters(oruZbHal_counters_t &counters, bool clear) = 0;
-
-    // For the layer's tests; an adapter without a simulation ignores it.
-    virtual void holdConfirmations(bool hold) = 0;
 };
 
 } // namespace corvane::zbhal

@@ -6,6 +6,7 @@
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
+#include <utility>
 
 namespace corvane::zbhal {
 
@@ -23,12 +24,28 @@ size_t headroomOf(IndicationKind kind) {
 
 bool EventQueue::push(const Indication &indication) {
     const std::lock_guard lock(mutex_);
-    if (count_ + reserved_ + headroomOf(indication.kind) >= kCapacity) {
-        ++dropped_;
+    if (!fits(headroomOf(indication.kind))) {
         return false;
     }
     append(indication);
     return true;
+}
+
+bool EventQueue::hasRoom() {
+    const std::lock_guard lock(mutex_);
+    return fits(kStatusHeadroom);
+}
+
+bool EventQueue::takeRoomMade() {
+    const std::lock_guard lock(mutex_);
+    const bool enough = count_ + reserved_ + kStatusHeadroom + ROOM_TO_GO_ON <= kCapacity;
+    return enough && std::exchange(full_, false);
+}
+
+bool EventQueue::fits(size_t spare) {
+    const bool room = count_ + reserved_ + spare < kCapacity;
+    full_ = full_ || !room;
+    return room;
 }
 
 bool EventQueue::reserve() {
@@ -47,6 +64,11 @@ void EventQueue::pushReserved(const Indication &indication) {
     }
     --reserved_;
     append(indication);
+}
+
+void EventQueue::release() {
+    const std::lock_guard lock(mutex_);
+    reserved_ -= reserved_ == 0 ? 0 : 1;
 }
 
 void EventQueue::append(const Indication &indication) {
@@ -96,11 +118,6 @@ size_t EventQueue::undelivered() const {
     return count_ + (taken_ ? 1 : 0);
 }
 
-uint32_t EventQueue::dropped() const {
-    const std::lock_guard lock(mutex_);
-    return dropped_;
-}
-
 void EventQueue::stop() {
     const std::lock_guard lock(mutex_);
     stopped_ = true;
@@ -110,7 +127,7 @@ void EventQueue::stop() {
 void EventQueue::restart() {
     const std::lock_guard lock(mutex_);
     head_ = count_ = reserved_ = 0;
-    dropped_ = 0;
+    full_ = false;
     taken_ = false;
     stopped_ = false;
 }

@@ -4,8 +4,8 @@
 // preallocated queue, and the thread that owns delivery takes them out one by one and calls the callbacks with no lock
 // of the layer held. So a callback may call any operation of the HAL, and no operation waits for a callback.
 //
-// Room for confirmations is reserved when a send is accepted, so the one confirmation of a send always fits. Other
-// indications are dropped and counted when the queue is full, received frames first.
+// Room for confirmations is reserved when a send is accepted, so the one confirmation of a send always fits. Another
+// indication is not taken when the queue is full, received frames first: whoever has it keeps it until there is room.
 #pragma once
 #include "oru_zbhal.h"
 #include <array>
@@ -57,15 +57,21 @@ public:
     static constexpr size_t kCapacity = 256;
     static constexpr size_t kMaxReserved = 128;   // sends between acceptance and delivery of the confirmation
     static constexpr size_t kStatusHeadroom = 32; // received frames leave this much for status and join reports
+    static constexpr size_t ROOM_TO_GO_ON = 32;   // for frames, before it is told that there is room again
 
     EventQueue() : ring_(kCapacity) {}
 
-    // False: no room, the indication is dropped and counted.
-    bool push(const Indication &indication);
+    // False: no room.
+    [[nodiscard]] bool push(const Indication &indication);
+    // For a received frame.
+    [[nodiscard]] bool hasRoom();
+    // Whether somebody has found no room, and a good part of the queue is free by now. Tells it once.
+    [[nodiscard]] bool takeRoomMade();
     // A place for one confirmation. False: too many are outstanding, the send must be refused.
     [[nodiscard]] bool reserve();
-    // Uses up one reserved place.
+    // Uses up one reserved place, or gives it back.
     void pushReserved(const Indication &indication);
+    void release();
 
     // Taking one out and, when its callback has returned, done().
     [[nodiscard]] bool pop(Indication &indication);
@@ -77,11 +83,11 @@ public:
     // Wakes waitPop for good. restart() empties the queue and opens it again.
     void stop();
     void restart();
-    [[nodiscard]] uint32_t dropped() const;
 
 private:
     void append(const Indication &indication);
     void takeFront(Indication &indication);
+    bool fits(size_t spare);
 
     mutable std::mutex mutex_; // guards everything below; a leaf, nothing is called while it is held
     std::condition_variable filled_;
@@ -89,7 +95,7 @@ private:
     size_t head_ = 0;
     size_t count_ = 0;
     size_t reserved_ = 0;
-    uint32_t dropped_ = 0;
+    bool full_ = false;  // somebody has found no room
     bool taken_ = false; // one is inside its callback
     bool stopped_ = false;
 };

@@ -119,14 +119,12 @@ TEST_P(HalTest, aFullQueueBlocksNoOperationAndLosesNoConfirmation) {
         hal::injectStackStatus(ORU_ZB_HAL_STACK_BUSY_UPGRADING); // into the last places, but for those reserved
     }
     EXPECT_FALSE(taken);
-    EXPECT_GT(hal::droppedIndications(), 1700U);
     EXPECT_EQ(oruZbHal_disable(), 0); // fails the ten sends
     stuck = false;
     advance(5000);
     EXPECT_EQ(record.confirmations.size(), 10U);
     EXPECT_NE(record.trace.find("stack upgrading, sent"), std::string::npos);
     EXPECT_TRUE(record.trace.ends_with("stack off, "));
-    EXPECT_EQ(testplat::log::count("reports of the radio lost"), 1U);
 }
 
 hal::Options watched(hal::Mode mode, uint32_t seconds) {

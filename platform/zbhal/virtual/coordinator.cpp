@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // States of the stack, the network, radio power and region.
 #include "coordinator.h"
+#include "../zbhal_policy.h"
 #include "oru_log.h"
 #include "zigbee/mac_capabilities.h"
 #include <algorithm>
@@ -14,35 +15,28 @@ constexpr uint64_t kMs = 1000;
 constexpr uint64_t kDisableUs = 20 * kMs;
 constexpr uint64_t kLeaveUs = 60 * kMs;
 constexpr uint64_t kRecoverUs = 1000 * kMs; // a crashed stack until it is back
-constexpr int8_t kLowestPowerDbm = -20;
-constexpr int8_t kDefaultPowerDbm = 8;
-// amplifier delivers where the power density leaves room; regions with a density limit of 10 mW per MHz end at 10 dBm.
-constexpr std::array<int8_t, ORU_ZB_HAL_REGION_MAX> kHighestPowerDbm = {20, 10, 10, 20, 10, 10, 20, 20, 20, 20};
-
-constexpr uint16_t kInputClusters[] = {0x0000, 0x0003, 0x0006, 0x0008, 0x0019, 0x000A};
-constexpr uint16_t kOutputClusters[] = {0x0000, 0x0003, 0x0006, 0x0008, 0x0300, 0x0004, 0x0101, 0x0020, 0x0500,
-                                        0x0001, 0x0B05, 0x0201, 0x0406, 0x0400, 0x0402, 0x0102, 0xFC57};
 
 } // namespace
 
-CoordinatorRadio::CoordinatorRadio(const Scenario &scenario, const AdapterSettings &settings, AdapterHost &host)
-    : scenario_(scenario), settings_(settings), host_(host), random_(settings.seed.value_or(scenario.seed)),
+CoordinatorRadio::CoordinatorRadio(const Scenario &scenario, const VirtualSettings &settings, AdapterHost &host,
+                                   AdapterFaults &faults)
+    : scenario_(scenario), host_(host), faults_(faults), random_(settings.seed.value_or(scenario.seed)),
       air_(scenario.air, scenario.devices.size() + 1, timeline_, random_),
-      mesh_(scenario_, timeline_, random_, air_, *this), power_dbm_(kDefaultPowerDbm) {
-    if (settings_.remember && scenario_.coordinator.remembers_network) {
-        memory_path_ = memoryPath(settings_.state_directory, scenario_.coordinator.eui64);
+      mesh_(scenario_, timeline_, random_, air_, *this), power_dbm_(zbhal::DEFAULT_POWER_DBM) {
+    if (!settings.state_directory.empty() && scenario_.coordinator.remembers_network) {
+        memory_path_ = memoryPath(settings.state_directory, scenario_.coordinator.eui64);
     }
     transient_keys_.reserve(scenario_.coordinator.key_table_capacity);
     std::reverse_copy(scenario_.coordinator.eui64.begin(), scenario_.coordinator.eui64.end(), info_.eui64);
     info_.capabilities = zigbee::MAC_COORDINATOR;
     oruSecret_keepOutOfDumps(&network_, sizeof network_);
-    CoordinatorRadio::addEndpoint({1, 0x0104, 7, 1, kInputClusters, kOutputClusters});
+    CoordinatorRadio::addEndpoint(zbhal::DEFAULT_ENDPOINT);
 }
 
 // Frames that are still under way are nobody's any more.
 CoordinatorRadio::~CoordinatorRadio() {
     for (Pending &pending : pending_) {
-        pending.handle = 0;
+        pending.ticket = 0;
     }
     timeline_.clear();
 }
@@ -73,7 +67,7 @@ void CoordinatorRadio::report(oruZbHal_stackStatus_t status) {
     scratch_ = {};
     scratch_.kind = IndicationKind::stack_status;
     scratch_.status = status;
-    host_.indicate(scratch_);
+    (void)host_.indicate(scratch_);
 }
 
 oru_status_t CoordinatorRadio::enable() {
@@ -109,7 +103,7 @@ std::vector<Member> CoordinatorRadio::recall() {
         return {};
     }
     network_ = memory->network;
-    power_dbm_ = std::clamp(memory->network.power_dbm, kLowestPowerDbm, kHighestPowerDbm[static_cast<size_t>(region_)]);
+    power_dbm_ = zbhal::allowedPowerDbm(memory->network.power_dbm, region_);
     return std::move(memory->members);
 }
 
@@ -145,7 +139,7 @@ oru_status_t CoordinatorRadio::factoryReset() {
     restartStack(Stack::resetting, ORU_ZB_HAL_STACK_BUSY_RESETTING, scenario_.coordinator.startup_ms * kMs);
     dropNetwork();
     transient_keys_.clear();
-    power_dbm_ = std::min(kDefaultPowerDbm, kHighestPowerDbm[static_cast<size_t>(region_)]);
+    power_dbm_ = zbhal::allowedPowerDbm(zbhal::DEFAULT_POWER_DBM, region_);
     return ORU_STATUS_OK;
 }
 
@@ -253,7 +247,7 @@ oru_status_t CoordinatorRadio::setRadioPower(int8_t power_dbm) {
     if (stack_ == Stack::off) {
         return ORU_STATUS_DEVICE_STATE_INVALID;
     }
-    if (power_dbm < kLowestPowerDbm || power_dbm > kHighestPowerDbm[static_cast<size_t>(region_)]) {
+    if (power_dbm != zbhal::allowedPowerDbm(power_dbm, region_)) {
         return ORU_STATUS_PARAM_OUT_OF_RANGE;
     }
     power_dbm_ = power_dbm;
@@ -263,7 +257,7 @@ oru_status_t CoordinatorRadio::setRadioPower(int8_t power_dbm) {
 
 oru_status_t CoordinatorRadio::setRegion(oruZbHal_region_t region) {
     region_ = region;
-    const int8_t highest = kHighestPowerDbm[static_cast<size_t>(region)];
+    const int8_t highest = zbhal::highestPowerDbm(region);
     if (power_dbm_ > highest) {
         oruLog_log(ORU_LOG_ID_MAIN, ORU_LOG_INFO, kTag, "transmit power lowered from %d to %d dBm by the region",
                    power_dbm_, highest);

@@ -11,32 +11,39 @@
 //
 // One command overtakes another: step_ rises with each transition and the events of the former do nothing.
 //
-// Confirmations: a send occupies a slot of pending_ and a reserved place of the queue from its acceptance. Whoever
-// clears the slot delivers the confirmation; that happens in conclude() only. Everything that ends the stack's work
-// (abandonTraffic) concludes all slots as failed.
+// Confirmations: a send occupies a slot of pending_ from its acceptance. Whoever clears the slot concludes the send;
+// that happens in conclude() only. Everything that ends the stack's work (abandonTraffic) concludes all slots as
+// failed.
+//
+// Threads: none of its own, one caller at a time (SteppedAdapter).
 //
 // Memory may run out in any event: what a frame needs is dropped with the frame, see timeline.h and Flight. The steps
 // of the stack are taken only after they could be scheduled, and are tried again when they fail.
 #pragma once
 #include "../zbhal_adapter.h"
+#include "adapter_faults.h"
 #include "mesh.h"
 #include "oru_secret.h"
 #include "radio_memory.h"
+#include "virtual_adapter.h"
 #include "zigbee/install_code.h"
 #include <array>
 #include <bit>
 
 namespace corvane::mesh {
 
+using zbhal::AdapterFaults;
 using zbhal::AdapterHost;
-using zbhal::AdapterSettings;
 using zbhal::Indication;
 using zbhal::IndicationKind;
 using zbhal::Operation;
+using zbhal::Ticket;
+using zbhal::VirtualSettings;
 
 class CoordinatorRadio : public zbhal::Adapter, private Coordinator {
 public:
-    CoordinatorRadio(const Scenario &scenario, const AdapterSettings &settings, AdapterHost &host);
+    CoordinatorRadio(const Scenario &scenario, const VirtualSettings &settings, AdapterHost &host,
+                     AdapterFaults &faults);
     CoordinatorRadio(const CoordinatorRadio &) = delete;
     CoordinatorRadio &operator=(const CoordinatorRadio &) = delete;
     ~CoordinatorRadio() override;
@@ -67,9 +74,11 @@ public:
     oru_status_t key(oruZbHal_keyType_t type, oruZbHal_keyStruct_t &entry) override;
 
     size_t sendCapacity() const override { return std::min<size_t>(air_.spec().max_in_flight, kMaxPending); }
-    oru_status_t send(zbhal::SendRequest &request) override;
-    oru_status_t sendInterpan(uint32_t channel_mask, const oruZbHal_interpanHeader_t &header,
-                              std::span<const uint8_t> frame, oruZbHal_interpanSentCallback_t callback) override;
+    // None is ever lost, but some are kept back on purpose.
+    uint64_t conclusionLimitUs() const override { return zbhal::kNever; }
+    oru_status_t send(const zbhal::SendRequest &request) override;
+    oru_status_t sendInterpan(const zbhal::InterpanRequest &request) override;
+    oru_status_t sendGroup(const oruZbHal_apsFrame_t &aps_frame, std::span<const uint8_t> payload) override;
 
     oru_status_t fwVersion(std::span<uint8_t> version, uint8_t &count) override;
     oru_status_t adapterInfo(oruZbHal_adapterInfo_t &info) override;
@@ -78,9 +87,9 @@ public:
     oru_status_t routes(std::span<oruZbHal_routeTableEntry_t> entries, uint8_t &count) override;
     oru_status_t neighbors(std::span<oruZbHal_neighborTableEntry_t> entries, uint8_t &count) override;
     oru_status_t debugCounters(oruZbHal_counters_t &counters, bool clear) override;
-    void holdConfirmations(bool hold) override;
 
     // -------- simulation
+    void holdConfirmations(bool hold);
     bool fatalError(); // false: disabled
     void setAir(const AirSpec &air) { air_.setSpec(air); }
     const AirSpec &air() const { return air_.spec(); }
@@ -103,13 +112,9 @@ private:
     static constexpr size_t kMaxInterpan = 4;
 
     struct Pending {           // an accepted send
-        uint64_t handle = 0;   // 0: free
+        Ticket ticket = 0;     // 0: free
         bool withheld = false; // done, but kept back
-        Indication confirmation;
-    };
-    struct PendingInterpan {
-        uint64_t handle = 0; // 0: free
-        oruZbHal_interpanSentCallback_t callback = nullptr;
+        int32_t status = 0;    // of one that is kept back
     };
     struct TransientKey { // link key of an install code
         Eui64 eui64{};
@@ -122,7 +127,7 @@ private:
     Admission admit(const JoinRequest &request) override;
     void deviceReport(const DeviceReport &report) override;
     void frameReceived(const ReceivedFrame &frame) override;
-    void sendDone(uint64_t handle, oruZbHal_clusterCommandStatus_t status, bool withheld) override;
+    void sendDone(uint64_t ticket, oruZbHal_clusterCommandStatus_t status, bool withheld) override;
     void membershipChanged() override { rememberSoon(); }
 
     // stack states (coordinator.cpp)
@@ -150,17 +155,18 @@ private:
 
     // traffic and queries (coordinator_traffic.cpp)
     Pending *freePending();
-    std::shared_ptr<Flight> makeFlight(const zbhal::SendRequest &request);
+    std::shared_ptr<Flight> makeFlight(uint16_t destination, const oruZbHal_apsFrame_t &aps_frame,
+                                       std::span<const uint8_t> payload);
     void conclude(Pending &pending, int32_t status);
-    void concludeInterpan(PendingInterpan &pending, oru_status_t status);
+    void concludeInterpan(Ticket &pending, oru_status_t status);
     int8_t energyOf(uint8_t channel);
     void scanChannel(uint8_t type, uint32_t channel_mask, uint8_t channel, uint64_t dwell_us, uint32_t scan);
     void reportNetworks(uint8_t channel);
     void endScan(uint8_t channel, oru_status_t status);
 
     Scenario scenario_;
-    AdapterSettings settings_;
     AdapterHost &host_;
+    AdapterFaults &faults_;
     Timeline timeline_;
     Random random_;
     Air air_;
@@ -182,9 +188,7 @@ private:
     std::vector<TransientKey, oruSecret_allocator_t<TransientKey>> transient_keys_;
 
     std::array<Pending, kMaxPending> pending_;
-    std::array<PendingInterpan, kMaxInterpan> pending_interpan_;
-    uint64_t next_handle_ = 1;
-    uint8_t aps_counter_ = 0;
+    std::array<Ticket, kMaxInterpan> pending_interpan_{}; // 0: free
     bool hold_ = false;
     Indication scratch_; // for building one indication
 

@@ -11,7 +11,6 @@ namespace {
 constexpr char kTag[] = "zbhal";
 constexpr uint64_t kMs = 1000;
 constexpr int kApsRetries = 3;
-constexpr uint8_t kDefaultRadius = 30; // hops
 constexpr uint8_t kIncomingUnicast = 0;
 constexpr uint8_t kIncomingBroadcast = 4;
 constexpr uint64_t kInterpanChannelUs = 40 * kMs; // tune, send, wait for the acknowledgement
@@ -32,7 +31,7 @@ CoordinatorRadio::Pending *CoordinatorRadio::freePending() {
     size_t in_flight = 0;
     Pending *free = nullptr;
     for (Pending &pending : pending_) {
-        if (pending.handle != 0) {
+        if (pending.ticket != 0) {
             ++in_flight;
         } else if (free == nullptr) {
             free = &pending;
@@ -41,7 +40,7 @@ CoordinatorRadio::Pending *CoordinatorRadio::freePending() {
     return in_flight < air_.spec().max_in_flight ? free : nullptr;
 }
 
-oru_status_t CoordinatorRadio::send(zbhal::SendRequest &request) {
+oru_status_t CoordinatorRadio::send(const zbhal::SendRequest &request) {
     if (stack_ != Stack::network_up) {
         return ORU_STATUS_DEVICE_STATE_INVALID;
     }
@@ -49,70 +48,63 @@ oru_status_t CoordinatorRadio::send(zbhal::SendRequest &request) {
         return ORU_ZB_HAL_NWK_INVALID_REQUEST;
     }
     Pending *pending = freePending();
-    const std::shared_ptr<Flight> flight = pending == nullptr ? nullptr : makeFlight(request);
-    if (flight == nullptr || !host_.reserve()) {
+    const std::shared_ptr<Flight> flight =
+        pending == nullptr ? nullptr : makeFlight(request.destination, request.aps_frame, request.payload);
+    if (flight == nullptr) {
         return ORU_ZB_HAL_MAC_TRANSACTION_OVERFLOW;
     }
-    request.aps_frame.sequence = ++aps_counter_;
-    const bool broadcast = request.destination >= kFirstBroadcast;
-
-    pending->handle = next_handle_++;
-    pending->withheld = false;
-    Indication &confirmation = pending->confirmation;
-    confirmation.kind = IndicationKind::send_confirmed;
-    confirmation.outgoing_type = broadcast ? ORU_ZB_HAL_OUTGOING_BROADCAST : ORU_ZB_HAL_OUTGOING_DIRECT;
-    confirmation.node_id = request.destination;
-    confirmation.aps_frame = request.aps_frame;
-    if (confirmation.aps_frame.radius == 0) {
-        confirmation.aps_frame.radius = kDefaultRadius;
-    }
-    confirmation.request_id = request.request_id;
-    confirmation.sent_callback = request.callback;
-    confirmation.length = static_cast<uint16_t>(request.payload.size());
-    std::copy(request.payload.begin(), request.payload.end(), confirmation.payload.begin());
-
-    flight->handle = pending->handle;
+    *pending = {request.ticket};
+    flight->ticket = request.ticket;
     mesh_.send(flight);
     return ORU_STATUS_OK;
 }
 
 // Null when there is no memory for the frame.
-std::shared_ptr<Flight> CoordinatorRadio::makeFlight(const zbhal::SendRequest &request) {
-    const uint16_t options = request.aps_frame.options;
+std::shared_ptr<Flight> CoordinatorRadio::makeFlight(uint16_t destination, const oruZbHal_apsFrame_t &aps_frame,
+                                                     std::span<const uint8_t> payload) {
     try {
         auto flight = std::make_shared<Flight>(static_cast<Coordinator &>(*this));
-        flight->destination = request.destination;
-        flight->acknowledged = (options & (ORU_ZB_HAL_APS_OPTION_RETRY | ORU_ZB_HAL_APS_OPTION_ACKNOWLEDGED)) != 0;
+        flight->destination = destination;
+        flight->acknowledged =
+            (aps_frame.options & (ORU_ZB_HAL_APS_OPTION_RETRY | ORU_ZB_HAL_APS_OPTION_ACKNOWLEDGED)) != 0;
         flight->retries_left = flight->acknowledged ? kApsRetries : 0;
-        flight->message = {request.aps_frame.profile_id,
-                           request.aps_frame.cluster_id,
-                           request.aps_frame.source_endpoint,
-                           request.aps_frame.destination_endpoint,
-                           {request.payload.begin(), request.payload.end()}};
+        flight->message = {aps_frame.profile_id,
+                           aps_frame.cluster_id,
+                           aps_frame.source_endpoint,
+                           aps_frame.destination_endpoint,
+                           {payload.begin(), payload.end()}};
         return flight;
     } catch (const std::bad_alloc &) {
         return nullptr;
     }
 }
 
-void CoordinatorRadio::conclude(Pending &pending, int32_t status) {
-    pending.handle = 0;
-    pending.confirmation.status = status;
-    if (const auto ordered = host_.takeRefusal(Operation::confirmation)) {
-        pending.confirmation.status = *ordered;
+oru_status_t CoordinatorRadio::sendGroup(const oruZbHal_apsFrame_t &aps_frame, std::span<const uint8_t> payload) {
+    if (stack_ != Stack::network_up) {
+        return ORU_STATUS_DEVICE_STATE_INVALID;
     }
-    host_.confirm(pending.confirmation);
+    const std::shared_ptr<Flight> flight = makeFlight(kAllAwake, aps_frame, payload);
+    if (flight == nullptr) {
+        return ORU_ZB_HAL_MAC_TRANSACTION_OVERFLOW;
+    }
+    flight->group_id = aps_frame.group_id;
+    mesh_.send(flight);
+    return ORU_STATUS_OK;
 }
 
-void CoordinatorRadio::sendDone(uint64_t handle, oruZbHal_clusterCommandStatus_t status, bool withheld) {
-    const auto pending = std::find_if(pending_.begin(), pending_.end(),
-                                      [handle](const Pending &entry) { return entry.handle == handle; });
+void CoordinatorRadio::conclude(Pending &pending, int32_t status) {
+    const auto ordered = faults_.take(Operation::confirmation);
+    host_.conclude(std::exchange(pending.ticket, 0), ordered.value_or(status));
+}
+
+void CoordinatorRadio::sendDone(uint64_t ticket, oruZbHal_clusterCommandStatus_t status, bool withheld) {
+    const auto pending = std::ranges::find(pending_, ticket, &Pending::ticket);
     if (pending == pending_.end()) {
         return; // concluded when the stack's work was ended
     }
     if (withheld || hold_) {
         pending->withheld = true;
-        pending->confirmation.status = status;
+        pending->status = status;
         return;
     }
     conclude(*pending, status);
@@ -121,8 +113,8 @@ void CoordinatorRadio::sendDone(uint64_t handle, oruZbHal_clusterCommandStatus_t
 void CoordinatorRadio::holdConfirmations(bool hold) {
     hold_ = hold;
     for (Pending &pending : pending_) {
-        if (!hold && pending.handle != 0 && pending.withheld) {
-            conclude(pending, pending.confirmation.status);
+        if (!hold && pending.ticket != 0 && pending.withheld) {
+            conclude(pending, pending.status);
         }
     }
 }
@@ -132,7 +124,7 @@ void CoordinatorRadio::abandonTraffic() {
     for (;;) {
         Pending *oldest = nullptr;
         for (Pending &pending : pending_) {
-            if (pending.handle != 0 && (oldest == nullptr || pending.handle < oldest->handle)) {
+            if (pending.ticket != 0 && (oldest == nullptr || pending.ticket < oldest->ticket)) {
                 oldest = &pending;
             }
         }
@@ -141,8 +133,8 @@ void CoordinatorRadio::abandonTraffic() {
         }
         conclude(*oldest, ORU_ZB_HAL_NWK_FRAME_NOT_BUFFERED);
     }
-    for (PendingInterpan &pending : pending_interpan_) {
-        if (pending.handle != 0) {
+    for (Ticket &pending : pending_interpan_) {
+        if (pending != 0) {
             concludeInterpan(pending, ORU_STATUS_CANCELED);
         }
     }
@@ -174,47 +166,35 @@ void CoordinatorRadio::frameReceived(const ReceivedFrame &frame) {
     scratch_.aps_frame.sequence = frame.aps_counter;
     scratch_.length = static_cast<uint16_t>(message.payload.size());
     std::copy(message.payload.begin(), message.payload.end(), scratch_.payload.begin());
-    host_.indicate(scratch_);
+    (void)host_.indicate(scratch_);
 }
 
 // ---------------------------------------------------------------- inter-PAN
 
-oru_status_t CoordinatorRadio::sendInterpan(uint32_t channel_mask, const oruZbHal_interpanHeader_t & /*header*/,
-                                            std::span<const uint8_t> /*frame*/,
-                                            oruZbHal_interpanSentCallback_t callback) {
+oru_status_t CoordinatorRadio::sendInterpan(const zbhal::InterpanRequest &request) {
     if (!running()) {
         return ORU_STATUS_DEVICE_STATE_INVALID;
     }
-    const auto pending = std::find_if(pending_interpan_.begin(), pending_interpan_.end(),
-                                      [](const PendingInterpan &entry) { return entry.handle == 0; });
+    const auto pending = std::ranges::find(pending_interpan_, Ticket{0});
     if (pending == pending_interpan_.end()) {
         return ORU_STATUS_BUSY;
     }
-    if (!host_.reserve()) {
-        return ORU_ZB_HAL_MAC_TRANSACTION_OVERFLOW;
+    if (!faults_.take(Operation::interpan_completion)) { // else only the end of the stack's work concludes it
+        const auto channels = static_cast<uint64_t>(std::popcount(request.channel_mask));
+        timeline_.surely(channels * kInterpanChannelUs, [this, ticket = request.ticket, entry = &*pending] {
+            if (*entry == ticket) {
+                const bool sent = air_.broadcast(0).outcome == Air::Outcome::delivered;
+                concludeInterpan(*entry, sent ? oru_status_t{ORU_STATUS_OK}
+                                              : oru_status_t{ORU_ZB_HAL_MAC_CHANNEL_ACCESSS_FAILURE});
+            }
+        });
     }
-    *pending = {next_handle_++, callback};
-    if (host_.takeRefusal(Operation::interpan_completion)) {
-        return ORU_STATUS_OK; // its completion is lost: only the end of the stack's work concludes it
-    }
-    const auto channels = static_cast<uint64_t>(std::popcount(channel_mask));
-    timeline_.surely(channels * kInterpanChannelUs, [this, handle = pending->handle, entry = &*pending] {
-        if (entry->handle == handle) {
-            const bool sent = air_.broadcast(0).outcome == Air::Outcome::delivered;
-            concludeInterpan(*entry,
-                             sent ? oru_status_t{ORU_STATUS_OK} : oru_status_t{ORU_ZB_HAL_MAC_CHANNEL_ACCESSS_FAILURE});
-        }
-    });
+    *pending = request.ticket;
     return ORU_STATUS_OK;
 }
 
-void CoordinatorRadio::concludeInterpan(PendingInterpan &pending, oru_status_t status) {
-    scratch_ = {};
-    scratch_.kind = IndicationKind::interpan_sent;
-    scratch_.status = status;
-    scratch_.interpan_callback = pending.callback;
-    pending.handle = 0;
-    host_.confirm(scratch_);
+void CoordinatorRadio::concludeInterpan(Ticket &pending, oru_status_t status) {
+    host_.conclude(std::exchange(pending, 0), status);
 }
 
 // ---------------------------------------------------------------- scans
@@ -257,7 +237,7 @@ void CoordinatorRadio::scanChannel(uint8_t type, uint32_t channel_mask, uint8_t 
         scratch_.kind = IndicationKind::energy_result;
         scratch_.channel = channel;
         scratch_.rssi = energyOf(channel);
-        host_.indicate(scratch_);
+        (void)host_.indicate(scratch_);
     }
     const uint32_t rest = channel_mask & ~((2U << channel) - 1);
     if (rest == 0) {
@@ -281,7 +261,7 @@ void CoordinatorRadio::reportNetworks(uint8_t channel) {
         scratch_.network.allowing_join = joinable;
         std::copy(extended_pan_id.begin(), extended_pan_id.end(), scratch_.network.extended_pan_id);
         scratch_.network.stack_profile = 2; // Zigbee PRO
-        host_.indicate(scratch_);
+        (void)host_.indicate(scratch_);
     };
     if (network_ && network_->channel == channel) { // heard through our own routers
         found(network_->pan_id, join_open_ || join_zts_, network_->extended_pan_id, UINT8_MAX);
@@ -299,7 +279,7 @@ void CoordinatorRadio::endScan(uint8_t channel, oru_status_t status) {
     scratch_.kind = IndicationKind::scan_complete;
     scratch_.channel = channel;
     scratch_.status = status;
-    host_.indicate(scratch_);
+    (void)host_.indicate(scratch_);
 }
 
 // ---------------------------------------------------------------- queries

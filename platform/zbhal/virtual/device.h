@@ -46,6 +46,8 @@ public:
     void setNodeId(uint16_t node_id) { node_id_ = node_id; }
     uint16_t nodeId() const { return node_id_; }
 
+    bool isInGroup(uint8_t endpoint, uint16_t group_id) const { return groups_.contains({endpoint, group_id}); }
+
     // Handles one frame sent to it (unicast or broadcast). Frames of any length and content are legal input.
     DeviceActions receive(const ApsMessage &frame, bool broadcast);
 

@@ -13,8 +13,8 @@
 // Invariants: a device in the network has a node id of its own; a parent is the coordinator or a router in the
 // network; epoch rises whenever a device joins, leaves or loses power, so that events of an earlier life do nothing.
 //
-// The mesh knows the coordinator only through Coordinator below, so that it can sit behind another process later. All
-// calls are made with the layer's lock held.
+// The mesh knows the coordinator only through Coordinator below, so that it can sit behind another process later. It
+// knows no threads: one caller at a time.
 #pragma once
 #include "air.h"
 #include "device.h"
@@ -29,6 +29,7 @@ namespace corvane::mesh {
 inline constexpr uint16_t kNoNode = 0xFFFF;
 inline constexpr uint16_t kCoordinatorNode = 0x0000;
 inline constexpr uint16_t kFirstBroadcast = 0xFFF8;
+inline constexpr uint16_t kAllAwake = 0xFFFD; // broadcast to all that listen when idle
 
 // A frame as the coordinator's radio receives it.
 struct ReceivedFrame {
@@ -73,7 +74,7 @@ public:
     virtual void deviceReport(const DeviceReport &report) = 0;
     virtual void frameReceived(const ReceivedFrame &frame) = 0;
     // withheld: the outcome is known, but the adapter keeps it back until it is reset.
-    virtual void sendDone(uint64_t handle, oruZbHal_clusterCommandStatus_t status, bool withheld) = 0;
+    virtual void sendDone(uint64_t ticket, oruZbHal_clusterCommandStatus_t status, bool withheld) = 0;
     virtual void membershipChanged() = 0; // who is in the network, or under which node id
 };
 
@@ -87,14 +88,15 @@ struct Flight {
 
     // Tells the coordinator; the first outcome counts.
     void conclude(oruZbHal_clusterCommandStatus_t status, bool withheld) {
-        if (const uint64_t concluded = std::exchange(handle, 0); concluded != 0) {
+        if (const uint64_t concluded = std::exchange(ticket, 0); concluded != 0) {
             coordinator.sendDone(concluded, status, withheld);
         }
     }
 
     Coordinator &coordinator;
-    uint64_t handle = 0; // of the coordinator's record of the send; 0: concluded
+    uint64_t ticket = 0; // of the send; 0: concluded, or a frame to a group
     uint16_t destination = kNoNode;
+    uint16_t group_id = 0;     // 0: none
     bool acknowledged = false; // APS acknowledgement and repetition
     int retries_left = 0;
     uint64_t sent_us = 0;  // the present transmission
@@ -224,6 +226,7 @@ private:
     Air::Frame frameTo(size_t child, uint64_t at_us, size_t payload) const;
     Air::Frame frameFrom(size_t child, uint64_t at_us, size_t payload) const;
     void handle(size_t index, const ApsMessage &message, bool broadcast);
+    void handleInGroup(size_t index, const Flight &flight);
     bool uplink(size_t index, const ApsMessage &message, bool broadcast);
 
     // sleepy devices (mesh_polling.cpp)

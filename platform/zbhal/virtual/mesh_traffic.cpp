@@ -142,7 +142,9 @@ Mesh::Journey Mesh::travel(const std::vector<int> &path, size_t hops, size_t pay
 void Mesh::arrive(const std::shared_ptr<Flight> &flight, size_t index, uint32_t epoch) {
     const bool gone = nodes_[index].epoch != epoch; // left, moved or lost power while the frame was on its way
     if (flight->destination >= kFirstBroadcast) {
-        if (!gone) {
+        if (!gone && flight->group_id != 0) {
+            handleInGroup(index, *flight);
+        } else if (!gone) {
             handle(index, flight->message, true);
         }
         return;
@@ -159,6 +161,16 @@ void Mesh::arrive(const std::shared_ptr<Flight> &flight, size_t index, uint32_t 
     if (!flight->received) {
         flight->received = true;
         handle(index, flight->message, false);
+    }
+}
+
+void Mesh::handleInGroup(size_t index, const Flight &flight) {
+    ApsMessage message = flight.message;
+    for (const EndpointSpec &endpoint : nodes_[index].device.spec().endpoints) {
+        if (nodes_[index].device.isInGroup(endpoint.id, flight.group_id)) {
+            message.destination_endpoint = endpoint.id;
+            handle(index, message, true);
+        }
     }
 }
 
@@ -203,7 +215,7 @@ void Mesh::broadcast(const std::shared_ptr<Flight> &flight) {
         MeshNode &node = nodes_[index];
         const Role role = node.device.spec().role;
         const bool addressed = flight->destination == 0xFFFF ||
-                               (flight->destination == 0xFFFD && role != Role::sleepy_end_device) ||
+                               (flight->destination == kAllAwake && role != Role::sleepy_end_device) ||
                                (flight->destination == 0xFFFC && role == Role::router);
         // Three copies are sent around, by every router.
         if (!addressed || !reachable(node) || node.device.faults().deaf ||

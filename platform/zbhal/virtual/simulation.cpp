@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // The virtual adapter as a whole: scenario, coordinator, and the control socket that drives the simulation.
+#include "adapter_decorator.h"
 #include "coordinator.h"
 #include "oru_log.h"
 #include "virtual_adapter.h"
@@ -8,10 +9,16 @@ namespace corvane::mesh {
 
 namespace {
 
-// The simulation behind the control socket. Every call runs with the layer's lock held.
+using zbhal::AdapterFaults;
+using zbhal::FaultyAdapter;
+using zbhal::SteppedAdapter;
+using zbhal::VirtualSettings;
+
+// The simulation behind the control socket, in step with the layer's operations.
 class Simulation final : public SimTarget {
 public:
-    Simulation(CoordinatorRadio &radio, AdapterHost &host) : radio_(radio), host_(host) {}
+    Simulation(CoordinatorRadio &radio, SteppedAdapter &stepped, AdapterFaults &faults)
+        : radio_(radio), stepped_(stepped), faults_(faults) {}
 
     std::vector<SimDevice> list() override;
     std::string join(const std::string &name) override {
@@ -52,12 +59,12 @@ public:
     std::string setAir(const AirSpec &air) override;
     AirSpec getAir() override;
     std::string refuseNext(const std::string &operation, uint32_t count, int32_t status) override {
-        return host_.refuseNext(operation, count, status);
+        return faults_.refuseNext(operation, count, status);
     }
     std::string adapterReset() override;
     std::string adapterFatalError() override;
     std::string adapterHang(uint32_t milliseconds) override {
-        host_.hang(milliseconds);
+        faults_.hang(milliseconds);
         return {};
     }
 
@@ -67,7 +74,7 @@ private:
     template <typename Work>
     std::string with(const std::string &name, Work work) {
         std::string result;
-        host_.locked([&] {
+        stepped_.locked([&] {
             const int index = mesh().indexOf(name);
             result = index < 0 ? "no device is named \"" + name + "\"" : work(static_cast<size_t>(index));
         });
@@ -75,12 +82,13 @@ private:
     }
 
     CoordinatorRadio &radio_;
-    AdapterHost &host_;
+    SteppedAdapter &stepped_;
+    AdapterFaults &faults_;
 };
 
 std::vector<SimDevice> Simulation::list() {
     std::vector<SimDevice> rows;
-    host_.locked([&] {
+    stepped_.locked([&] {
         for (const MeshNode &node : mesh().nodes()) {
             SimDevice row;
             row.name = node.device.spec().name;
@@ -114,43 +122,62 @@ std::string Simulation::setAir(const AirSpec &air) {
             return "a probability lies between 0.0 and 1.0";
         }
     }
-    host_.locked([&] { radio_.setAir(air); });
+    stepped_.locked([&] { radio_.setAir(air); });
     return {};
 }
 
 AirSpec Simulation::getAir() {
     AirSpec air;
-    host_.locked([&] { air = radio_.air(); });
+    stepped_.locked([&] { air = radio_.air(); });
     return air;
 }
 
 std::string Simulation::adapterReset() {
     oru_status_t status = ORU_STATUS_OK;
-    host_.locked([&] { status = radio_.reset(); });
+    stepped_.locked([&] { status = radio_.reset(); });
     return status == ORU_STATUS_OK ? "" : "the adapter is disabled";
 }
 
 std::string Simulation::adapterFatalError() {
     bool running = false;
-    host_.locked([&] { running = radio_.fatalError(); });
+    stepped_.locked([&] { running = radio_.fatalError(); });
     return running ? "" : "the adapter is disabled";
 }
 
-// The coordinator with its simulation and, from the first enable on, the control server.
-class VirtualAdapter final : public CoordinatorRadio {
+// What the parts of a virtual adapter have in common, before all that uses it.
+struct VirtualParts {
+    VirtualParts(const Scenario &scenario, const VirtualSettings &settings, AdapterHost &host)
+        : faults(settings.faults == nullptr ? std::make_shared<AdapterFaults>() : settings.faults),
+          radio(scenario, settings, host, *faults), stepped(radio, host) {}
+
+    std::shared_ptr<AdapterFaults> faults;
+    CoordinatorRadio radio;
+    SteppedAdapter stepped;
+};
+
+// The coordinator kept in step, with ordered faults, its simulation and, from the first enable on, the control server.
+class VirtualAdapter final : private VirtualParts, public FaultyAdapter, public zbhal::Simulator {
 public:
-    VirtualAdapter(const Scenario &scenario, const AdapterSettings &settings, AdapterHost &host)
-        : CoordinatorRadio(scenario, settings, host), simulation_(*this, host) {
-        if (settings.simulation_control) {
-            control_path_ = settings.runtime_directory + "/corvane-sim.sock";
+    VirtualAdapter(const Scenario &scenario, const VirtualSettings &settings, AdapterHost &host)
+        : VirtualParts(scenario, settings, host), FaultyAdapter(stepped, *faults),
+          simulation_(radio, stepped, *faults) {
+        if (!settings.control_directory.empty()) {
+            control_path_ = settings.control_directory + "/corvane-sim.sock";
         }
     }
 
-    SimTarget &simulation() { return simulation_; }
-
-    void stop() override { server_.reset(); }
+    SimTarget &target() override { return simulation_; }
+    void holdConfirmations(bool hold) override {
+        stepped.locked([&] { radio.holdConfirmations(hold); });
+    }
+    void stop() override {
+        FaultyAdapter::stop();
+        const std::lock_guard lock(server_mutex_);
+        server_.reset();
+    }
     oru_status_t enable() override {
-        const oru_status_t status = CoordinatorRadio::enable();
+        const oru_status_t status = FaultyAdapter::enable();
+        const std::lock_guard lock(server_mutex_);
         if (status == ORU_STATUS_OK && server_ == nullptr && !control_path_.empty()) {
             server_ = startControlServer(control_path_, simulation_);
         }
@@ -160,6 +187,7 @@ public:
 private:
     Simulation simulation_;
     std::string control_path_;
+    std::mutex server_mutex_; // guards server_, whose thread takes other locks only
     std::unique_ptr<ControlServer, void (*)(ControlServer *)> server_{nullptr, nullptr};
 };
 
@@ -169,30 +197,27 @@ private:
 
 namespace corvane::zbhal {
 
-std::unique_ptr<Adapter> makeVirtualAdapter(const std::string &scenario_path, const mesh::Scenario *scenario,
-                                            const AdapterSettings &settings, AdapterHost &host, std::string &error) {
+Made makeVirtualAdapter(const std::string &scenario_path, const VirtualSettings &settings, AdapterHost &host) {
+    const std::string failed = "the virtual mesh cannot start: ";
     try {
-        if (scenario != nullptr) {
-            return std::make_unique<mesh::VirtualAdapter>(*scenario, settings, host);
+        if (settings.scenario != nullptr) {
+            return {std::make_unique<mesh::VirtualAdapter>(*settings.scenario, settings, host)};
         }
         mesh::Scenario loaded;
         mesh::ScenarioError fault;
         if (!mesh::loadScenario(scenario_path, loaded, fault)) {
-            error = fault.message;
-            return nullptr;
+            return {nullptr, ORU_STATUS_BAD_PARAM, failed + fault.message};
         }
         oruLog_log(ORU_LOG_ID_MAIN, ORU_LOG_INFO, "zbhal", "virtual mesh \"%s\" with %zu devices", loaded.name.c_str(),
                    loaded.devices.size());
-        return std::make_unique<mesh::VirtualAdapter>(loaded, settings, host);
+        return {std::make_unique<mesh::VirtualAdapter>(loaded, settings, host)};
     } catch (const std::bad_alloc &) {
-        error = "out of memory";
-        return nullptr;
+        return {nullptr, ORU_STATUS_BAD_PARAM, failed + "out of memory"};
     }
 }
 
-mesh::SimTarget *simulationOf(Adapter *adapter) {
-    auto *const virtual_adapter = dynamic_cast<mesh::VirtualAdapter *>(adapter);
-    return virtual_adapter == nullptr ? nullptr : &virtual_adapter->simulation();
+Simulator *simulatorOf(Adapter *adapter) {
+    return dynamic_cast<Simulator *>(adapter);
 }
 
 } // namespace corvane::zbhal

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Test interface of the Zigbee HAL layer: choose the mode, drive the virtual mesh, inject what a radio could report,
-// refuse operations. Not part of the seam; the service never includes it. Any thread unless stated.
+// Test interface of the Zigbee HAL layer: choose mode and backend, drive the virtual mesh, inject what a radio could
+// report, refuse operations. It takes the place of the layer's own instance. Any thread unless stated.
 //
 // Typical use:
 //   testing::reset({.mode = testing::Mode::descriptor, .scenario = &scenario});
@@ -12,6 +12,7 @@
 #include "oru_zbhal.h"
 #include "virtual/control.h"
 #include "virtual/scenario.h"
+#include "zbhal_backends.h"
 #include <cstdint>
 #include <optional>
 #include <span>
@@ -26,25 +27,25 @@ enum class Mode : uint8_t {
 };
 
 struct Options {
-    bool in_force = false; // false: the configuration decides everything; reset() sets it
     Mode mode = Mode::configured;
-    const mesh::Scenario *scenario = nullptr; // used instead of the file of the adapter name; must outlive the adapter
+    const mesh::Scenario *scenario = nullptr; // used instead of the file of the adapter name
     std::string state_directory;              // empty: nothing is remembered
     std::string runtime_directory;            // empty: no control socket
     std::optional<uint64_t> seed;
     uint32_t watchdog_seconds = 0;
+    std::vector<Backend> backends; // before those of the product
 };
 
-// Ends the layer's threads, drops adapter, queue, refusals and callbacks, and takes new options. Afterwards
-// oruZbHal_init may be called again. No other thread may be inside the layer.
+// Ends the layer with its threads, adapter, queue, refusals and callbacks, and makes another with the options.
+// Afterwards oruZbHal_init may be called again. No other thread may be inside the layer.
 void reset(const Options &options);
 
 // Reports as if they came from the radio. The state of the mesh does not change. EUI-64s least significant byte first.
-void injectStackStatus(oruZbHal_stackStatus_t status);
+// False: no room, or a frame longer than the layer hands up.
+bool injectStackStatus(oruZbHal_stackStatus_t status);
 void injectTrustCenter(oruZbHal_nodeId_t node_id, const oruZbHal_eui64_t &eui64, oruZbHal_nodeId_t parent,
                        oruZbHal_deviceUpdate_t update, oruZbHal_joinDecision_t decision);
 void injectAnnounce(oruZbHal_nodeId_t node_id, const oruZbHal_eui64_t &eui64, uint8_t capabilities);
-// False: longer than the layer hands up, or no room.
 bool injectFrame(oruZbHal_nodeId_t source, const oruZbHal_apsFrame_t &aps_frame, std::span<const uint8_t> payload);
 
 // The next count calls of an operation ("sendZclUnicast") are refused with status. "confirmation" gives the next
@@ -69,8 +70,6 @@ void poke();
 // Runs the mesh by hand; null when there is no virtual adapter.
 mesh::SimTarget *simTarget();
 
-// Indications whose callback has not returned yet, and indications lost because the queue was full.
-size_t pendingIndications();
-uint32_t droppedIndications();
+size_t pendingIndications(); // whose callback has not returned yet
 
 } // namespace corvane::zbhal::testing
