@@ -10,8 +10,7 @@
 //
 // Callbacks. Never from inside any other operation; no lock of the layer is held; any operation may be called from a
 // callback, and none of them delivers another callback. What the arguments point to belongs to the layer and is valid
-// until the callback returns. Reports that find the queue of the layer full are dropped and logged, received frames
-// first; confirmations and inter-PAN completions are never dropped.
+// until the callback returns. No report is dropped: when the service does not take them, the radio is held back.
 //
 // Operations. Thread-safe; none waits for a callback to return; each ends within a bounded time. What arguments point
 // to belongs to the caller and is copied before the operation returns. Unless stated otherwise they return

@@ -14,7 +14,8 @@ namespace {
 
 class Simulation : public World {
 public:
-    Simulation(int devices, uint64_t seed) : World(scenarioOf(devices, seed), seed), random_(seed) {
+    Simulation(int devices, uint64_t seed) : Simulation(scenarioOf(devices, seed), seed) {}
+    Simulation(mesh::Scenario scenario, uint64_t seed) : World(std::move(scenario), seed), random_(seed) {
         EXPECT_TRUE(start());
         run(1'000);
         async(ORU_ZB_SVC_FORMZ3NET_MANUAL, {15});
@@ -276,6 +277,23 @@ std::pair<long, std::array<long, 4>> footprint() {
     return {resident,
             {threads, descriptors, static_cast<long>(testplat::time::live()),
              static_cast<long>(oruSync_testLiveSemaphores())}};
+}
+
+TEST(SimulationTest, FourHundredWhoJoinInTheSameInstantAreKnown) {
+    mesh::Scenario scenario = scenarioOf(400, 2);
+    for (mesh::DeviceSpec &device : scenario.devices) {
+        device.join_at_ms = 0;
+        device.role = mesh::Role::router; // who can be asked for as long as it takes
+        device.parent.clear();
+    }
+    for (const bool shared : {true, false}) {
+        scenario.air.shared_medium = shared;
+        Simulation home(scenario, 2);
+        home.permit(true);
+        home.run(600'000);
+        EXPECT_EQ(oruZb_databaseGetDeviceCount(), 400U) << "shared medium: " << shared;
+        home.checkSettled();
+    }
 }
 
 TEST(SimulationTest, ThirtyDaysWithAHundredDevicesStayFlat) {

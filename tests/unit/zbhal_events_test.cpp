@@ -127,6 +127,33 @@ TEST_P(HalTest, aFullQueueBlocksNoOperationAndLosesNoConfirmation) {
     EXPECT_TRUE(record.trace.ends_with("stack off, "));
 }
 
+// Far more than the queue holds, and the service takes one now and then.
+TEST_P(HalTest, noJoinIsLostHoweverManyComeAtOnce) {
+    for (int i = 0; i < 400; ++i) {
+        scenario_.devices.push_back(device("d" + std::to_string(i), static_cast<uint8_t>(i)));
+        scenario_.devices.back().eui64[5] = static_cast<uint8_t>(i >> 8);
+        scenario_.devices.back().join_at_ms = 0;
+    }
+    const auto count = [](const std::string &word) {
+        const std::regex words(word);
+        return std::distance(std::sregex_iterator(record.trace.begin(), record.trace.end(), words), {});
+    };
+    for (const bool shared : {true, false}) {
+        scenario_.air.shared_medium = shared;
+        startWithNetwork();
+        EXPECT_EQ(oruZbHal_permitJoinNetwork(true), 0);
+        advance(60000);
+        EXPECT_EQ(count(" joined"), 400);
+        EXPECT_GE(count("announced"), shared ? 200 : 400) << "some get lost, but on the air only";
+        EXPECT_EQ(oruZbHal_permitJoinNetwork(false), 0);
+        for (const mesh::DeviceSpec &spec : scenario_.devices) { // by hand, and nothing is taken meanwhile
+            EXPECT_EQ(sim().leave(spec.name), "");
+        }
+        advance(1000);
+        EXPECT_EQ(count(" left"), 400);
+    }
+}
+
 hal::Options watched(hal::Mode mode, uint32_t seconds) {
     hal::Options options;
     options.mode = mode;

@@ -26,6 +26,7 @@ CoordinatorRadio::CoordinatorRadio(const Scenario &scenario, const VirtualSettin
     if (!settings.state_directory.empty() && scenario_.coordinator.remembers_network) {
         memory_path_ = memoryPath(settings.state_directory, scenario_.coordinator.eui64);
     }
+    kept_.reserve(kUsuallyKept);
     transient_keys_.reserve(scenario_.coordinator.key_table_capacity);
     std::reverse_copy(scenario_.coordinator.eui64.begin(), scenario_.coordinator.eui64.end(), info_.eui64);
     info_.capabilities = zigbee::MAC_COORDINATOR;
@@ -42,13 +43,35 @@ CoordinatorRadio::~CoordinatorRadio() {
 }
 
 uint64_t CoordinatorRadio::advance(uint64_t now_us) {
-    const uint64_t next_us = timeline_.advance(now_us);
+    const uint64_t next_us = mayGoOn() ? timeline_.advance(now_us, [this] { return mayGoOn(); }) : zbhal::kNever;
     if (timeline_.shortages() != shortages_) {
         oruLog_log(ORU_LOG_ID_MAIN, ORU_LOG_WARN, kTag, "virtual mesh: out of memory, %llu events put off or dropped",
                    static_cast<unsigned long long>(timeline_.shortages() - shortages_));
         shortages_ = timeline_.shortages();
     }
     return next_us;
+}
+
+// What finds no room is kept, and everything stands still until it has been taken.
+void CoordinatorRadio::tell(const Indication &indication) {
+    if (!kept_.empty() || !host_.indicate(indication)) {
+        kept_.push_back(indication);
+    }
+}
+
+// Whether there is room for what an event reports. If not, the service works on what it has been told, so that has to
+// be in the file by now.
+bool CoordinatorRadio::mayGoOn() {
+    size_t taken = 0;
+    while (taken < kept_.size() && host_.indicate(kept_[taken])) {
+        ++taken;
+    }
+    kept_.erase(kept_.begin(), kept_.begin() + static_cast<std::ptrdiff_t>(taken));
+    const bool room = kept_.empty() && host_.hasRoom();
+    if (!room && remember_due_) {
+        remember();
+    }
+    return room;
 }
 
 // ---------------------------------------------------------------- states
@@ -67,7 +90,7 @@ void CoordinatorRadio::report(oruZbHal_stackStatus_t status) {
     scratch_ = {};
     scratch_.kind = IndicationKind::stack_status;
     scratch_.status = status;
-    (void)host_.indicate(scratch_);
+    tell(scratch_);
 }
 
 oru_status_t CoordinatorRadio::enable() {
@@ -299,7 +322,11 @@ void CoordinatorRadio::rememberSoon() {
     if (memory_path_.empty() || remember_due_) {
         return;
     }
-    timeline_.surely(0, [this] { remember(); });
+    timeline_.surely(0, [this] {
+        if (remember_due_) {
+            remember();
+        }
+    });
     remember_due_ = true;
 }
 

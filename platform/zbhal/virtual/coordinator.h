@@ -110,6 +110,7 @@ private:
 
     static constexpr size_t kMaxPending = kMaxInFlight;
     static constexpr size_t kMaxInterpan = 4;
+    static constexpr size_t kUsuallyKept = 32;
 
     struct Pending {           // an accepted send
         Ticket ticket = 0;     // 0: free
@@ -134,6 +135,8 @@ private:
     bool running() const { return stack_ == Stack::no_network || stack_ == Stack::network_up; }
     using Step = void (CoordinatorRadio::*)();
     void transition(Stack stack, uint64_t delay_us, Step step);
+    void tell(const Indication &indication);
+    bool mayGoOn();
     void report(oruZbHal_stackStatus_t status);
     void resume();
     std::vector<Member> recall();
@@ -190,7 +193,8 @@ private:
     std::array<Pending, kMaxPending> pending_;
     std::array<Ticket, kMaxInterpan> pending_interpan_{}; // 0: free
     bool hold_ = false;
-    Indication scratch_; // for building one indication
+    Indication scratch_;           // for building one indication
+    std::vector<Indication> kept_; // that found no room yet, oldest first
 
     uint32_t scan_ = 0; // number of the scan that runs or ran last
     bool scanning_ = false;

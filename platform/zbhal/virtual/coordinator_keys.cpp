@@ -82,7 +82,7 @@ void CoordinatorRadio::deviceReport(const DeviceReport &report) {
     scratch_.status = report.update;
     scratch_.decision = report.decision;
     std::reverse_copy(report.eui64.begin(), report.eui64.end(), scratch_.eui64);
-    (void)host_.indicate(scratch_);
+    tell(scratch_);
 }
 
 // ---------------------------------------------------------------- keys

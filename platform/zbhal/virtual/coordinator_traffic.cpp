@@ -166,7 +166,7 @@ void CoordinatorRadio::frameReceived(const ReceivedFrame &frame) {
     scratch_.aps_frame.sequence = frame.aps_counter;
     scratch_.length = static_cast<uint16_t>(message.payload.size());
     std::copy(message.payload.begin(), message.payload.end(), scratch_.payload.begin());
-    (void)host_.indicate(scratch_);
+    tell(scratch_);
 }
 
 // ---------------------------------------------------------------- inter-PAN
@@ -237,7 +237,7 @@ void CoordinatorRadio::scanChannel(uint8_t type, uint32_t channel_mask, uint8_t 
         scratch_.kind = IndicationKind::energy_result;
         scratch_.channel = channel;
         scratch_.rssi = energyOf(channel);
-        (void)host_.indicate(scratch_);
+        tell(scratch_);
     }
     const uint32_t rest = channel_mask & ~((2U << channel) - 1);
     if (rest == 0) {
@@ -261,7 +261,7 @@ void CoordinatorRadio::reportNetworks(uint8_t channel) {
         scratch_.network.allowing_join = joinable;
         std::copy(extended_pan_id.begin(), extended_pan_id.end(), scratch_.network.extended_pan_id);
         scratch_.network.stack_profile = 2; // Zigbee PRO
-        (void)host_.indicate(scratch_);
+        tell(scratch_);
     };
     if (network_ && network_->channel == channel) { // heard through our own routers
         found(network_->pan_id, join_open_ || join_zts_, network_->extended_pan_id, UINT8_MAX);
@@ -279,7 +279,7 @@ void CoordinatorRadio::endScan(uint8_t channel, oru_status_t status) {
     scratch_.kind = IndicationKind::scan_complete;
     scratch_.channel = channel;
     scratch_.status = status;
-    (void)host_.indicate(scratch_);
+    tell(scratch_);
 }
 
 // ---------------------------------------------------------------- queries

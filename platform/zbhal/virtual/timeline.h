@@ -90,9 +90,14 @@ public:
     uint64_t shortages() const { return shortages_; }
 
     // Runs what is due, at most kMaxAtOnce events so that a clock that leaps forward costs a bounded time per call.
-    // Returns the time of the next event, UINT64_MAX when there is none.
-    uint64_t advance(uint64_t now_us) {
+    // Returns the time of the next event, UINT64_MAX when there is none, or when mayGoOn() said no before an event:
+    // then time stands still.
+    template <typename MayGoOn>
+    uint64_t advance(uint64_t now_us, MayGoOn mayGoOn) {
         for (int ran = 0; ran < kMaxAtOnce && !events_.empty() && events_.front().due_us <= now_us; ++ran) {
+            if (!mayGoOn()) {
+                return UINT64_MAX;
+            }
             std::pop_heap(events_.begin(), events_.end(), later);
             Event event = std::move(events_.back());
             events_.pop_back();
