@@ -7,12 +7,6 @@ namespace corvane::zigbee {
 
 namespace {
 
-constexpr uint8_t FRAME_TYPE_MASK = 0x03;
-constexpr uint8_t FRAME_TYPE_CLUSTER = 0x01;
-constexpr uint8_t MANUFACTURER_SPECIFIC = 0x04;
-constexpr uint8_t SERVER_TO_CLIENT = 0x08;
-constexpr uint8_t DISABLE_DEFAULT_RESPONSE = 0x10;
-
 // Steps of a record: a field, or what decides whether the record goes on.
 enum Step : uint8_t {
     END,
@@ -203,41 +197,6 @@ void readList(base::ByteReader &in, const ParameterInfo &info, Value &value) {
 }
 
 } // namespace
-
-bool readHeader(base::ByteReader &in, FrameHeader &header) {
-    const uint8_t control = in.u8();
-    header = FrameHeader{};
-    header.cluster_specific = (control & FRAME_TYPE_MASK) == FRAME_TYPE_CLUSTER;
-    header.to_client = (control & SERVER_TO_CLIENT) != 0;
-    header.disable_default_response = (control & DISABLE_DEFAULT_RESPONSE) != 0;
-    if ((control & MANUFACTURER_SPECIFIC) != 0) {
-        header.manufacturer = in.u16();
-    }
-    header.sequence = in.u8();
-    header.command = in.u8();
-    return in.ok() && (control & FRAME_TYPE_MASK) <= FRAME_TYPE_CLUSTER;
-}
-
-void writeHeader(base::ByteWriter &out, const FrameHeader &header) {
-    const unsigned control =
-        (header.cluster_specific ? FRAME_TYPE_CLUSTER : 0U) | (header.manufacturer ? MANUFACTURER_SPECIFIC : 0U) |
-        (header.to_client ? SERVER_TO_CLIENT : 0U) | (header.disable_default_response ? DISABLE_DEFAULT_RESPONSE : 0U);
-    out.u8(static_cast<uint8_t>(control));
-    if (header.manufacturer) {
-        out.u16(*header.manufacturer);
-    }
-    out.u8(header.sequence);
-    out.u8(header.command);
-}
-
-FrameHeader answerTo(const FrameHeader &request, uint8_t command, bool cluster_specific) {
-    FrameHeader answer = request;
-    answer.cluster_specific = cluster_specific;
-    answer.to_client = !request.to_client;
-    answer.disable_default_response = true;
-    answer.command = command;
-    return answer;
-}
 
 RecordReader::RecordReader(uint8_t command, std::span<const uint8_t> payload)
     : layout_(findLayout(command)), in_(payload) {

@@ -16,45 +16,12 @@
 #pragma once
 #include "base/bytes.h"
 #include "zigbee/value.h"
+#include "zigbee/zcl_header.h"
 #include "zigbee/zcl_table.h"
 #include <cstdint>
-#include <optional>
 #include <span>
 
 namespace corvane::zigbee {
-
-struct FrameHeader {
-    bool cluster_specific = false;
-    bool to_client = false; // from server to client
-    bool disable_default_response = false;
-    std::optional<uint16_t> manufacturer{};
-    uint8_t sequence = 0;
-    uint8_t command = 0;
-};
-
-constexpr std::size_t LONGEST_HEADER = 5;
-
-// False when the bytes are too few or the frame is of a reserved type.
-bool readHeader(base::ByteReader &in, FrameHeader &header);
-void writeHeader(base::ByteWriter &out, const FrameHeader &header);
-
-// Of an answer to the request: same sequence and manufacturer, opposite direction, wants no default response itself.
-FrameHeader answerTo(const FrameHeader &request, uint8_t command, bool cluster_specific);
-
-constexpr uint8_t COMMAND_READ_ATTRIBUTES = 0x00;
-constexpr uint8_t COMMAND_READ_ATTRIBUTES_RESPONSE = 0x01;
-constexpr uint8_t COMMAND_WRITE_ATTRIBUTES = 0x02;
-constexpr uint8_t COMMAND_WRITE_ATTRIBUTES_UNDIVIDED = 0x03;
-constexpr uint8_t COMMAND_WRITE_ATTRIBUTES_RESPONSE = 0x04;
-constexpr uint8_t COMMAND_WRITE_ATTRIBUTES_NO_RESPONSE = 0x05;
-constexpr uint8_t COMMAND_CONFIGURE_REPORTING = 0x06;
-constexpr uint8_t COMMAND_CONFIGURE_REPORTING_RESPONSE = 0x07;
-constexpr uint8_t COMMAND_READ_REPORTING = 0x08;
-constexpr uint8_t COMMAND_READ_REPORTING_RESPONSE = 0x09;
-constexpr uint8_t COMMAND_REPORT_ATTRIBUTES = 0x0A;
-constexpr uint8_t COMMAND_DEFAULT_RESPONSE = 0x0B;
-constexpr uint8_t COMMAND_DISCOVER_ATTRIBUTES = 0x0C;
-constexpr uint8_t COMMAND_DISCOVER_ATTRIBUTES_RESPONSE = 0x0D;
 
 constexpr uint8_t STATUS_SUCCESS = 0x00;
 constexpr uint8_t STATUS_MALFORMED_COMMAND = 0x80;
