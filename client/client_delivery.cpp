@@ -1,10 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Delivery of notes to handlers, time-outs and the receive thread.
+#include "base/thread.h"
 #include "client_impl.h"
 #include <algorithm>
-#include <csignal>
-#include <exception>
 #include <poll.h>
 #include <sys/timerfd.h>
 #include <unistd.h>
@@ -211,18 +210,7 @@ bool Client::Impl::start() {
     if (thread_.joinable() || stop_requested_) {
         return false;
     }
-    // Signals are the program's, not this thread's.
-    sigset_t all;
-    sigset_t former;
-    sigfillset(&all);
-    pthread_sigmask(SIG_SETMASK, &all, &former);
-    try {
-        thread_ = std::thread([this] { receiveLoop(); });
-    } catch (const std::exception &) { // no thread, or no memory for it
-        // thread_ stays without a thread
-    }
-    pthread_sigmask(SIG_SETMASK, &former, nullptr);
-    return thread_.joinable();
+    return base::startThread(thread_, "corvane-client", [this] { receiveLoop(); });
 }
 
 void Client::Impl::stop() {

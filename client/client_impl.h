@@ -146,9 +146,9 @@ private:
     void clearWake();
     void receiveLoop();
 
-    Descriptor epoll_; // what fileDescriptor() shows: the link's socket, wake_ and timer_
-    Descriptor wake_;  // set while notes wait, and by stop()
-    Descriptor timer_; // the next deadline of dispatch()
+    base::Descriptor epoll_; // what fileDescriptor() shows: the link's socket, wake_ and timer_
+    base::Descriptor wake_;  // set while notes wait, and by stop()
+    base::Descriptor timer_; // the next deadline of dispatch()
 
     std::mutex mutex_; // guards everything below
     std::condition_variable changed_;

@@ -7,7 +7,6 @@
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <sys/un.h>
-#include <unistd.h>
 
 namespace corvane {
 
@@ -15,12 +14,6 @@ TimePoint after(Milliseconds timeout) {
     const auto now = Clock::now();
     const auto left = std::chrono::duration_cast<Milliseconds>(NEVER - now);
     return timeout >= left ? NEVER : now + std::max(timeout, Milliseconds::zero());
-}
-
-Descriptor::~Descriptor() {
-    if (fd_ >= 0) {
-        ::close(fd_);
-    }
 }
 
 bool waitFor(int fd, short events, TimePoint deadline) {

@@ -2,6 +2,7 @@
 //
 // One connection to the service: frames in and out of its socket, nothing remembered about calls.
 #pragma once
+#include "base/descriptor.h"
 #include "corvane_client.h"
 #include "oipc_wire.h"
 #include <sys/un.h>
@@ -15,19 +16,6 @@ using TimePoint = Clock::time_point;
 constexpr TimePoint NEVER = TimePoint::max();
 
 TimePoint after(Milliseconds timeout); // saturates at NEVER; negative counts as zero
-
-// A file descriptor that closes itself.
-class Descriptor {
-public:
-    explicit Descriptor(int fd = -1) : fd_(fd) {}
-    ~Descriptor();
-    Descriptor(const Descriptor &) = delete;
-    Descriptor &operator=(const Descriptor &) = delete;
-    int get() const { return fd_; }
-
-private:
-    int fd_;
-};
 
 // Waits until `fd` has one of the poll events or hangs up. False when the time was up first.
 bool waitFor(int fd, short events, TimePoint deadline);
@@ -72,7 +60,7 @@ public:
     void shutdown() const; // wakes whoever waits for the socket
 
 private:
-    Descriptor fd_;
+    base::Descriptor fd_;
     uint16_t client_id_ = 0;
     uint16_t platform_version_ = 0;
 };

@@ -59,9 +59,9 @@ Colour colourOf(uint16_t event_id) {
 }
 
 uint16_t parseEvent(const std::string &text) {
-    const std::string wanted = normalized(text);
     const auto events = allEvents();
-    const auto found = std::ranges::find_if(events, [&](uint16_t id) { return normalized(eventName(id)) == wanted; });
+    const auto found =
+        std::ranges::find_if(events, [&](uint16_t id) { return zigbee::isSameName(eventName(id), text); });
     if (found == events.end()) {
         std::string known;
         for (const uint16_t id : events) {

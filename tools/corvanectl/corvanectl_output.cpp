@@ -32,22 +32,6 @@ const char *escape(Colour colour) {
     return "";
 }
 
-bool isContinuation(char c) {
-    return (static_cast<unsigned char>(c) & 0xC0U) == 0x80U;
-}
-
-// Bytes of the UTF-8 sequence at `at`, 0 when it is broken. Encoded control characters (C1) count as broken.
-std::size_t sequenceLength(std::string_view text, std::size_t at) {
-    const auto lead = static_cast<unsigned char>(text[at]);
-    const std::size_t length = lead < 0x80 ? 1 : lead >> 5 == 6 ? 2 : lead >> 4 == 14 ? 3 : lead >> 3 == 30 ? 4 : 0;
-    if (length == 0 || at + length > text.size() || (length == 1 && (lead < 0x20 || lead == 0x7F))) {
-        return 0;
-    }
-    const auto rest = text.substr(at + 1, length - 1);
-    const bool c1 = lead == 0xC2 && static_cast<unsigned char>(rest[0]) < 0xA0;
-    return std::ranges::all_of(rest, isContinuation) && !c1 ? length : 0;
-}
-
 std::string rowText(const std::vector<std::string> &cells, const std::vector<std::size_t> &widths) {
     std::string line;
     for (std::size_t i = 0; i < cells.size(); ++i) {
@@ -67,22 +51,12 @@ std::string paint(Colour colour, std::string_view text) {
     return colour_on && colour != Colour::Plain ? fmt::format("{}{}\x1B[0m", escape(colour), text) : std::string(text);
 }
 
-std::string printable(std::string_view text) {
-    std::string result;
-    for (std::size_t at = 0; at < text.size();) {
-        const std::size_t length = sequenceLength(text, at);
-        result += length == 0 ? std::string_view("?") : text.substr(at, length);
-        at += std::max<std::size_t>(length, 1);
-    }
-    return result;
-}
-
 std::size_t displayWidth(std::string_view text) {
     std::size_t width = 0;
     bool escaped = false;
     for (const char c : text) {
         escaped = escaped || c == '\x1B';
-        width += !escaped && !isContinuation(c) ? 1 : 0;
+        width += !escaped && !base::isUtf8Continuation(c) ? 1 : 0;
         escaped = escaped && c != 'm';
     }
     return width;

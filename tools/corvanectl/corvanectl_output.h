@@ -3,6 +3,7 @@
 // What people and scripts read: aligned tables and coloured words on a terminal, one JSON object per line with --json.
 // Texts that come from outside (the service, devices) are freed of control characters before they reach a terminal.
 #pragma once
+#include "base/printable.h"
 #include <nlohmann/json.hpp>
 #include <string>
 #include <string_view>
@@ -17,7 +18,8 @@ enum class Colour { Plain, Bold, Dim, Red, Green, Yellow, Cyan };
 void enableColour(bool on); // of the whole process; off at first
 std::string paint(Colour colour, std::string_view text);
 
-std::string printable(std::string_view text);    // control characters and broken UTF-8 replaced by '?'
+using base::printable;
+
 std::size_t displayWidth(std::string_view text); // columns on a terminal; escape sequences count nothing
 std::string padded(std::string text, std::size_t width);
 

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "corvanectl_parse.h"
+#include "base/eui64.h"
 #include <algorithm>
 #include <bit>
 #include <charconv>
@@ -18,35 +19,11 @@ bool isDigit(char c) {
     return c >= '0' && c <= '9';
 }
 
-std::optional<uint8_t> hexDigit(char c) {
-    if (isDigit(c)) {
-        return static_cast<uint8_t>(c - '0');
-    }
-    const char lower = static_cast<char>(c | 0x20);
-    if (lower >= 'a' && lower <= 'f') {
-        return static_cast<uint8_t>(lower - 'a' + 10);
-    }
-    return std::nullopt;
-}
-
-bool isSeparator(char c) {
-    return c == ' ' || c == ':' || c == '-';
-}
-
-// Separators may stand between bytes, not inside them, and not in a row.
 std::optional<std::vector<uint8_t>> tryHex(std::string_view text) {
-    std::vector<uint8_t> bytes;
-    for (std::size_t at = 0; at < text.size();) {
-        if (!bytes.empty() && isSeparator(text[at])) {
-            ++at;
-        }
-        if (at + 2 > text.size() || !hexDigit(text[at]) || !hexDigit(text[at + 1])) {
-            return std::nullopt;
-        }
-        bytes.push_back(static_cast<uint8_t>(*hexDigit(text[at]) << 4 | *hexDigit(text[at + 1])));
-        at += 2;
-    }
-    return bytes;
+    std::vector<uint8_t> bytes(text.size() / 2);
+    const auto count = base::parseHex(text, bytes);
+    bytes.resize(count.value_or(0));
+    return count ? std::optional(std::move(bytes)) : std::nullopt;
 }
 
 // "A-B" or "A" as two texts.
@@ -114,13 +91,11 @@ Eui64 parseEui64(std::string_view text) {
 }
 
 std::string formatEui64(const uint8_t *eui64) {
-    return fmt::format("{:02x}", fmt::join(eui64, eui64 + 8, ":"));
+    return std::string(base::eui64Text(std::span<const uint8_t, 8>(eui64, 8)));
 }
 
 std::string formatEui64Reversed(const uint8_t *eui64) {
-    Eui64 reversed;
-    std::reverse_copy(eui64, eui64 + reversed.size(), reversed.begin());
-    return formatEui64(reversed.data());
+    return std::string(base::eui64Text(base::reversed(std::span<const uint8_t, 8>(eui64, 8))));
 }
 
 DeviceRef parseDevice(std::string_view text) {
@@ -163,31 +138,19 @@ std::string formatHex(Bytes bytes) {
     return fmt::format("{:02x}", fmt::join(bytes, ""));
 }
 
-uint16_t crc16X25(Bytes bytes) {
-    unsigned crc = 0xFFFF;
-    for (const uint8_t byte : bytes) {
-        crc ^= byte;
-        for (int bit = 0; bit < 8; ++bit) {
-            crc = (crc & 1U) != 0 ? crc >> 1 ^ 0x8408U : crc >> 1;
-        }
-    }
-    return static_cast<uint16_t>(~crc);
-}
-
-std::array<uint8_t, 18> parseInstallCode(std::string_view text) {
+zigbee::InstallCode parseInstallCode(std::string_view text) {
     const auto bytes = tryHex(text);
-    if (!bytes || (bytes->size() != 16 && bytes->size() != 18)) {
+    zigbee::InstallCode code{};
+    if (!bytes || (bytes->size() != zigbee::INSTALL_CODE_BYTES && bytes->size() != code.size())) {
         throw UsageError(fmt::format("\"{}\" is not an install code: 36 hexadecimal digits with the CRC at the end, or "
                                      "32 without",
                                      text));
     }
-    std::array<uint8_t, 18> code{};
     std::ranges::copy(*bytes, code.begin());
-    const uint16_t crc = crc16X25(Bytes(code).first(16));
-    if (bytes->size() == 16) {
-        code[16] = static_cast<uint8_t>(crc);
-        code[17] = static_cast<uint8_t>(crc >> 8);
-    } else if (code[16] != (crc & 0xFF) || code[17] != crc >> 8) {
+    if (bytes->size() == zigbee::INSTALL_CODE_BYTES) {
+        zigbee::setInstallCodeCrc(code);
+    } else if (!zigbee::isInstallCodeValid(code)) {
+        const unsigned crc = zigbee::installCodeCrc(code);
         throw UsageError(fmt::format("the install code \"{}\" has a typing error: it ends in {:02x}{:02x}, but its CRC "
                                      "is {:02x}{:02x}",
                                      text, code[16], code[17], crc & 0xFF, crc >> 8));
@@ -230,18 +193,6 @@ uint32_t parseChannelMask(std::string_view text) {
         at = comma + 1;
     }
     return mask;
-}
-
-std::string normalized(std::string_view name) {
-    std::string result;
-    for (const char c : name) {
-        if (isDigit(c) || (c >= 'a' && c <= 'z')) {
-            result += c;
-        } else if (c >= 'A' && c <= 'Z') {
-            result += static_cast<char>(c | 0x20);
-        }
-    }
-    return result;
 }
 
 } // namespace corvane::ctl

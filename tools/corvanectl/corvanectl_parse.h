@@ -4,6 +4,7 @@
 // sentence names the text and says what is expected.
 #pragma once
 #include "corvane_client.h"
+#include "zigbee/install_code.h"
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -48,13 +49,12 @@ struct DeviceEndpoint {
 };
 DeviceEndpoint parseDeviceEndpoint(std::string_view text); // DEVICE[/ENDPOINT]
 
-// Hexadecimal bytes; spaces, colons and dashes between them are ignored. `maximum` bytes at most.
+// Hexadecimal bytes; between them may be spaces and a colon or dash. `maximum` bytes at most.
 std::vector<uint8_t> parseHex(std::string_view text, std::string_view what, std::size_t maximum);
 std::string formatHex(Bytes bytes); // lower case, no separators
 
-// Install codes end in their CRC-16/X-25, low byte first. 36 digits: the CRC is checked; 32 digits: it is computed.
-uint16_t crc16X25(Bytes bytes);
-std::array<uint8_t, 18> parseInstallCode(std::string_view text);
+// 36 digits: the CRC at their end is checked; 32 digits: it is computed.
+zigbee::InstallCode parseInstallCode(std::string_view text);
 
 // Channels 11 to 26: "15", "11-14", lists of both, "all", or a mask with 0x. Bit n of the result is channel n.
 uint32_t parseChannelMask(std::string_view text);
@@ -64,8 +64,5 @@ struct ChannelRange {
 };
 ChannelRange parseChannelRange(std::string_view text); // "11-14" or "15"
 uint8_t parseChannel(std::string_view text);
-
-// Lower case, letters and digits only: "On/Off", "on_off" and "on-off" are the same name.
-std::string normalized(std::string_view name);
 
 } // namespace corvane::ctl

@@ -2,6 +2,7 @@
 //
 // The service itself and joining: ping, state, form, permit, install-codes, explain, version.
 #include "corvanectl_session.h"
+#include "zigbee/zcl_table.h"
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <fmt/format.h>
@@ -311,14 +312,12 @@ void explain(Session &session, const std::string &text) {
     }
     const auto known = knownStatuses();
     const auto number = tryNumber(text);
-    std::string wanted = normalized(text);
-    if (wanted.starts_with("orustatus")) {
-        wanted.erase(0, 9);
-    } else if (wanted.starts_with("oruzb")) {
-        wanted.erase(0, 5);
-    }
-    const auto found = std::ranges::find_if(
-        known, [&](int status) { return number ? status == *number : normalized(statusName(status)) == wanted; });
+    const auto found = std::ranges::find_if(known, [&](int status) {
+        const std::string name = statusName(status);
+        return number ? status == *number
+                      : zigbee::isSameName(name, text) || zigbee::isSameName("ORU_STATUS_" + name, text) ||
+                            zigbee::isSameName("ORU_ZB_" + name, text);
+    });
     if (found == known.end()) {
         throw UsageError(
             fmt::format("\"{}\" is no status that the service uses; \"corvanectl explain\" lists all", text));

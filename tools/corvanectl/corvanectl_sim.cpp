@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // The virtual mesh of a running service: one line of JSON to its control socket, one line back.
+#include "base/descriptor.h"
 #include "corvanectl_session.h"
 #include <CLI/CLI.hpp>
 #include <cerrno>
@@ -11,7 +12,6 @@
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
-#include <unistd.h>
 
 namespace corvane::ctl {
 
@@ -21,30 +21,14 @@ using Clock = std::chrono::steady_clock;
 
 constexpr std::size_t MAX_ANSWER = 4U << 20;
 
-class Socket {
-public:
-    Socket() : fd_(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)) {}
-    ~Socket() {
-        if (fd_ >= 0) {
-            ::close(fd_);
-        }
-    }
-    Socket(const Socket &) = delete;
-    Socket &operator=(const Socket &) = delete;
-    int fd() const { return fd_; }
-
-private:
-    int fd_;
-};
-
-void connectTo(const Socket &socket, const std::string &path) {
+void connectTo(int fd, const std::string &path) {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     if (path.size() >= sizeof address.sun_path) {
         throw UsageError(fmt::format("the path {} is too long for a socket", path));
     }
     std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
-    if (::connect(socket.fd(), reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0) {
+    if (::connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0) {
         return;
     }
     if (errno == EACCES || errno == EPERM) {
@@ -56,21 +40,21 @@ void connectTo(const Socket &socket, const std::string &path) {
                               std::strerror(errno)));
 }
 
-void awaitReady(const Socket &socket, short events, Clock::time_point deadline) {
+void awaitReady(int fd, short events, Clock::time_point deadline) {
     const auto left = std::chrono::duration_cast<Milliseconds>(deadline - Clock::now()).count();
-    pollfd ready{socket.fd(), events, 0};
+    pollfd ready{fd, events, 0};
     if (left <= 0 || ::poll(&ready, 1, static_cast<int>(std::min<int64_t>(left + 1, INT32_MAX))) == 0) {
         throw Failure(Exit::TimedOut, "the virtual mesh did not answer in time");
     }
 }
 
-std::string exchange(const Socket &socket, std::string_view request, Clock::time_point deadline) {
+std::string exchange(int fd, std::string_view request, Clock::time_point deadline) {
     while (!request.empty()) {
-        const ssize_t sent = ::send(socket.fd(), request.data(), request.size(), MSG_NOSIGNAL);
+        const ssize_t sent = ::send(fd, request.data(), request.size(), MSG_NOSIGNAL);
         if (sent > 0) {
             request.remove_prefix(static_cast<std::size_t>(sent));
         } else if (errno == EAGAIN) {
-            awaitReady(socket, POLLOUT, deadline);
+            awaitReady(fd, POLLOUT, deadline);
         } else if (errno != EINTR) {
             throw Failure(Exit::ConnectionLost, "the virtual mesh ended the connection");
         }
@@ -78,11 +62,11 @@ std::string exchange(const Socket &socket, std::string_view request, Clock::time
     std::string answer;
     while (answer.find('\n') == std::string::npos) {
         char block[4096];
-        const ssize_t count = ::recv(socket.fd(), block, sizeof block, 0);
+        const ssize_t count = ::recv(fd, block, sizeof block, 0);
         if (count > 0 && answer.size() < MAX_ANSWER) {
             answer.append(block, static_cast<std::size_t>(count));
         } else if (count < 0 && errno == EAGAIN) {
-            awaitReady(socket, POLLIN, deadline);
+            awaitReady(fd, POLLIN, deadline);
         } else if (count >= 0 || errno != EINTR) {
             throw Failure(Exit::ConnectionLost, "the virtual mesh ended the connection without an answer");
         }
@@ -91,10 +75,10 @@ std::string exchange(const Socket &socket, std::string_view request, Clock::time
 }
 
 Json ask(const Session &session, const Json &request) {
-    const Socket socket;
-    connectTo(socket, session.simSocketPath());
+    const base::Descriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    connectTo(socket.get(), session.simSocketPath());
     const auto deadline = Clock::now() + session.timeout();
-    Json answer = Json::parse(exchange(socket, jsonLine(request) + "\n", deadline), nullptr, false);
+    Json answer = Json::parse(exchange(socket.get(), jsonLine(request) + "\n", deadline), nullptr, false);
     if (!answer.is_object() || !answer.contains("ok") || !answer["ok"].is_boolean()) {
         throw Failure(Exit::Refused, "the virtual mesh answered something that is not understood; are its version and "
                                      "that of corvanectl the same?");
