@@ -135,6 +135,7 @@ void Client::Impl::drop(const Outcome &reason) {
     for (auto call = async_calls_.begin(); call != async_calls_.end();) {
         completeAsync(call++, {reason, {}}); // those not taken over end with the call itself
     }
+    endExchanges(reason);
     std::get<ConnectionNote>(ended.down.front()).reason = reason;
     addNote(ended.down);
     scheduleReconnect();
@@ -434,7 +435,11 @@ void Client::Impl::handleCallback(const Frame &frame) {
 
 void Client::Impl::handleEvent(const Frame &frame) {
     const auto type = frame.header.type;
-    if (type == oipc::FrameType::Event ? !handlers_.on_event : !handlers_.on_platform_event) {
+    const bool of_service = type == oipc::FrameType::Event;
+    if (of_service) {
+        followExchanges({frame.header.id, frame.payload});
+    }
+    if (of_service ? !handlers_.on_event : !handlers_.on_platform_event) {
         return;
     }
     if (queued_events_ >= options_.max_queued) {

@@ -130,6 +130,10 @@ void Client::Impl::call(const Note &note, const Handlers &handlers) noexcept {
         if (handlers.on_connection) {
             (*handlers.on_connection)(connection->connected, connection->reason);
         }
+    } else if (const auto *exchange = std::get_if<ExchangeNote>(&note)) {
+        if (exchange->done) {
+            exchange->done(exchange->result);
+        }
     }
 }
 
@@ -177,7 +181,7 @@ void Client::Impl::expire() {
     if (greeting_deadline_ <= now) {
         failReconnect(TIMED_OUT);
     }
-    TimePoint next = std::min(next_attempt_ > now ? next_attempt_ : NEVER, greeting_deadline_);
+    TimePoint next = std::min({next_attempt_ > now ? next_attempt_ : NEVER, greeting_deadline_, expireExchanges(now)});
     for (auto call = async_calls_.begin(); call != async_calls_.end();) {
         const auto current = call++;
         if (current->second.deadline <= now) {

@@ -20,6 +20,8 @@
 // Asynchronous calls. OPEN (sent, not yet taken over) -> TAKEN [acceptAsync] -> note [completeAsync: callback,
 // time-out, lost connection]. A callback may overtake the answer that takes the call over; it is kept until then. A
 // call that is not taken over is forgotten without a note, its caller has the result.
+//
+// Exchanges. They follow events on their way in, in client_exchange.cpp; only their end becomes a note.
 #pragma once
 #include "client_link.h"
 #include <condition_variable>
@@ -55,6 +57,7 @@ public:
     Outcome callSync(uint16_t function_id, Bytes in, std::span<uint8_t> out);
     Result<std::size_t> callPlatform(uint16_t operation, Bytes in, std::span<uint8_t> out);
     Result<uint16_t> callAsync(uint16_t function_id, Bytes payload, RawCompletion done, Milliseconds timeout);
+    Outcome startExchange(const oruZb_clusterCmd_t &command, const ExchangeOptions &options, ExchangeCompletion done);
 
 private:
     using Lock = std::unique_lock<std::mutex>;
@@ -81,7 +84,11 @@ private:
         bool connected;
         Outcome reason;
     };
-    using Note = std::variant<EventNote, CompletionNote, ConnectionNote>;
+    struct ExchangeNote {
+        ExchangeCompletion done;
+        Exchange result;
+    };
+    using Note = std::variant<EventNote, CompletionNote, ConnectionNote, ExchangeNote>;
     using Notes = std::list<Note>; // notes move between lists without allocation
 
     struct AsyncCall {
@@ -93,6 +100,21 @@ private:
     };
     using AsyncCalls = std::map<uint16_t, AsyncCall>; // by callback id
 
+    struct OpenExchange {
+        Notes note; // the one ExchangeNote
+        oruZb_clusterCmd_t command{};
+        bool wants_answer = true;
+        Milliseconds timeout{};
+        uint64_t id = 0;
+        TimePoint begun;
+        TimePoint deadline = NEVER; // from being taken over on
+        bool taken = false;
+        bool ended = false; // before it was taken over
+
+        Exchange &result() { return std::get<ExchangeNote>(note.front()).result; }
+    };
+    using Exchanges = std::list<OpenExchange>; // in the order of their beginning
+
     struct Connection {
         std::shared_ptr<Link> link;
         Notes up, down; // one ConnectionNote each, until it is delivered
@@ -103,6 +125,18 @@ private:
     static AsyncCalls prepareAsync(RawCompletion done, Milliseconds timeout);
     uint16_t nextCallbackId();
     Outcome notConnected() const;
+
+    // exchanges
+    static Exchanges prepareExchange(const oruZb_clusterCmd_t &command, const ExchangeOptions &options,
+                                     ExchangeCompletion done);
+    Outcome handOver(const OpenExchange &exchange, bool async);
+    void takeExchange(Exchanges::iterator exchange);
+    void followExchanges(const Event &event);
+    bool advance(Exchanges::iterator exchange, uint16_t event_id, const oruZb_clusterCmd_t &record);
+    void endExchange(Exchanges::iterator exchange, const Outcome &outcome);
+    void endExchanges(const Outcome &reason);
+    void failExchange(uint64_t id, const CallbackResult &result);
+    TimePoint expireExchanges(TimePoint now);
 
     // reading
     void waitForSocket(Lock &lock, int fd, TimePoint deadline);
@@ -171,6 +205,8 @@ private:
     OpenCall *open_calls_ = nullptr;
     uint16_t last_callback_id_ = LAST_CALLBACK_ID;
     AsyncCalls async_calls_;
+    uint64_t last_exchange_id_ = 0;
+    Exchanges exchanges_;
     TimePoint armed_ = NEVER;
 
     Notes notes_;

@@ -191,6 +191,11 @@ Result<uint16_t> Client::callAsync(uint16_t function_id, Bytes payload, RawCompl
     });
 }
 
+Outcome Client::startExchange(const oruZb_clusterCmd_t &command, const ExchangeOptions &options,
+                              ExchangeCompletion done) {
+    return guarded([&] { return impl_ ? impl_->startExchange(command, options, std::move(done)) : NO_MEMORY; });
+}
+
 // ---------------------------------------------------------------- synchronous calls
 
 Result<std::string> Client::ping() {

@@ -120,11 +120,38 @@ struct CallbackResult : Outcome {
     std::vector<uint8_t> payload;
 };
 
+// What became of a command to a device. ok(): all that was waited for has come. Otherwise `step` tells what was waited
+// for in vain and the outcome why: TimedOut, ConnectionLost, or Ok with the status that the service (negative) or the
+// radio (160 to 253) gave.
+struct Exchange : Outcome {
+    enum class Step : uint8_t {
+        hand_over,    // to the adapter
+        confirmation, // of the radio: the frame has reached the device, or not
+        answer,       // of the device
+        done,
+    };
+
+    Step step = Step::hand_over;
+    uint16_t confirmation = 0; // its event, ORU_ZB_SVC_SENDCMD_SUCCESS or what went wrong; 0: none came
+    std::chrono::microseconds confirmed_after{}; // both since startExchange() was called
+    std::chrono::microseconds answered_after{};
+    std::optional<oruZb_clusterCmd_t> answer; // the message; src_node and src_ep name the device
+};
+
+struct ExchangeOptions {
+    bool answer = true; // false: done when it is confirmed
+    bool async = false; // do not wait in startExchange() until the adapter has taken the command
+    // For the confirmation, and again for the answer; zero: Options::completion_timeout. With `async` the first begins
+    // before the adapter has taken the command.
+    Milliseconds timeout{};
+};
+
 using EventHandler = std::function<void(const Event &)>;
 using PlatformEventHandler = std::function<void(const PlatformEvent &)>;
 using ConnectionHandler = std::function<void(bool connected, const Outcome &reason)>;
 using Completion = std::function<void(const Outcome &)>;
 using PingCompletion = std::function<void(const Result<std::string> &)>;
+using ExchangeCompletion = std::function<void(const Exchange &)>;
 using RawCompletion = std::function<void(const CallbackResult &)>;
 
 struct NodePage {
@@ -262,6 +289,14 @@ public:
     Outcome ztsEnable(Completion done);
     Outcome ztsDisable(Completion done);
     Outcome startScan(const oruZb_scan_t &scan, Completion done);
+
+    // Sends a ZCL or ZDO frame and follows what becomes of it. The confirmation is the event with the same node,
+    // cluster, endpoint and frame; the answer is the message from there with the same sequence number that is no
+    // report. It may come before the confirmation. Frames that are under way at the same time need different sequence
+    // numbers: of equal ones the oldest gets what comes first. Node_Desc_req, Simple_Desc_req and Active_EP_req need
+    // `answer` false: the service keeps the answers for itself. onEvent() hears all these events as well. Return value
+    // and `done` are as above; unless `async` is set, ok() says that the adapter has taken the command.
+    Outcome startExchange(const oruZb_clusterCmd_t &command, const ExchangeOptions &options, ExchangeCompletion done);
 
     // Any asynchronous function by its id. `timeout` zero: Options::completion_timeout. The value is the callback id.
     Result<uint16_t> callAsync(uint16_t function_id, Bytes payload, RawCompletion done, Milliseconds timeout = {});

@@ -48,7 +48,9 @@ protected:
             ++completions;
             expectRefused(pong);
         });
-        const std::array outcomes{up, pinged, Outcome(client.routes()), client.callSync(ECHO, {}, {})};
+        int ended = 0;
+        const Outcome begun = client.startExchange({}, {.async = true}, [&ended](const auto &) { ++ended; });
+        const std::array outcomes{up, pinged, begun, Outcome(client.routes()), client.callSync(ECHO, {}, {})};
         client.poll(Milliseconds(0)); // the echo came behind the event and the callback
         EXPECT_EQ(completions, pinged.ok() ? 1 : 0);
         EXPECT_EQ(events + client.droppedEvents(), pinged.ok() && listens ? 1U : 0U);
@@ -56,6 +58,7 @@ protected:
         restart();
         client.pollUntil([&] { return !client.connected(); }, up.ok() ? PATIENCE : Milliseconds(0));
         EXPECT_EQ(client.pollUntil([&] { return client.connected(); }, up.ok() ? PATIENCE : Milliseconds(0)), up.ok());
+        EXPECT_EQ(ended, begun.ok() ? 1 : 0); // with the connection
         const int left = std::exchange(until_failure, 0);
         std::ranges::for_each(outcomes, expectRefused);
         until_failure = left;

@@ -199,6 +199,93 @@ TEST_F(ClientTest, CompletionsComeOnceAndCarryTheStatus) {
     EXPECT_EQ(seen, (std::vector<std::string>{"apong", "enable -27", "sent 0"}));
 }
 
+TEST_F(ClientTest, ExchangesEndAsTheEventsTell) {
+    using Step = corvane::Exchange::Step;
+    const oruZb_clusterCmd_t command = toggle(0x1234);
+    const auto confirmed = [&](int status, uint8_t endpoint = 1) {
+        oruZb_clusterCmd_t record = command;
+        record.dest_ep = endpoint;
+        record.status = static_cast<oruZb_clusterCommandStatus_t>(status);
+        return record;
+    };
+    const auto message = [&](const Payload &frame, uint16_t node = 0x1234, uint8_t endpoint = 1) {
+        oruZb_clusterCmd_t record = command;
+        record.src_node = node;
+        record.src_ep = endpoint;
+        record.payload_len = static_cast<uint16_t>(frame.size());
+        std::ranges::copy(frame, record.payload);
+        return record;
+    };
+    constexpr uint16_t GOOD = ORU_ZB_SVC_SENDCMD_SUCCESS, IN = ORU_ZB_SVC_INCOMING_MSG;
+    const Payload answer{0x18, 0, 0x0B, 2, 0}, report{0x18, 0, 0x0A, 0, 0, 0x10, 1};
+    const struct {
+        const char *what;
+        std::vector<std::pair<uint16_t, oruZb_clusterCmd_t>> told; // before the service answers the call
+        bool wants_answer;
+        bool async;
+        Step step;
+        Outcome outcome;
+    } cases[] = {
+        {"in order", {{GOOD, confirmed(0)}, {IN, message(answer)}}, true, false, Step::done, {}},
+        {"answered first", {{IN, message(answer)}, {GOOD, confirmed(0)}}, true, true, Step::done, {}},
+        {"no answer wanted", {{GOOD, confirmed(0)}}, false, false, Step::done, {}},
+        {"unreachable",
+         {{IN, message(answer)}, {ORU_ZB_SVC_DEVICE_UNRESPONSIVE, confirmed(208)}, {GOOD, confirmed(0)}},
+         true,
+         false,
+         Step::confirmation,
+         {Transport::Ok, static_cast<oru_status_t>(208)}},
+        {"others are confirmed", {{GOOD, confirmed(0, 3)}}, true, false, Step::confirmation, {Transport::TimedOut, {}}},
+        {"others answer",
+         {{GOOD, confirmed(0)},
+          {IN, message(report)},
+          {IN, message(answer, 0x1235)},
+          {IN, message(answer, 0x1234, 3)},
+          {IN, message({0x18, 1, 0x0B, 2, 0})},
+          {IN, message({0x01, 0, 2})},
+          {IN, message({0x18, 0})}},
+         true,
+         false,
+         Step::answer,
+         {Transport::TimedOut, {}}},
+        {"refused late", {}, true, true, Step::hand_over, {Transport::Ok, ORU_STATUS_BUSY}},
+    };
+    const auto *now = cases; // the case under way
+    custom = [&](oruOipc_parameter_t &task) {
+        for (const auto &[event_id, record] : now->told) {
+            EXPECT_EQ(publish(event_id, bytesOf(record)), ORU_STATUS_OK);
+        }
+        const auto status = static_cast<int32_t>(now->step == Step::hand_over ? ORU_STATUS_BUSY : ORU_STATUS_OK);
+        return now->async ? callback(task.client_id, task.callback_id, bytesOf(status)) : ORU_STATUS_OK;
+    };
+    options.completion_timeout = 100ms;
+    connect();
+    for (; now != std::end(cases); ++now) {
+        SCOPED_TRACE(now->what);
+        std::vector<corvane::Exchange> ends;
+        ASSERT_TRUE(
+            client
+                .startExchange(command, {now->wants_answer, now->async}, [&](const auto &end) { ends.push_back(end); })
+                .ok());
+        EXPECT_TRUE(client.pollUntil([&] { return !ends.empty(); }, PATIENCE));
+        client.poll(0ms);
+        ASSERT_EQ(ends.size(), 1U);
+        EXPECT_TRUE(ends[0].step == now->step && ends[0].transport == now->outcome.transport);
+        EXPECT_EQ(ends[0].status, now->outcome.status);
+        EXPECT_EQ(ends[0].ok() && now->wants_answer,
+                  ends[0].answer && ends[0].answer->payload_len == answer.size() && ends[0].ok());
+    }
+    now = &cases[2];
+    custom = [](auto &) { return ORU_STATUS_NOT_FOUND; };
+    EXPECT_EQ(client.startExchange(command, {}, [](const auto &) { FAIL(); }).status, ORU_STATUS_NOT_FOUND);
+    custom = [](auto &) { return ORU_STATUS_OK; };
+    std::optional<corvane::Exchange> lost;
+    ASSERT_TRUE(client.startExchange(command, {.timeout = PATIENCE}, [&](const auto &end) { lost = end; }).ok());
+    stop();
+    EXPECT_TRUE(client.pollUntil([&] { return lost.has_value(); }, PATIENCE));
+    EXPECT_EQ(lost->transport, Transport::ConnectionLost);
+}
+
 TEST_F(ClientTest, IdsOfOpenCallsRunOutAndAreUsedAgain) {
     int refusals = 1; // of the service; they leave nothing behind
     custom = [&](auto &) { return refusals-- > 0 ? ORU_STATUS_BUSY : ORU_STATUS_OK; };

@@ -54,9 +54,10 @@ void measureOnce(Session &session, Measurement &measurement) {
     const uint8_t endpoint = endpoints.empty() ? uint8_t{1} : endpoints[0].endpoint;
     const auto frame = encodeReadAttribute(nextSequence(), ATTRIBUTE_ZCL_VERSION);
     try {
-        const auto delivery =
+        const Exchange exchange =
             deliver(session, {makeCommand(measurement.device.node_id, endpoint, CLUSTER_BASIC, frame), true}, false);
-        measurement.round_trips_ms.push_back(delivery.answered_ms);
+        measurement.round_trips_ms.push_back(
+            std::chrono::duration<double, std::milli>(exchange.answered_after).count());
     } catch (const Failure &failure) {
         if (failure.exit != Exit::TimedOut && !(failure.exit == Exit::Refused && failure.status.value_or(0) > 0)) {
             throw; // not the fault of this device

@@ -13,8 +13,6 @@ namespace corvane::ctl {
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
 constexpr uint8_t LEVEL_MAXIMUM = 254;
 constexpr uint8_t COMMAND_OFF = 0x00;
 constexpr uint8_t COMMAND_ON = 0x01;
@@ -28,58 +26,34 @@ Bytes frameOf(const oruZb_clusterCmd_t &command) {
     return Bytes(command.payload).first(std::min<std::size_t>(command.payload_len, ORU_ZB_MAX_PAYLOAD));
 }
 
-double millisecondsSince(Clock::time_point start) {
-    return std::chrono::duration<double, std::milli>(Clock::now() - start).count();
+std::string sendingTo(const oruZb_clusterCmd_t &command) {
+    return fmt::format("sending to {}", hexUpper(command.dest_node));
 }
 
-bool isConfirmation(const Event &event, const oruZb_clusterCmd_t &sent) {
-    if (event.id != ORU_ZB_SVC_SENDCMD_SUCCESS && event.id != ORU_ZB_SVC_SENDCMD_FAILURE &&
-        event.id != ORU_ZB_SVC_DEVICE_UNRESPONSIVE && event.id != ORU_ZB_SVC_CHANNEL_BUSY &&
-        event.id != ORU_ZB_SVC_SECURITY_ERROR) {
-        return false;
+[[noreturn]] void failConfirmation(const Session &session, const Exchange &exchange, const std::string &node) {
+    Failure failure(Exit::TimedOut, fmt::format("the radio did not confirm the command to {} within {} s", node,
+                                                session.settings.timeout_s));
+    failure.details = {{"sent", true}};
+    if (exchange.answered()) {
+        const char *const event = eventName(exchange.confirmation);
+        failure = Failure(Exit::Refused,
+                          fmt::format("{}: the command did not reach {}: {} ({}); \"corvanectl explain {}\" tells more",
+                                      event, node, statusName(exchange.status), exchange.status, exchange.status),
+                          exchange.status, statusName(exchange.status));
+        failure.details = {{"sent", true}, {"confirmation", event}};
     }
-    const auto command = event.command();
-    return command && command->dest_node == sent.dest_node && command->cluster_id == sent.cluster_id &&
-           command->dest_ep == sent.dest_ep && std::ranges::equal(frameOf(*command), frameOf(sent));
+    throw failure;
 }
 
-bool isAnswer(const Event &event, const oruZb_clusterCmd_t &sent) {
-    const auto message = event.command();
-    if (event.id != ORU_ZB_SVC_INCOMING_MSG || !message || message->src_node != sent.dest_node) {
-        return false;
-    }
-    if (sent.profile_id == PROFILE_ZDO) {
-        return message->profile_id == PROFILE_ZDO && message->cluster_id == (sent.cluster_id | ZDO_RESPONSE) &&
-               message->payload_len > 0 && message->payload[0] == sent.payload[0];
-    }
-    const auto question = parseZclHeader(frameOf(sent));
-    const auto answer = parseZclHeader(frameOf(*message));
-    return question && answer && message->cluster_id == sent.cluster_id &&
-           (message->src_ep == sent.dest_ep || sent.dest_ep == ALL_ENDPOINTS) &&
-           answer->sequence == question->sequence && answer->to_client != question->to_client &&
-           (answer->cluster_specific || answer->command != zigbee::COMMAND_REPORT_ATTRIBUTES);
+[[noreturn]] void failAnswer(const Session &session, const Exchange &exchange, const std::string &node) {
+    Failure failure(Exit::TimedOut, fmt::format("{} took the command but did not answer within {} s", node,
+                                                session.settings.timeout_s));
+    failure.details = {{"sent", true}, {"confirmation", eventName(exchange.confirmation)}};
+    throw failure;
 }
 
-Failure confirmationFailure(const StoredEvent &event, const oruZb_clusterCmd_t &confirmed) {
-    const auto status = static_cast<int>(confirmed.status);
-    Failure failure(Exit::Refused,
-                    fmt::format("{}: the command did not reach {}: {} ({}); \"corvanectl explain {}\" tells more",
-                                eventName(event.id), hexUpper(confirmed.dest_node), statusName(status), status, status),
-                    status, statusName(status));
-    failure.details = {{"sent", true}, {"confirmation", eventName(event.id)}};
-    return failure;
-}
-
-Json awaitAnswer(Session &session, const oruZb_clusterCmd_t &sent, const char *confirmation) {
-    const auto answer = session.waitEvent([&](const Event &event) { return isAnswer(event, sent); }, session.timeout());
-    if (!answer) {
-        Failure failure(Exit::TimedOut, fmt::format("{} took the command but did not answer within {} s",
-                                                    hexUpper(sent.dest_node), session.settings.timeout_s));
-        failure.details = {{"sent", true}, {"confirmation", confirmation}};
-        throw failure;
-    }
-    const auto message = answer->view().command();
-    return decodeFrame(message->profile_id, message->cluster_id, frameOf(*message));
+double inMilliseconds(std::chrono::microseconds time) {
+    return std::chrono::duration<double, std::milli>(time).count();
 }
 
 } // namespace
@@ -104,7 +78,7 @@ oruZb_clusterCmd_t makeCommand(uint16_t node_id, uint8_t endpoint, uint16_t clus
 
 void submit(Session &session, const oruZb_clusterCmd_t &command, bool async) {
     requireAddress(command.dest_node);
-    const std::string what = fmt::format("sending to {}", hexUpper(command.dest_node));
+    const std::string what = sendingTo(command);
     if (async) {
         session.complete(
             what, [&](Client &client, const Completion &done) { return client.sendCommandAsync(command, done); });
@@ -113,28 +87,22 @@ void submit(Session &session, const oruZb_clusterCmd_t &command, bool async) {
     }
 }
 
-Delivery deliver(Session &session, const SentCommand &sent, bool async) {
-    const auto start = Clock::now();
-    submit(session, sent.command, async);
-    const auto event = session.waitEvent(
-        [&](const Event &candidate) { return isConfirmation(candidate, sent.command); }, session.timeout());
-    if (!event) {
-        Failure failure(Exit::TimedOut, fmt::format("the radio did not confirm the command to {} within {} s",
-                                                    hexUpper(sent.command.dest_node), session.settings.timeout_s));
-        failure.details = {{"sent", true}};
-        throw failure;
+Exchange deliver(Session &session, const SentCommand &sent, bool async) {
+    requireAddress(sent.command.dest_node);
+    const std::string what = sendingTo(sent.command);
+    const Exchange exchange = session.exchange(what, sent.command, {sent.expects_answer, async, session.timeout()});
+    const std::string node = hexUpper(sent.command.dest_node);
+    switch (exchange.step) {
+    case Exchange::Step::hand_over:
+        session.fail(exchange, what);
+    case Exchange::Step::confirmation:
+        failConfirmation(session, exchange, node);
+    case Exchange::Step::answer:
+        failAnswer(session, exchange, node);
+    case Exchange::Step::done:
+        break;
     }
-    Delivery delivery;
-    delivery.confirmed_ms = millisecondsSince(start);
-    delivery.confirmation = eventName(event->id);
-    if (event->id != ORU_ZB_SVC_SENDCMD_SUCCESS) {
-        throw confirmationFailure(*event, *event->view().command());
-    }
-    if (sent.expects_answer) {
-        delivery.answer = std::make_unique<const Json>(awaitAnswer(session, sent.command, delivery.confirmation));
-        delivery.answered_ms = millisecondsSince(start);
-    }
-    return delivery;
+    return exchange;
 }
 
 namespace {
@@ -192,23 +160,25 @@ Target findTarget(Session &session, const std::string &text, uint16_t profile, u
                               deviceTitle(device), clusterText(profile, cluster), text));
 }
 
-void report(Session &session, const SentCommand &sent, const Delivery &delivery) {
-    Json json{{"sent", true}, {"confirmation", delivery.confirmation}};
+void report(Session &session, const SentCommand &sent, const Exchange &exchange) {
+    Json json{{"sent", true}, {"confirmation", eventName(exchange.confirmation)}};
     json["node_id"] = hex16(sent.command.dest_node);
     json["endpoint"] = sent.command.dest_ep;
-    json["confirmed_ms"] = static_cast<int>(delivery.confirmed_ms);
+    const double confirmed_ms = inMilliseconds(exchange.confirmed_after);
+    json["confirmed_ms"] = static_cast<int>(confirmed_ms);
     const bool broadcast = sent.command.dest_node >= FIRST_BROADCAST;
-    std::string text = fmt::format("{} in {:.0f} ms", paint(Colour::Green, broadcast ? "broadcast" : "delivered"),
-                                   delivery.confirmed_ms);
-    if (delivery.answer != nullptr) {
-        json["answer"] = *delivery.answer;
-        json["answered_ms"] = static_cast<int>(delivery.answered_ms);
-        text += fmt::format(", answer in {:.0f} ms: {}", delivery.answered_ms,
-                            delivery.answer->at("text").get<std::string>());
-        if (const auto status = failureStatus(*delivery.answer)) {
-            Failure failure(Exit::Refused,
-                            fmt::format("{} refused: {}", hexUpper(sent.command.dest_node),
-                                        delivery.answer->at("text").get<std::string>()),
+    std::string text =
+        fmt::format("{} in {:.0f} ms", paint(Colour::Green, broadcast ? "broadcast" : "delivered"), confirmed_ms);
+    if (exchange.answer) {
+        const double answered_ms = inMilliseconds(exchange.answered_after);
+        const Json answer =
+            decodeFrame(exchange.answer->profile_id, exchange.answer->cluster_id, frameOf(*exchange.answer));
+        json["answer"] = answer;
+        json["answered_ms"] = static_cast<int>(answered_ms);
+        const auto words = answer.at("text").get<std::string>();
+        text += fmt::format(", answer in {:.0f} ms: {}", answered_ms, words);
+        if (const auto status = failureStatus(answer)) {
+            Failure failure(Exit::Refused, fmt::format("{} refused: {}", hexUpper(sent.command.dest_node), words),
                             *status, std::string(zigbee::statusName(*status)));
             failure.details = json;
             throw failure;

@@ -3,7 +3,6 @@
 // One command to a device and what becomes of it: the confirmation of the radio, then the answer of the device.
 #pragma once
 #include "corvanectl_session.h"
-#include <memory>
 
 namespace corvane::ctl {
 
@@ -14,16 +13,9 @@ struct SentCommand {
     bool expects_answer = false;
 };
 
-struct Delivery {
-    const char *confirmation = "";      // name of the event
-    std::unique_ptr<const Json> answer; // null when none is expected
-    double confirmed_ms = 0;            // after handing over
-    double answered_ms = 0;
-};
-
 oruZb_clusterCmd_t makeCommand(uint16_t node_id, uint8_t endpoint, uint16_t cluster, Bytes frame);
 void submit(Session &session, const oruZb_clusterCmd_t &command, bool async);
 // Hands the command over and waits. Failure when it is refused, not confirmed, or not answered.
-Delivery deliver(Session &session, const SentCommand &sent, bool async);
+Exchange deliver(Session &session, const SentCommand &sent, bool async);
 
 } // namespace corvane::ctl

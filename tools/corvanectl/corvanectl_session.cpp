@@ -18,6 +18,7 @@ using Clock = std::chrono::steady_clock;
 constexpr double MAX_TIMEOUT_S = 86400;
 constexpr Milliseconds START_UP{5000}; // time that a service has to come up, and its adapter after it
 constexpr Milliseconds START_UP_POLL{50};
+constexpr const char *CONNECTION_LOST = "the service ended the connection; has it been stopped?";
 
 Exit exitOf(const Outcome &outcome) {
     switch (outcome.transport) {
@@ -156,11 +157,21 @@ void Session::complete(std::string_view what, const std::function<Outcome(Client
     require(completed.value_or(Outcome{Transport::ConnectionLost, ORU_STATUS_OK}), what);
 }
 
+Exchange Session::exchange(std::string_view what, const oruZb_clusterCmd_t &command, const ExchangeOptions &options) {
+    std::optional<Exchange> ended;
+    require(client().startExchange(command, options, [&](const Exchange &exchange) { ended = exchange; }), what);
+    client_.pollUntil([&] { return ended.has_value(); }, Milliseconds::max());
+    if (!ended->answered() && ended->transport != Transport::TimedOut) {
+        throw Failure(Exit::ConnectionLost, CONNECTION_LOST);
+    }
+    return *ended;
+}
+
 bool Session::poll(const std::function<bool()> &done, Milliseconds wait) {
     bool reached = false;
     client().pollUntil([&] { return (reached = done()) || !client_.connected(); }, wait);
     if (!reached && !client_.connected()) {
-        throw Failure(Exit::ConnectionLost, "the service ended the connection; has it been stopped?");
+        throw Failure(Exit::ConnectionLost, CONNECTION_LOST);
     }
     return reached;
 }

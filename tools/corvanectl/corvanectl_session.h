@@ -84,6 +84,9 @@ public:
     // An asynchronous call from start to callback. Answered with a status other than 0, or not at all: Failure.
     void complete(std::string_view what, const std::function<Outcome(Client &, Completion)> &call);
 
+    // A command from start to end. Failure when it is not taken over, or the connection is lost.
+    Exchange exchange(std::string_view what, const oruZb_clusterCmd_t &command, const ExchangeOptions &options);
+
     // Waits for one of the events since the connection was made that the filter accepts, and takes it.
     std::optional<StoredEvent> waitEvent(const EventFilter &filter, Milliseconds timeout);
     bool poll(const std::function<bool()> &done, Milliseconds timeout); // Failure when the connection is lost
