@@ -99,6 +99,7 @@ protected:
         options.scenario = &scenario_;
         options.state_directory = state_directory;
         options.seed = seed;
+        options.backends = backends_;
         hal::reset(options);
         record = {};
         char name[] = "virtual:given.toml";
@@ -255,6 +256,7 @@ protected:
     }
 
     mesh::Scenario scenario_;
+    std::vector<corvane::zbhal::Backend> backends_; // before the mesh alone
     int32_t descriptor_ = -1;
     uint8_t sequence_ = 0; // APS counter that the last ZCL send was given
     std::string folder_;   // of this test, removed at its end

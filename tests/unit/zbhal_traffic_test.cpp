@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // Sends, confirmations, inter-PAN, scans, counters.
+#include "zbhal_core.h"
 #include "zbhal_fixture.h"
 #include <random>
 
@@ -122,6 +123,26 @@ reset | sent 1: 211, sent 2: 211, sent 3: 211, stack resetting, stack up
 disable @0
 send lamp 9 => -10005 | stack off
 send lamp 9 => -10005)");
+}
+
+TEST_P(HalTest, aFrameToAGroupReachesItsMembers) {
+    scenario_.devices = {device("lamp", 1), device("other", 2)};
+    scenario_.devices[0].endpoints[0].input_clusters.push_back(0x0004);
+    startWithNetwork();
+    join({"lamp", "other"});
+    oruZbHal_apsFrame_t frame{0x0104, 0x0004, 1, 1, 0, 0, 0, 0};
+    uint8_t add_group[] = {0x01, 1, 0x00, 0x34, 0x12, 0x00};
+    EXPECT_EQ(oruZbHal_sendZclUnicast(nodeId("lamp"), &frame, add_group, sizeof add_group, nullptr, nullptr), 0);
+    advance(1000);
+    const uint8_t on[] = {0x01, 2, 0x01};
+    frame = {0x0104, 0x0006, 1, 1, 0, 0x1234, 0, 0};
+    EXPECT_EQ(corvane::zbhal::hal().sendGroup(frame, on), 0);
+    advance(1000);
+    for (const mesh::SimDevice &row : sim().list()) {
+        EXPECT_EQ(row.state, row.name == "lamp" ? "on" : "off");
+    }
+    EXPECT_EQ(oruZbHal_disable(), 0);
+    EXPECT_EQ(corvane::zbhal::hal().sendGroup(frame, on), ORU_STATUS_DEVICE_STATE_INVALID);
 }
 
 TEST_P(HalTest, noDestinationTakesThePlacesOfTheOthersAndOfZdo) {

@@ -14,6 +14,7 @@ class Decorator : public Adapter {
 public:
     explicit Decorator(Adapter &inner) : inner_(inner) {} // which outlives it
 
+    uint64_t advance(uint64_t now_us) override { return inner_.advance(now_us); }
     void roomMade() override { inner_.roomMade(); }
     void stop() override { inner_.stop(); }
     size_t sendCapacity() const override { return inner_.sendCapacity(); }
