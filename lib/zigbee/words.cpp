@@ -150,14 +150,16 @@ std::string join(std::string &text, const std::string &more) {
     return text += (text.empty() || more.empty() ? "" : ", ") + more;
 }
 
-std::string generalText(uint16_t cluster, uint8_t command, std::span<const uint8_t> payload, bool &ok) {
+std::string generalText(uint16_t cluster, uint8_t command, std::span<const uint8_t> payload, const MeterScales *meters,
+                        bool &ok) {
     RecordReader records(command, payload);
     if (!records.isKnown()) {
         return hexOf(payload);
     }
     std::string text;
     for (AttributeRecord record; records.next(record);) {
-        join(text, recordText(cluster, record));
+        const auto meter = meterScaleOf(cluster, record.attribute, meters);
+        join(text, recordText(cluster, record, meter ? &*meter : nullptr));
     }
     ok = records.ok();
     return text;
@@ -266,6 +268,11 @@ std::string zoneStatusText(unsigned status) {
     return text;
 }
 
+std::optional<MeterScale> meterScaleOf(uint16_t cluster, uint16_t attribute, const MeterScales *meters) {
+    const ScaleInfo *const scale = meters != nullptr ? findScale(cluster, attribute) : nullptr;
+    return scale != nullptr ? meters->find(*scale) : std::nullopt;
+}
+
 std::string plainText(const Value &value) {
     switch (value.kind) {
     case TypeKind::None:
@@ -347,7 +354,7 @@ std::string parameterText(const Parameter &parameter) {
     return std::string(name) + " " + plainText(parameter.value);
 }
 
-std::string frameText(uint16_t cluster, std::span<const uint8_t> frame) {
+std::string frameText(uint16_t cluster, std::span<const uint8_t> frame, const MeterScales *meters) {
     base::ByteReader in(frame);
     FrameHeader header;
     if (!readHeader(in, header)) {
@@ -361,7 +368,7 @@ std::string frameText(uint16_t cluster, std::span<const uint8_t> frame) {
         header.cluster_specific ? findCommand(cluster, header.to_client, header.command) : nullptr;
     if (!header.cluster_specific) {
         command = labelOf(generalCommandName(header.command));
-        contents = generalText(cluster, header.command, in.rest(), ok);
+        contents = generalText(cluster, header.command, in.rest(), meters, ok);
     } else {
         command = info != nullptr ? commandLabel(*info) : "";
         contents = info != nullptr ? parametersText(*info, in.rest(), ok) : hexOf(in.rest());

@@ -2,6 +2,7 @@
 //
 // Records in words, for people. Texts that a device wrote are freed of control characters.
 #pragma once
+#include "zigbee/meter_scales.h"
 #include "zigbee/zcl_frame.h"
 #include <cstdint>
 #include <optional>
@@ -9,14 +10,6 @@
 #include <string_view>
 
 namespace corvane::zigbee {
-
-// What meters say about their own numbers: the values of ScaleInfo's multiplier_attribute and divisor_attribute, and in
-// the metering cluster of unit_of_measure. 0 as from a meter that does not have it counts as 1.
-struct MeterScale {
-    uint32_t multiplier = 1;
-    uint32_t divisor = 1;
-    uint8_t unit_of_measure = 0;
-};
 
 struct Quantity {
     double number = 0;
@@ -38,6 +31,9 @@ std::string statusText(uint8_t status);      // "READ_ONLY 0x88"
 std::string typeText(uint8_t type);          // "uint16"
 std::string zoneStatusText(unsigned status); // "contact: open, battery low"
 
+// Nothing when it is not known, or the attribute needs none.
+std::optional<MeterScale> meterScaleOf(uint16_t cluster, uint16_t attribute, const MeterScales *meters);
+
 // "[1,2]" and the like, without any knowledge of what the value means.
 std::string plainText(const Value &value);
 // "21.43 C"; what it measures is not said.
@@ -47,7 +43,7 @@ std::string recordText(uint16_t cluster, const AttributeRecord &record, const Me
 std::string parameterText(const Parameter &parameter); // "level 128"
 
 // A whole frame of any profile but ZDO's, with what was legible of a malformed one; empty when it has no header. The
-// attributes and commands of a manufacturer are shown by number.
-std::string frameText(uint16_t cluster, std::span<const uint8_t> frame);
+// attributes and commands of a manufacturer are shown by number. meters is what is known of the endpoint, or null.
+std::string frameText(uint16_t cluster, std::span<const uint8_t> frame, const MeterScales *meters = nullptr);
 
 } // namespace corvane::zigbee

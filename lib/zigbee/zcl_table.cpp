@@ -117,6 +117,10 @@ std::span<const ClusterInfo> clusters() {
     return CLUSTERS;
 }
 
+std::span<const ScaleInfo> scales() {
+    return SCALES;
+}
+
 const ClusterInfo *findCluster(uint16_t id) {
     return find(CLUSTERS, idOf, id);
 }

@@ -122,6 +122,7 @@ struct ScaleInfo {
 };
 
 std::span<const ClusterInfo> clusters(); // by id
+std::span<const ScaleInfo> scales();     // by cluster and attribute
 const ClusterInfo *findCluster(uint16_t id);
 const AttributeInfo *findAttribute(uint16_t cluster, uint16_t id);
 const CommandInfo *findCommand(uint16_t cluster, bool to_client, uint8_t id);

@@ -32,6 +32,9 @@ void hearZcl(fuzz::Input &input) {
     zigbee::FrameHeader header;
     const bool legible = zigbee::readHeader(in, header);
     fuzz::require(legible != zigbee::frameText(cluster, frame).empty(), "a frame with a header has words");
+    zigbee::MeterScales meters;
+    meters.learn(cluster, frame);
+    (void)zigbee::frameText(meters.missing(cluster, frame).empty() ? cluster : uint16_t{0x0B04}, frame, &meters);
     if (legible && !header.cluster_specific) {
         readGeneral(cluster, header, in.rest());
     }

@@ -269,7 +269,19 @@ TEST(Scales, MetersSayWhatTheirNumbersMean) {
     EXPECT_EQ(text(0x0400, 0x0000, TYPE_UINT16, 20001, nullptr), "100 lx");
     EXPECT_EQ(text(0x040D, 0x0000, TYPE_SINGLE_FLOAT, 0x3A51B717, nullptr), "800 ppm");
     EXPECT_EQ(text(0x0006, 0x4003, TYPE_ENUM8, 0xFF, nullptr), "previous");
-    EXPECT_EQ(findScale(0x0B04, 0x0A0B)->divisor_attribute, 0x0605);
+
+    // What the device says itself: a report, the answer to the reading of what is missing (no multiplier), the report.
+    MeterScales meters;
+    const std::vector<uint8_t> report{0x18, 1, 0x0A, 0x05, 0x05, 0x21, 0xFD, 0x08, 0x08, 0x05, 0x21, 4, 1};
+    const std::vector<uint8_t> answer{0x18, 1, 1, 0x00, 6, 0x86, 0x01, 6, 0, 0x21, 10, 0};
+    const std::vector<uint8_t> summation{0x18, 1, 0x0A, 0, 0, 0x20, 7};
+    EXPECT_EQ(meters.missing(0x0B04, report), (std::vector<uint16_t>{0x0600, 0x0601, 0x0602, 0x0603}));
+    EXPECT_EQ(meters.missing(0x0702, summation), (std::vector<uint16_t>{0x0301, 0x0302, 0x0300}));
+    EXPECT_TRUE(meters.missing(0x0B04, answer).empty() && meters.missing(0x0402, report).empty());
+    meters.learn(0x0702, answer); // another cluster
+    meters.learn(0x0B04, answer);
+    EXPECT_EQ(meters.missing(0x0B04, report), (std::vector<uint16_t>{0x0602, 0x0603}));
+    EXPECT_EQ(frameText(0x0B04, report, &meters), "report attributes: voltage: 230.1 V, current: 260 (raw)");
 }
 
 } // namespace

@@ -52,7 +52,7 @@ std::vector<Measurement> chosenDevices(Session &session, const LatencyOptions &o
 void measureOnce(Session &session, Measurement &measurement) {
     const auto endpoints = endpointsOf(measurement.device.device_info);
     const uint8_t endpoint = endpoints.empty() ? uint8_t{1} : endpoints[0].endpoint;
-    const auto frame = encodeReadAttribute(nextSequence(), ATTRIBUTE_ZCL_VERSION);
+    const auto frame = encodeReadAttributes(nextSequence(), {&ATTRIBUTE_ZCL_VERSION, 1});
     try {
         const Exchange exchange =
             deliver(session, {makeCommand(measurement.device.node_id, endpoint, CLUSTER_BASIC, frame), true}, false);

@@ -1,12 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Events in words: monitor shows all of them, wait waits for one.
+#include "corvanectl_meters.h"
 #include "corvanectl_names.h"
-#include "corvanectl_session.h"
+#include "corvanectl_send.h"
 #include "corvanectl_zcl.h"
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <chrono>
+#include <deque>
 #include <fmt/chrono.h>
 #include <fmt/format.h>
 #include <map>
@@ -17,6 +19,8 @@ namespace corvane::ctl {
 
 namespace {
 
+using SystemClock = std::chrono::system_clock;
+
 constexpr int NAME_WIDTH = 24;
 
 struct MonitorOptions {
@@ -25,16 +29,15 @@ struct MonitorOptions {
     std::vector<std::string> events;
 };
 
-std::string timeOfDay(std::chrono::system_clock::time_point now, const char *format) {
+std::string timeOfDay(SystemClock::time_point now, const char *format) {
     const auto milliseconds = std::chrono::duration_cast<Milliseconds>(now.time_since_epoch()).count() % 1000;
     return fmt::format(fmt::runtime(fmt::format("{{:{}}}.{{:03}}", format)),
-                       fmt::localtime(std::chrono::system_clock::to_time_t(now)), milliseconds);
+                       fmt::localtime(SystemClock::to_time_t(now)), milliseconds);
 }
 
-std::string isoTime(std::chrono::system_clock::time_point now) {
+std::string isoTime(SystemClock::time_point now) {
     const auto milliseconds = std::chrono::duration_cast<Milliseconds>(now.time_since_epoch()).count() % 1000;
-    return fmt::format("{:%Y-%m-%dT%H:%M:%S}.{:03}Z", fmt::gmtime(std::chrono::system_clock::to_time_t(now)),
-                       milliseconds);
+    return fmt::format("{:%Y-%m-%dT%H:%M:%S}.{:03}Z", fmt::gmtime(SystemClock::to_time_t(now)), milliseconds);
 }
 
 Colour colourOf(uint16_t event_id) {
@@ -72,18 +75,20 @@ uint16_t parseEvent(const std::string &text) {
     return *found;
 }
 
-Json commandJson(const oruZb_clusterCmd_t &command, bool incoming) {
+// `meters` for an incoming message, otherwise null.
+Json commandJson(const oruZb_clusterCmd_t &command, Meters *meters) {
     Json json;
+    const bool incoming = meters != nullptr;
     json["node_id"] = hex16(command.dest_node);
     json["endpoint"] = incoming ? command.src_ep : command.dest_ep;
     json["own_endpoint"] = incoming ? command.dest_ep : command.src_ep;
     json["profile"] = hex16(command.profile_id);
     json["cluster"] = hex16(command.cluster_id);
     json["cluster_name"] = zigbee::clusterLabel(command.profile_id, command.cluster_id);
-    const Bytes frame = Bytes(command.payload).first(std::min<std::size_t>(command.payload_len, ORU_ZB_MAX_PAYLOAD));
+    const Bytes frame = frameOf(command);
     json["payload"] = formatHex(frame);
     json[command.profile_id == PROFILE_ZDO ? "zdo" : "zcl"] =
-        decodeFrame(command.profile_id, command.cluster_id, frame);
+        decodeFrame(command.profile_id, command.cluster_id, frame, incoming ? &meters->scalesFor(command) : nullptr);
     if (!incoming) {
         json["confirmation_id"] = command.confirmation_id;
         json["status"] = static_cast<int>(command.status);
@@ -99,6 +104,60 @@ std::string endpointSummary(const oruZb_device_t &device) {
                             deviceTypeText(endpoint.profile_id, endpoint.device_id));
     }
     return text;
+}
+
+// "event", "id" and what its record tells.
+Json eventJson(const Event &event, Meters &meters) {
+    Json json;
+    json["event"] = eventName(event.id);
+    json["id"] = event.id;
+    if (const auto device = event.device()) {
+        const Json decoded = deviceJson(*device, std::nullopt);
+        json["node_id"] = decoded["node_id"];
+        json["eui64"] = decoded["eui64"];
+        json["manufacturer_code"] = decoded["manufacturer_code"];
+        json["capabilities"] = decoded["capabilities"];
+        json["endpoints"] = decoded["endpoints"].size();
+        if (device->device_info.endpoint_count > 0) { // not while it has only joined
+            json["device_name"] = deviceTypeOf(device->device_info);
+        }
+    } else if (const auto command = event.command()) {
+        json.update(commandJson(*command, event.id == ORU_ZB_SVC_INCOMING_MSG ? &meters : nullptr));
+    } else if (const auto interpan = event.interpan()) {
+        json["sequence"] = interpan->sequence;
+        json["status"] = interpan->status;
+        json["status_name"] = statusName(static_cast<oru_status_t>(interpan->status));
+    } else if (!event.payload.empty()) {
+        json["payload"] = formatHex(event.payload); // not a record of the size that the event should carry
+    }
+    return json;
+}
+
+std::string eventText(const Event &event, const Json &decoded) {
+    const auto text = [&](const char *key) { return decoded[key].get<std::string>(); };
+    if (const auto device = event.device()) {
+        const std::string endpoints = endpointSummary(*device);
+        return fmt::format("{} {}{}{}", hexUpper(device->node_id), text("eui64"), endpoints.empty() ? "" : "  ",
+                           endpoints);
+    }
+    if (const auto command = event.command()) {
+        const bool incoming = event.id == ORU_ZB_SVC_INCOMING_MSG;
+        const char *key = decoded.contains("zcl") ? "zcl" : "zdo";
+        const std::string place =
+            fmt::format("{}/{}", hexUpper(command->dest_node), incoming ? command->src_ep : command->dest_ep);
+        const std::string failed =
+            incoming || command->status == ORU_ZB_SUCCESS
+                ? ""
+                : fmt::format("  {} ({})", text("status_name"), static_cast<int>(command->status));
+        return fmt::format("{}  {}  {}{}", padded(place, 9),
+                           padded(clusterText(command->profile_id, command->cluster_id), 18),
+                           decoded[key]["text"].get<std::string>(), paint(Colour::Red, failed));
+    }
+    if (event.interpan()) {
+        return fmt::format("sequence {}  {} ({})", decoded["sequence"].get<int>(), text("status_name"),
+                           decoded["status"].get<unsigned>());
+    }
+    return event.payload.empty() ? "" : "payload " + formatHex(event.payload);
 }
 
 // Addresses of the devices that the service knows, so that messages can be told by EUI-64 as well.
@@ -122,9 +181,12 @@ private:
 class Monitor {
 public:
     Monitor(Session &session, const MonitorOptions &options)
-        : session_(session), count_(options.count.empty() ? 0 : parseNumber(options.count, "--count", 1, INT32_MAX)) {
+        : session_(session), count_(options.count.empty() ? 0 : parseNumber(options.count, "--count", 1, INT32_MAX)),
+          meters_(session) {
         std::ranges::transform(options.events, std::inserter(wanted_, wanted_.end()), parseEvent);
-        session.listen([this](const Event &event) { show(event); });
+        session.listen([this](const Event &event) {
+            waiting_.push_back({{event.id, {event.payload.begin(), event.payload.end()}}, SystemClock::now()});
+        });
     }
 
     void run(double seconds) {
@@ -133,30 +195,48 @@ public:
             fmt::print(stderr, "watching {}; end with Ctrl-C\n", session_.socketPath());
         }
         const auto limit = seconds > 0 ? Milliseconds(static_cast<int64_t>(seconds * 1000)) : Milliseconds::max();
-        const bool complete = session_.poll([this] { return count_ != 0 && shown_ >= count_; }, limit);
+        const bool complete = session_.poll([this] { return showAll(); }, limit);
         if (!complete && count_ != 0) {
             throw Failure(Exit::TimedOut, fmt::format("{} of {} events came in time", shown_, count_));
         }
     }
 
 private:
-    void show(const Event &event) {
+    struct TimedEvent {
+        StoredEvent event;
+        SystemClock::time_point time;
+    };
+
+    // True when as many as wanted have been shown. Outside the handler, which may not wait for the scale of a meter;
+    // what comes meanwhile waits behind.
+    bool showAll() {
+        while (!waiting_.empty() && !isComplete()) {
+            const TimedEvent next = std::move(waiting_.front());
+            waiting_.pop_front();
+            show(next.event.view(), next.time);
+        }
+        return isComplete();
+    }
+
+    bool isComplete() const { return count_ != 0 && shown_ >= count_; }
+
+    void show(const Event &event, SystemClock::time_point time) {
         if (const auto device = event.device()) {
             book_.learn(*device);
+            meters_.forget(device->node_id);
         }
-        if ((!wanted_.empty() && !wanted_.contains(event.id)) || (count_ != 0 && shown_ >= count_)) {
+        if (!wanted_.empty() && !wanted_.contains(event.id)) {
             return;
         }
         ++shown_;
-        const auto now = std::chrono::system_clock::now();
-        Json json = eventJson(event);
+        Json json = eventJson(event, meters_);
         const auto command = event.command();
         const std::string *eui64 = command ? book_.find(command->dest_node) : nullptr;
         if (eui64 != nullptr) {
             json["eui64"] = *eui64;
         }
-        json["time"] = isoTime(now);
-        session_.answer(json, fmt::format("{}  {}  {}", paint(Colour::Dim, timeOfDay(now, "%H:%M:%S")),
+        json["time"] = isoTime(time);
+        session_.answer(json, fmt::format("{}  {}  {}", paint(Colour::Dim, timeOfDay(time, "%H:%M:%S")),
                                           paint(colourOf(event.id), padded(eventName(event.id), NAME_WIDTH)),
                                           eventText(event, json)));
     }
@@ -166,6 +246,8 @@ private:
     int64_t shown_ = 0;
     std::set<uint16_t> wanted_;
     AddressBook book_;
+    Meters meters_;
+    std::deque<TimedEvent> waiting_;
 };
 
 struct WaitOptions {
@@ -208,65 +290,13 @@ void wait(Session &session, const WaitOptions &options) {
     if (!event) {
         throw Failure(Exit::TimedOut, fmt::format("{} did not come within {} s", eventName(wanted), options.seconds));
     }
-    Json json = eventJson(event->view());
-    json["time"] = isoTime(std::chrono::system_clock::now());
+    Meters meters(session);
+    Json json = eventJson(event->view(), meters);
+    json["time"] = isoTime(SystemClock::now());
     session.answer(json, fmt::format("{}  {}", padded(eventName(wanted), NAME_WIDTH), eventText(event->view(), json)));
 }
 
 } // namespace
-
-Json eventJson(const Event &event) {
-    Json json;
-    json["event"] = eventName(event.id);
-    json["id"] = event.id;
-    if (const auto device = event.device()) {
-        const Json decoded = deviceJson(*device, std::nullopt);
-        json["node_id"] = decoded["node_id"];
-        json["eui64"] = decoded["eui64"];
-        json["manufacturer_code"] = decoded["manufacturer_code"];
-        json["capabilities"] = decoded["capabilities"];
-        json["endpoints"] = decoded["endpoints"].size();
-        if (device->device_info.endpoint_count > 0) { // not while it has only joined
-            json["device_name"] = deviceTypeOf(device->device_info);
-        }
-    } else if (const auto command = event.command()) {
-        json.update(commandJson(*command, event.id == ORU_ZB_SVC_INCOMING_MSG));
-    } else if (const auto interpan = event.interpan()) {
-        json["sequence"] = interpan->sequence;
-        json["status"] = interpan->status;
-        json["status_name"] = statusName(static_cast<oru_status_t>(interpan->status));
-    } else if (!event.payload.empty()) {
-        json["payload"] = formatHex(event.payload); // not a record of the size that the event should carry
-    }
-    return json;
-}
-
-std::string eventText(const Event &event, const Json &decoded) {
-    const auto text = [&](const char *key) { return decoded[key].get<std::string>(); };
-    if (const auto device = event.device()) {
-        const std::string endpoints = endpointSummary(*device);
-        return fmt::format("{} {}{}{}", hexUpper(device->node_id), text("eui64"), endpoints.empty() ? "" : "  ",
-                           endpoints);
-    }
-    if (const auto command = event.command()) {
-        const bool incoming = event.id == ORU_ZB_SVC_INCOMING_MSG;
-        const char *key = decoded.contains("zcl") ? "zcl" : "zdo";
-        const std::string place =
-            fmt::format("{}/{}", hexUpper(command->dest_node), incoming ? command->src_ep : command->dest_ep);
-        const std::string failed =
-            incoming || command->status == ORU_ZB_SUCCESS
-                ? ""
-                : fmt::format("  {} ({})", text("status_name"), static_cast<int>(command->status));
-        return fmt::format("{}  {}  {}{}", padded(place, 9),
-                           padded(clusterText(command->profile_id, command->cluster_id), 18),
-                           decoded[key]["text"].get<std::string>(), paint(Colour::Red, failed));
-    }
-    if (event.interpan()) {
-        return fmt::format("sequence {}  {} ({})", decoded["sequence"].get<int>(), text("status_name"),
-                           decoded["status"].get<unsigned>());
-    }
-    return event.payload.empty() ? "" : "payload " + formatHex(event.payload);
-}
 
 void addMonitorCommands(CLI::App &app, Session &session) {
     auto options = std::make_shared<MonitorOptions>();

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "corvanectl_send.h"
+#include "corvanectl_meters.h"
 #include "corvanectl_names.h"
 #include "corvanectl_zcl.h"
 #include <CLI/CLI.hpp>
@@ -21,10 +22,6 @@ constexpr uint8_t COMMAND_MOVE_TO_LEVEL_WITH_ON_OFF = 0x04;
 constexpr uint8_t ALL_ENDPOINTS = 0xFF;
 constexpr uint16_t FIRST_BROADCAST = 0xFFF8; // up to 0xFFFF, but for NO_ADDRESS
 constexpr uint16_t ZDO_RESPONSE = 0x8000;
-
-Bytes frameOf(const oruZb_clusterCmd_t &command) {
-    return Bytes(command.payload).first(std::min<std::size_t>(command.payload_len, ORU_ZB_MAX_PAYLOAD));
-}
 
 std::string sendingTo(const oruZb_clusterCmd_t &command) {
     return fmt::format("sending to {}", hexUpper(command.dest_node));
@@ -61,6 +58,10 @@ double inMilliseconds(std::chrono::microseconds time) {
 uint8_t nextSequence() {
     static uint8_t sequence = static_cast<uint8_t>(std::random_device{}());
     return sequence++;
+}
+
+Bytes frameOf(const oruZb_clusterCmd_t &command) {
+    return Bytes(command.payload).first(std::min<std::size_t>(command.payload_len, ORU_ZB_MAX_PAYLOAD));
 }
 
 oruZb_clusterCmd_t makeCommand(uint16_t node_id, uint8_t endpoint, uint16_t cluster, Bytes frame) {
@@ -171,8 +172,10 @@ void report(Session &session, const SentCommand &sent, const Exchange &exchange)
         fmt::format("{} in {:.0f} ms", paint(Colour::Green, broadcast ? "broadcast" : "delivered"), confirmed_ms);
     if (exchange.answer) {
         const double answered_ms = inMilliseconds(exchange.answered_after);
+        const oruZb_clusterCmd_t &message = *exchange.answer;
+        Meters meters(session);
         const Json answer =
-            decodeFrame(exchange.answer->profile_id, exchange.answer->cluster_id, frameOf(*exchange.answer));
+            decodeFrame(message.profile_id, message.cluster_id, frameOf(message), &meters.scalesFor(message));
         json["answer"] = answer;
         json["answered_ms"] = static_cast<int>(answered_ms);
         const auto words = answer.at("text").get<std::string>();
@@ -220,7 +223,8 @@ void sendLevel(Session &session, const SendOptions &options) {
 
 void sendReadAttribute(Session &session, const SendOptions &options) {
     const uint16_t cluster = parseCluster(options.cluster);
-    const auto frame = encodeReadAttribute(nextSequence(), parseAttribute(cluster, options.attribute));
+    const uint16_t attribute = parseAttribute(cluster, options.attribute);
+    const auto frame = encodeReadAttributes(nextSequence(), {&attribute, 1});
     const Target target = findTarget(session, options.target, PROFILE_HOME_AUTOMATION, cluster);
     sendZcl(session, options, target, cluster, frame);
 }

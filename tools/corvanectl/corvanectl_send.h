@@ -13,6 +13,7 @@ struct SentCommand {
     bool expects_answer = false;
 };
 
+Bytes frameOf(const oruZb_clusterCmd_t &command); // refers to it
 oruZb_clusterCmd_t makeCommand(uint16_t node_id, uint8_t endpoint, uint16_t cluster, Bytes frame);
 void submit(Session &session, const oruZb_clusterCmd_t &command, bool async);
 // Hands the command over and waits. Failure when it is refused, not confirmed, or not answered.

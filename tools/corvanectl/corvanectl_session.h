@@ -116,9 +116,6 @@ std::string describeRef(const DeviceRef &ref);
 constexpr uint16_t NO_ADDRESS = 0xFFFE; // node id of a device that cannot be reached now
 void requireAddress(uint16_t node_id);  // Failure when it is none
 
-Json eventJson(const Event &event); // "event", "id" and what its record tells
-std::string eventText(const Event &event, const Json &decoded);
-
 // Each registers its commands; the callbacks set Session::run.
 void addServiceCommands(CLI::App &app, Session &session); // ping, state, form, permit, install-codes, ...
 void addRadioCommands(CLI::App &app, Session &session);   // radio, leave, clear, reset, scan, counters, ...

@@ -53,10 +53,10 @@ void setStatus(Json &record, uint8_t status) {
     record["status_name"] = name.empty() ? "unknown" : name;
 }
 
-void setValue(Json &json, uint16_t cluster, const AttributeRecord &record) {
+void setValue(Json &json, uint16_t cluster, const AttributeRecord &record, const zigbee::MeterScale *meter) {
     const zigbee::ScaleInfo *const scale = zigbee::findScale(cluster, record.attribute);
     json["type"] = zigbee::typeText(record.type);
-    const auto quantity = scale != nullptr ? zigbee::quantityOf(*scale, record.value) : std::nullopt;
+    const auto quantity = scale != nullptr ? zigbee::quantityOf(*scale, record.value, meter) : std::nullopt;
     if (quantity && !quantity->unit.empty()) {
         json["scaled"] = quantity->number;
         json["unit"] = quantity->unit;
@@ -72,8 +72,10 @@ void setReporting(Json &json, const AttributeRecord &record) {
     }
 }
 
-Json recordOf(uint16_t cluster, const AttributeRecord &record) {
+Json recordOf(uint16_t cluster, const AttributeRecord &record, const zigbee::MeterScales *meters) {
     Json json;
+    const auto scale = zigbee::meterScaleOf(cluster, record.attribute, meters);
+    const zigbee::MeterScale *const meter = scale ? &*scale : nullptr;
     if (record.has(Field::Attribute)) {
         json["attribute"] = hex16(record.attribute);
         if (const zigbee::AttributeInfo *const info = zigbee::findAttribute(cluster, record.attribute)) {
@@ -84,19 +86,19 @@ Json recordOf(uint16_t cluster, const AttributeRecord &record) {
         setStatus(json, record.status);
     }
     if (record.has(Field::Value)) {
-        setValue(json, cluster, record);
+        setValue(json, cluster, record, meter);
     } else if (record.has(Field::Type)) {
         json["type"] = zigbee::typeText(record.type);
     }
     if (record.has(Field::Reporting)) {
         setReporting(json, record);
     }
-    json["text"] = zigbee::recordText(cluster, record);
+    json["text"] = zigbee::recordText(cluster, record, meter);
     return json;
 }
 
 // Contents of general commands; false where they end too early.
-bool addGeneral(Json &zcl, uint16_t cluster, uint8_t command, Bytes payload) {
+bool addGeneral(Json &zcl, uint16_t cluster, uint8_t command, Bytes payload, const zigbee::MeterScales *meters) {
     zigbee::RecordReader records(command, payload);
     if (!records.isKnown()) {
         zcl["payload"] = formatHex(payload);
@@ -113,7 +115,7 @@ bool addGeneral(Json &zcl, uint16_t cluster, uint8_t command, Bytes payload) {
     }
     Json &attributes = zcl["attributes"] = Json::array();
     while (records.next(record)) {
-        attributes.push_back(recordOf(cluster, record));
+        attributes.push_back(recordOf(cluster, record, meters));
     }
     return records.ok();
 }
@@ -155,7 +157,7 @@ std::optional<zigbee::FrameHeader> parseZclHeader(Bytes frame) {
     return zigbee::readHeader(in, header) ? std::optional(header) : std::nullopt;
 }
 
-Json decodeZcl(uint16_t cluster, Bytes frame) {
+Json decodeZcl(uint16_t cluster, Bytes frame, const zigbee::MeterScales *meters) {
     Json zcl;
     base::ByteReader in(frame);
     zigbee::FrameHeader header;
@@ -176,8 +178,8 @@ Json decodeZcl(uint16_t cluster, Bytes frame) {
     zcl["command_id"] = header.command;
     zcl["command"] = commandName(header, command);
     const bool whole = header.cluster_specific ? addParameters(zcl, command, in.rest())
-                                               : addGeneral(zcl, cluster, header.command, in.rest());
-    zcl["text"] = zigbee::frameText(cluster, frame);
+                                               : addGeneral(zcl, cluster, header.command, in.rest(), meters);
+    zcl["text"] = zigbee::frameText(cluster, frame, meters);
     if (!whole) {
         zcl["malformed"] = true;
         zcl["raw"] = formatHex(frame);
@@ -185,9 +187,9 @@ Json decodeZcl(uint16_t cluster, Bytes frame) {
     return zcl;
 }
 
-Json decodeFrame(uint16_t profile, uint16_t cluster, Bytes frame) {
+Json decodeFrame(uint16_t profile, uint16_t cluster, Bytes frame, const zigbee::MeterScales *meters) {
     if (profile != PROFILE_ZDO) {
-        return decodeZcl(cluster, frame);
+        return decodeZcl(cluster, frame, meters);
     }
     Json zdo;
     const bool response = (cluster & 0x8000U) != 0;
@@ -235,10 +237,18 @@ std::vector<uint8_t> encodeClusterCommand(uint8_t sequence, uint8_t command, Byt
     return frame;
 }
 
-std::vector<uint8_t> encodeReadAttribute(uint8_t sequence, uint16_t attribute) {
-    constexpr uint8_t DIRECTIONS = 0; // general command, to the server
-    return {DIRECTIONS, sequence, zigbee::COMMAND_READ_ATTRIBUTES, static_cast<uint8_t>(attribute),
-            static_cast<uint8_t>(attribute >> 8)};
+std::vector<uint8_t> encodeReadAttributes(uint8_t sequence, std::span<const uint16_t> attributes) {
+    std::vector<uint8_t> frame(zigbee::LONGEST_HEADER + 2 * attributes.size());
+    base::ByteWriter out(frame);
+    zigbee::FrameHeader header;
+    header.sequence = sequence;
+    header.command = zigbee::COMMAND_READ_ATTRIBUTES;
+    zigbee::writeHeader(out, header);
+    for (const uint16_t attribute : attributes) {
+        out.u16(attribute);
+    }
+    frame.resize(out.size());
+    return frame;
 }
 
 } // namespace corvane::ctl

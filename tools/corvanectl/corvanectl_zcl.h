@@ -5,8 +5,9 @@
 #pragma once
 #include "corvane_client.h"
 #include "corvanectl_output.h"
-#include "zigbee/zcl_frame.h"
+#include "zigbee/words.h"
 #include <optional>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -15,16 +16,17 @@ namespace corvane::ctl {
 // Nothing when the bytes are no ZCL frame (too short, or of a reserved type).
 std::optional<zigbee::FrameHeader> parseZclHeader(Bytes frame);
 
-// The frame as JSON: sequence, command, its contents, "text" for people, "malformed" when it is.
-Json decodeZcl(uint16_t cluster, Bytes frame);
+// The frame as JSON: sequence, command, its contents, "text" for people, "malformed" when it is. `meters` is what is
+// known of the scales of the sender, or null.
+Json decodeZcl(uint16_t cluster, Bytes frame, const zigbee::MeterScales *meters = nullptr);
 // The same for a frame of any profile: ZDO frames have a sequence and, in answers, a status.
-Json decodeFrame(uint16_t profile, uint16_t cluster, Bytes frame);
+Json decodeFrame(uint16_t profile, uint16_t cluster, Bytes frame, const zigbee::MeterScales *meters = nullptr);
 
 // The first status other than success in an answer decoded by decodeZcl.
 std::optional<uint8_t> failureStatus(const Json &zcl);
 
 // Frames from client to server.
 std::vector<uint8_t> encodeClusterCommand(uint8_t sequence, uint8_t command, Bytes payload);
-std::vector<uint8_t> encodeReadAttribute(uint8_t sequence, uint16_t attribute);
+std::vector<uint8_t> encodeReadAttributes(uint8_t sequence, std::span<const uint16_t> attributes);
 
 } // namespace corvane::ctl
