@@ -41,6 +41,40 @@ void ping(Session &session, const PingOptions &options) {
     session.answer({{"answer", answer}}, answer);
 }
 
+// Null from a daemon that is too old to tell.
+Json storeJson(const StoreState &store) {
+    return {{"condition", storeConditionName(store.condition)},
+            {"value", static_cast<int>(store.condition)},
+            {"condition_ms", store.since.count()},
+            {"waiting", store.waiting},
+            {"files_set_aside", store.files_set_aside},
+            {"records_set_aside", store.records_set_aside},
+            {"reason", printable(store.reason)}};
+}
+
+std::string storeText(const StoreState &store) {
+    std::string text = storeConditionMeaning(store.condition);
+    if (!store.reason.empty()) {
+        text += "\n       " + printable(store.reason);
+    }
+    if (store.waiting > 0) {
+        text += fmt::format("\n       changes that wait in memory: {}", store.waiting);
+    }
+    if (store.files_set_aside + store.records_set_aside > 0) {
+        text += fmt::format("\n       damaged and set aside since the daemon started: files {}, records {}",
+                            store.files_set_aside, store.records_set_aside);
+    }
+    return text;
+}
+
+std::optional<StoreState> storeState(Session &session) {
+    const auto info = session.client().platformInfo();
+    if (info.transport == Transport::Invalid && info.status == ORU_STATUS_NOT_SUPPORTED) {
+        return std::nullopt;
+    }
+    return session.value(info, "state of the store").store;
+}
+
 void state(Session &session) {
     const auto state = session.value(session.client().adapterState(), "state");
     const char *meaning = state == ORU_ZB_ADAPTER_SERVICE_READY ? "the radio is on and a network is up"
@@ -48,9 +82,13 @@ void state(Session &session) {
                           : state == ORU_ZB_ADAPTER_OFF ? "the radio is off: corvanectl radio on"
                           : state == ORU_ZB_ADAPTER_INTERPAN_IN_PROGRESS ? "an inter-PAN exchange is running"
                                                                          : "on the way";
-    session.answer(
-        {{"state", adapterStateName(state)}, {"value", static_cast<int>(state)}},
-        fmt::format("{} ({}): {}", paint(Colour::Bold, adapterStateName(state)), static_cast<int>(state), meaning));
+    const auto store = storeState(session);
+    session.answer({{"state", adapterStateName(state)},
+                    {"value", static_cast<int>(state)},
+                    {"store", store ? storeJson(*store) : Json(nullptr)}},
+                   fmt::format("{} ({}): {}\nstore: {}", paint(Colour::Bold, adapterStateName(state)),
+                               static_cast<int>(state), meaning,
+                               store ? storeText(*store) : "this daemon is too old to tell"));
 }
 
 void addPingAndState(CLI::App &app, Session &session) {
@@ -60,7 +98,7 @@ void addPingAndState(CLI::App &app, Session &session) {
     ping_command->add_flag("--async", options->async, "As an asynchronous call")->excludes(server);
     ping_command->callback([&session, options] { session.run = [&session, options] { ping(session, *options); }; });
 
-    app.add_subcommand("state", "State of the radio adapter")->callback([&session] {
+    app.add_subcommand("state", "State of the radio adapter and of the store")->callback([&session] {
         session.run = [&session] { state(session); };
     });
 }
