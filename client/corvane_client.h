@@ -112,7 +112,8 @@ struct PlatformEvent {
     uint16_t id = 0; // a PlatformEventId, or one that is newer than this library
     Bytes payload;
 
-    std::optional<StoreState> store() const; // of PLATFORM_EVENT_STORE_CHANGED
+    // Of PLATFORM_EVENT_STORE_CHANGED; nothing with another event, or without memory for the reason.
+    std::optional<StoreState> store() const;
 };
 
 // What a raw asynchronous call delivers: an answered outcome has status 0 and the callback's bytes.

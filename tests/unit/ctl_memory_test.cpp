@@ -50,7 +50,8 @@ protected:
         });
         int ended = 0;
         const Outcome begun = client.startExchange({}, {.async = true}, [&ended](const auto &) { ++ended; });
-        const std::array outcomes{up, pinged, begun, Outcome(client.routes()), client.callSync(ECHO, {}, {})};
+        const std::array outcomes{
+            up, pinged, begun, Outcome(client.routes()), client.callSync(ECHO, {}, {}), Outcome(client.platformInfo())};
         client.poll(Milliseconds(0)); // the echo came behind the event and the callback
         EXPECT_EQ(completions, pinged.ok() ? 1 : 0);
         EXPECT_EQ(events + client.droppedEvents(), pinged.ok() && listens ? 1U : 0U);
@@ -78,6 +79,9 @@ TEST_F(MemoryTest, WhatThereIsNoMemoryForIsRefusedAndTheRestGoesOn) {
         EXPECT_TRUE(!ping || publish(ORU_ZB_SVC_DEVICE_LEFT, Payload(744)) == ORU_STATUS_OK);
         return ping ? callback(task.client_id, task.callback_id, Payload(8)) : ORU_STATUS_OK;
     };
+    kvs::State store;
+    store.setReason(std::string(200, 'r')); // longer than what a text holds without memory
+    kvs::publishState(store);
     options.socket_path = path;
     options.auto_reconnect = true;
     options.reconnect_min = Milliseconds(1);
