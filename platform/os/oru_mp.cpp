@@ -16,7 +16,7 @@
 // that is out starts at its unit: this makes second frees and foreign pointers detectable.
 #include "oru_mp.h"
 #include "oru_log.h"
-#include "oru_os_testing.h"
+#include "oru_mp_pool.h"
 #include <algorithm>
 #include <atomic>
 #include <cstdlib>
@@ -24,22 +24,6 @@
 #include <mutex>
 #include <new>
 #include <utility>
-
-// Control record: created with the pool, never freed (a stale handle finds it closed).
-struct oruMp_pool_t {
-    std::mutex lock; // guards everything below; a leaf, nothing is called while it is held but the memory source
-    oruMp_allocator_t source{};
-    std::byte *memory = nullptr; // null once a destroyed pool has no block out
-    uint32_t *words = nullptr;
-    size_t unit_size = 0; // bytes
-    uint32_t unit_count = 0;
-    uint32_t min_units = 1;  // variable pool: smallest extent
-    uint32_t first_free = 0; // fixed pool
-    uint32_t out = 0;        // blocks out
-    bool variable = false;
-    bool closed = false;
-    oruMp_pool_t *next = nullptr;
-};
 
 namespace {
 
@@ -299,16 +283,4 @@ oru_status_t oruMp_free(oruMp_handle_t pool, void *block) {
         return ORU_STATUS_BAD_PARAM;
     }
     return ORU_STATUS_OK;
-}
-
-uint32_t oruMp_testBlocksOut(oruMp_handle_t pool) {
-    if (pool == nullptr) {
-        return 0;
-    }
-    const std::lock_guard guard(pool->lock);
-    return pool->out;
-}
-
-bool oruMp_testPoisonsBlocks() {
-    return poison_blocks;
 }

@@ -5,35 +5,23 @@
 // Every operation pins its record, so deletion never pulls memory away from a thread that waits: it only takes the id
 // away, under the record's lock, and whoever gets that lock afterwards finds that the object is gone.
 #include "oru_sync.h"
-#include "oru_handles.h"
-#include "oru_os_testing.h"
+#include "oru_sync_records.h"
 #include <chrono>
 #include <condition_variable>
 #include <limits>
 #include <thread>
 
+// Never destroyed: other threads may be inside while the process exits.
+constinit Handle_table<Mutex_record> corvane::os::mutexes;
+constinit Handle_table<Semaphore_record> corvane::os::semaphores;
+static_assert(std::is_trivially_destructible_v<Handle_table<Mutex_record>>, "no destructor may run at exit");
+
 namespace {
 
+using corvane::os::mutexes;
+using corvane::os::semaphores;
+
 using Clock = std::chrono::steady_clock;
-
-struct Mutex_record : Handle_record {
-    std::mutex lock;
-    // The thread that holds `lock` on behalf of its caller. A thread only ever compares it with itself, and only that
-    // thread writes its own id, so no order with other threads is needed.
-    std::atomic<std::thread::id> owner{};
-};
-
-struct Semaphore_record : Handle_record {
-    std::mutex lock;                 // guards tokens, waiting and the end of id
-    std::condition_variable changed; // a token more, or deleted
-    uint32_t tokens = 0;
-    uint32_t waiting = 0; // threads
-};
-
-// Never destroyed: other threads may be inside while the process exits.
-constinit Handle_table<Mutex_record> mutexes;
-constinit Handle_table<Semaphore_record> semaphores;
-static_assert(std::is_trivially_destructible_v<Handle_table<Mutex_record>>, "no destructor may run at exit");
 
 // Takes a token. wait(changed, guard, woken) is called when there is none: it returns ORU_STATUS_OK once woken() holds,
 // or the status to give up with.
@@ -208,21 +196,4 @@ oru_status_t oruSem_delete(oruSemaphore_t sem) {
     }
     record->changed.notify_all();
     return ORU_STATUS_OK;
-}
-
-size_t oruSync_testLiveMutexes() {
-    return mutexes.live();
-}
-
-size_t oruSync_testLiveSemaphores() {
-    return semaphores.live();
-}
-
-uint32_t oruSync_testWaiting(oruSemaphore_t sem) {
-    const Pin<Semaphore_record> record(semaphores, sem.id);
-    if (!record) {
-        return 0;
-    }
-    const std::lock_guard guard(record->lock);
-    return record->waiting;
 }

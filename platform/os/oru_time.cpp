@@ -13,7 +13,7 @@
 // without the lock: a timer that was stopped, re-armed or deleted in the meantime cannot be taken.
 #include "oru_time.h"
 #include "base/thread.h"
-#include "oru_os_testing.h"
+#include "oru_time_timers.h"
 #include <algorithm>
 #include <chrono>
 #include <condition_variable>
@@ -26,38 +26,19 @@
 #include <thread>
 #include <unordered_map>
 
+// Never destroyed: the thread may be at work while the process exits.
+corvane::os::Timers &corvane::os::timers() {
+    static auto *const instance = new Timers;
+    return *instance;
+}
+
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using corvane::os::Armed_timers;
+using corvane::os::Clock;
+using corvane::os::Timer;
+using corvane::os::Timers;
 using std::chrono::milliseconds;
-
-struct Timer;
-using Armed_timers = std::multimap<Clock::time_point, Timer *>;
-
-struct Timer {
-    uint32_t id = 0;
-    oruTime_timerType_t type = ORUTIME_TIMER_ONESHOT;
-    oruTime_timerCallback_t callback = nullptr;
-    void *context = nullptr;
-    milliseconds period{0};
-    Armed_timers::node_type node;    // holds the node while the timer is not armed
-    Armed_timers::iterator position; // place in the map while it is
-};
-
-struct Timers {
-    std::mutex lock;                 // guards everything below and the callers' oruTimer_t; not held during callbacks
-    std::condition_variable changed; // the first deadline is another one
-    std::unordered_map<uint32_t, Timer> timers;
-    Armed_timers armed;
-    uint32_t last_id = 0;
-    bool thread_started = false;
-};
-
-// Never destroyed: the thread may be at work while the process exits.
-Timers &all() {
-    static auto *const timers = new Timers;
-    return *timers;
-}
 
 void disarm(Timers &all_timers, Timer &timer) {
     if (timer.node.empty()) {
@@ -95,7 +76,7 @@ void expireFirst(Timers &all_timers, std::unique_lock<std::mutex> &guard, Clock:
 }
 
 void runTimers() {
-    Timers &all_timers = all();
+    Timers &all_timers = corvane::os::timers();
     std::unique_lock guard(all_timers.lock);
     for (;;) {
         if (all_timers.armed.empty()) {
@@ -138,7 +119,7 @@ oru_status_t onTimer(oruTimer_t *handle, Operation operation) {
     if (handle == nullptr) {
         return ORU_STATUS_NULL_POINTER;
     }
-    Timers &all_timers = all();
+    Timers &all_timers = corvane::os::timers();
     const std::lock_guard guard(all_timers.lock);
     const auto found = all_timers.timers.find(handle->id);
     if (found == all_timers.timers.end()) {
@@ -194,7 +175,7 @@ oru_status_t oruTime_timerNew(oruTimer_t *timer, oruTime_clock_t clock, oruTime_
     if (!isClock(clock) || (type != ORUTIME_TIMER_ONESHOT && type != ORUTIME_TIMER_PERIODIC)) {
         return ORU_STATUS_BAD_PARAM;
     }
-    Timers &all_timers = all();
+    Timers &all_timers = corvane::os::timers();
     const std::lock_guard guard(all_timers.lock);
     if (all_timers.timers.contains(timer->id)) {
         return ORU_STATUS_ALREADY_INITIALIZED;
@@ -235,22 +216,4 @@ oru_status_t oruTime_timerDelete(oruTimer_t *timer) {
         all_timers.timers.erase(timer->id);
         timer->id = 0;
     });
-}
-
-size_t oruTime_testLiveTimers() {
-    Timers &all_timers = all();
-    const std::lock_guard guard(all_timers.lock);
-    return all_timers.timers.size();
-}
-
-std::vector<oruTime_testArmedTimer_t> oruTime_testArmedTimers() {
-    Timers &all_timers = all();
-    const std::lock_guard guard(all_timers.lock);
-    const Clock::time_point now = Clock::now();
-    std::vector<oruTime_testArmedTimer_t> list;
-    for (const auto &[deadline, timer] : all_timers.armed) {
-        const auto remaining = std::chrono::ceil<milliseconds>(std::max(deadline - now, Clock::duration::zero()));
-        list.push_back({timer->id, static_cast<uint64_t>(remaining.count())});
-    }
-    return list;
 }

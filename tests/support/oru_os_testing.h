@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// What tests may look at inside the layer. Each group lives in the source of its public header, so a program that
-// brings its own oru_time.h operations brings these with them or does without. All may be called from every thread.
+// What tests may look at inside the layer. Each group has a source of its own, so a program that brings its own
+// oru_time.h operations brings these with them or does without. All may be called from every thread.
 #pragma once
 #include "oru_mp.h"
 #include "oru_sync.h"
