@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "zbhal_core.h"
+#include "base/thread.h"
 #include "oru_log.h"
 #include "oru_time.h"
 #include "supervise.h"
 #include "zbhal_policy.h"
-#include "zbhal_thread.h"
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
@@ -69,12 +69,16 @@ bool Hal::startThreads(uint32_t watchdog_seconds) {
 
 bool Hal::startLoop(std::thread &thread, const char *name, void (Hal::*loop)()) {
     ++running_threads_;
-    thread = startThread(name, [this, loop] {
+    const auto body = [this, loop] {
         (this->*loop)();
         --running_threads_;
-    });
-    running_threads_ -= thread.joinable() ? 0 : 1;
-    return thread.joinable();
+    };
+    if (base::startThread(thread, name, body)) {
+        return true;
+    }
+    oruLog_log(ORU_LOG_ID_MAIN, ORU_LOG_ERROR, kTag, "cannot start the thread %s: %s", name, std::strerror(errno));
+    --running_threads_;
+    return false;
 }
 
 void Hal::stop() {

@@ -78,7 +78,6 @@ private:
     const oruZbHal_callbacks_t *callbacks_ = nullptr; // these two are set once by init
     bool descriptor_mode_ = true;
     std::atomic<bool> initialized_{false};
-    AdapterSource source_;
     EventQueue queue_;
     Ledger ledger_{queue_};
     std::atomic<uint32_t> shortages_{0}; // of memory, not reported yet
@@ -96,6 +95,8 @@ private:
     std::thread clock_thread_;
     std::thread dispatch_thread_;
     std::atomic<int> running_threads_{0};
+
+    AdapterSource source_; // the last: an adapter that goes may still call
 };
 
 // The one instance; never destroyed, because exit() runs while threads of the process may still be inside.
