@@ -13,10 +13,9 @@
 // One mutex guards everything here. It is never held while a callback runs; the log, the timers' own lock and that of
 // the state that others are told (kvs_state.cpp) are the only things taken under it.
 #include "oru_kvs.h"
-#include "kvs_database.h"
+#include "kvs_store.h"
 #include "oru_config.h"
 #include "oru_kvs_state.h"
-#include "oru_kvs_testing.h"
 #include "oru_log.h"
 #include "oru_time.h"
 #include <algorithm>
@@ -35,6 +34,15 @@
 
 namespace kvs = corvane::kvs;
 
+std::atomic<uint32_t> start_wait_ms{10'000};
+std::atomic<uint32_t> retry_period_ms{5'000};
+
+// Never deleted: layer threads may be inside while exit() runs.
+store_t &theStore() {
+    static store_t *const instance = new store_t;
+    return *instance;
+}
+
 namespace {
 
 constexpr size_t max_key_length = 64;
@@ -44,43 +52,6 @@ constexpr int busy_timeout_ms = 2000;
 constexpr uint32_t watch_period_ms = 10'000;                       // whether the files still have their names
 constexpr auto last_flush_limit = std::chrono::milliseconds(1000); // for another thread to leave the store
 constexpr auto last_flush_pause = std::chrono::milliseconds(10);
-
-std::atomic<uint32_t> start_wait_ms{10'000}; // longest, for a medium that is mounted late or a lock that is held
-std::atomic<uint32_t> retry_period_ms{5'000};
-
-struct waiting_t {
-    std::string key;
-    std::vector<uint8_t> value;
-};
-
-// What does not work, and what proves that it works again: opening, or anything further to the right.
-enum class trouble_t : uint8_t { none, opening, reading, writing };
-
-struct store_t {
-    std::mutex mutex;
-    corvane::base::Descriptor lock; // of the folder
-    kvsDatabase_t database;
-    kvsResult_t copy_reason;       // why database is a copy only
-    bool started = false;          // the wait at start is over
-    bool writable = false;         // open, in its place and not a copy, as far as the last operation knows
-    bool reopen = false;           // the connection may be unsound; the next operation opens it again
-    std::deque<waiting_t> waiting; // one entry per key
-    std::set<std::string> erasing; // groups; values of theirs in `waiting` are newer than the erasure
-    trouble_t trouble = trouble_t::none;
-    bool unread = false;       // something could not be read since the trouble began
-    std::string last_failure;  // since the trouble began
-    std::set<int> reported;    // codes of failures logged since then
-    unsigned written_late = 0; // waiting values written since then
-    bool overflow_logged = false;
-    oruTimer_t timer{};
-    uint32_t period_ms = 0; // of the timer; 0: not running
-};
-
-// Never deleted: layer threads may be inside while exit() runs.
-store_t &theStore() {
-    static store_t *const instance = new store_t;
-    return *instance;
-}
 
 std::optional<kvsKey_t> parseKey(const char *key) {
     const std::string_view text(key, strnlen(key, max_key_length + 1));
@@ -180,17 +151,6 @@ kvs::Condition conditionOf(const store_t &store) {
     }
     const bool sound = store.trouble == trouble_t::none && !changesWait(store);
     return sound ? kvs::Condition::sound : kvs::Condition::in_memory;
-}
-
-// True when the listener is to be told, once the mutex is free.
-bool publish(const store_t &store) {
-    kvs::State state;
-    state.condition = conditionOf(store);
-    state.waiting = static_cast<uint32_t>(store.waiting.size() + store.erasing.size());
-    state.files_set_aside = kvs_set_aside.files;
-    state.records_set_aside = kvs_set_aside.records;
-    state.setReason(store.last_failure);
-    return kvs::publishState(state);
 }
 
 bool mayBeCopied(int code) {
@@ -363,6 +323,8 @@ void reportLost(const store_t &store) {
     logLost(names);
 }
 
+} // namespace
+
 void endOfProcess() {
     store_t &store = theStore();
     std::unique_lock guard(store.mutex, std::try_to_lock);
@@ -387,6 +349,18 @@ void endOfProcess() {
         logLost(" unknown, out of memory");
     }
 }
+
+bool publish(const store_t &store) {
+    kvs::State state;
+    state.condition = conditionOf(store);
+    state.waiting = static_cast<uint32_t>(store.waiting.size() + store.erasing.size());
+    state.files_set_aside = kvs_set_aside.files;
+    state.records_set_aside = kvs_set_aside.records;
+    state.setReason(store.last_failure);
+    return kvs::publishState(state);
+}
+
+namespace {
 
 // One operation: the lock and, at its end, the timer that what it leaves behind asks for, and the word to others.
 class operation_t {
@@ -620,32 +594,4 @@ extern "C" oru_status_t oruKeyValueDsHal_eraseGroup(const char *group) {
     }
     const std::string_view bounded(group, strnlen(group, max_key_length));
     return guarded(ORU_STATUS_OUT_OF_MEMORY, [&] { return eraseGroup(bounded); });
-}
-
-void oruKvsTesting_setPace(uint32_t start_wait, uint32_t retry_period) {
-    start_wait_ms = start_wait;
-    retry_period_ms = retry_period;
-}
-
-void oruKvsTesting_endOfProcess() {
-    endOfProcess();
-}
-
-void oruKvsTesting_closeStore() {
-    store_t &store = theStore();
-    const std::lock_guard guard(store.mutex);
-    kvsDatabase_close(store.database);
-    store.lock.reset();
-    store.started = store.reopen = store.overflow_logged = false;
-    store.waiting.clear();
-    store.erasing.clear();
-    store.trouble = trouble_t::none;
-    store.unread = false;
-    store.last_failure.clear();
-    store.reported.clear();
-    store.written_late = 0;
-    kvs_set_aside = {};
-    (void)publish(store);
-    (void)oruTime_timerStop(&store.timer);
-    store.period_ms = 0;
 }

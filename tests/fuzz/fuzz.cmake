@@ -17,7 +17,7 @@ function(corvane_fuzzer name)
 endfunction()
 
 corvane_fuzzer(config LIBS oru_config oru_log INPUTS ${CMAKE_SOURCE_DIR}/packaging/corvane.toml)
-corvane_fuzzer(store LIBS oru_kvs oru_config oru_log)
+corvane_fuzzer(store LIBS corvane_test_kvs oru_kvs oru_config oru_log)
 corvane_fuzzer(scenario LIBS oru_zbhal oru_config oru_log INPUTS ${CMAKE_SOURCE_DIR}/scenarios/home.toml)
 corvane_fuzzer(device LIBS oru_zbhal oru_config oru_log)
 corvane_fuzzer(zcl LIBS corvane_zigbee)
