@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
-// Shared by the parser and start-up; not for other layers.
+// Shared by the parser, start-up and tests; not for other layers.
 #pragma once
 #include "oru_config.h"
 #include <string>
 
-// Puts the settings in force. Start-up only: no other thread may be reading them.
+// Puts the settings in force, at start-up or before a test: no other thread may be reading them.
 void oruConfig_replace(const oruConfig_t &config);
 
 // One error line for the person who starts the daemon. Control characters are replaced (the text may quote the file).

@@ -36,7 +36,3 @@ const oruConfig_t &oruConfig_get() {
 void oruConfig_replace(const oruConfig_t &config) {
     settings() = config;
 }
-
-void oruConfig_setForTesting(const oruConfig_t &config) {
-    oruConfig_replace(config);
-}

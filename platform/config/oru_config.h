@@ -53,7 +53,3 @@ const oruConfig_t &oruConfig_get();
 
 // The settings of a process without a configuration file; reads the two environment variables at each call.
 oruConfig_t oruConfig_defaults();
-
-// Replaces the settings as a whole, for tests that start layers without a configuration file. Only while no other
-// thread reads them.
-void oruConfig_setForTesting(const oruConfig_t &config);

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // The configuration file. A refused one leaves the settings in force as they were.
+#include "config_internal.h"
 #include "fuzz_log.h"
-#include "oru_config.h"
 #include "oru_init.h"
 
 int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
@@ -12,7 +12,7 @@ int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     oruConfig_t before = oruConfig_defaults();
     before.log_max_files = 17;
     before.runtime_directory = "/before";
-    oruConfig_setForTesting(before);
+    oruConfig_replace(before);
     oruUserConfig_config_t config{1, nullptr};
     const oru_status_t status = oruUserConfig_parser(file, &config);
     fclose(file);

@@ -3,8 +3,8 @@
 // The whole daemon in this process, real socket and virtual radio; an input is what one client sends. Another client
 // must get its answers after each. State lives on between inputs, as it does between clients.
 #include "../support/raw_client.h"
+#include "config_internal.h"
 #include "fuzz_log.h"
-#include "oru_config.h"
 #include "oru_zigbee_api.h"
 #include "zb_alloc.h"
 #include "zb_database.h"
@@ -39,7 +39,7 @@ void startDaemon() {
     config.state_directory = config.runtime_directory = fuzz::folder();
     config.simulation_control = false;
     config.watchdog_seconds = 60;
-    oruConfig_setForTesting(config);
+    oruConfig_replace(config);
     std::thread([] {
         static std::string device = std::string("virtual:") + CORVANE_HOME_SCENARIO;
         fuzz::require(oruZb_initMemory() == 0 && oruZb_timersInit() == 0 && oruZb_databaseInit() == 0, "start-up");

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // The store's file: whatever it contains, the store comes up, and what is stored from then on stays.
+#include "config_internal.h"
 #include "fuzz_log.h"
-#include "oru_config.h"
 #include "oru_kvs.h"
 #include "oru_kvs_testing.h"
 #include <array>
@@ -18,7 +18,7 @@ const std::string &folder() {
         oruConfig_t config = oruConfig_defaults();
         config.state_directory = fuzz::folder() + "/state";
         config.runtime_directory = fuzz::folder();
-        oruConfig_setForTesting(config);
+        oruConfig_replace(config);
         oruKvsTesting_setPace(0, 0);
         return config.state_directory;
     }();

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // Configuration file and platform start-up: mistakes are named with their place and nothing of the file is applied.
-#include "oru_config.h"
+#include "config_internal.h"
 #include "oru_init.h"
 #include "oru_log_setup.h"
 #include <algorithm>
@@ -50,7 +50,7 @@ protected:
         oruConfig_t settings = oruConfig_get();
         settings.state_directory = state;
         settings.runtime_directory = runtime;
-        oruConfig_setForTesting(settings);
+        oruConfig_replace(settings);
         testing::internal::CaptureStderr();
         EXPECT_EQ(oru_initWithConfig(&config), expected);
         EXPECT_TRUE(oruLog_flush(10000));

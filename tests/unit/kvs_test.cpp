@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // Behaviour of the key-value store on a sound file: contract, durability, faults of the medium, several threads.
+#include "config_internal.h"
 #include "kvs_fixture.h"
 #include "oru_log.h"
 #include "zb_database.h"
@@ -55,7 +56,7 @@ KvsTest::KvsTest() {
     config.state_directory = folder;
     config.runtime_directory = folder + "-run";
     std::filesystem::create_directory(config.runtime_directory);
-    oruConfig_setForTesting(config);
+    oruConfig_replace(config);
     oruKvsTesting_setPace(0, 0);
     oruKvsTesting_failWrites(0, 0, SQLITE_OK);
     clearLog();

@@ -3,7 +3,7 @@
 // A server on a socket in its own folder, with a service handler that tests steer.
 #pragma once
 #include "../support/raw_client.h"
-#include "oru_config.h"
+#include "config_internal.h"
 #include "oru_kvs_state.h"
 #include "oru_oipc.h"
 #include <algorithm>
@@ -52,7 +52,7 @@ protected:
     static void useDirectory(const std::string &runtime_directory) {
         oruConfig_t platform = oruConfig_defaults();
         platform.runtime_directory = runtime_directory;
-        oruConfig_setForTesting(platform);
+        oruConfig_replace(platform);
     }
     oru_status_t start() { return oruOipc_start(&handle, &config); }
     void stop() { EXPECT_EQ(oruOipc_stop(&handle), handle != 0 ? ORU_STATUS_OK : ORU_STATUS_UNINITIALIZED); }
