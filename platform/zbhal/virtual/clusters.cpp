@@ -86,6 +86,12 @@ constexpr auto kAttributes = std::to_array<AttributeInfo>({
     attribute(kClusterElectrical, 0x0505, uint16, REPORT, 230, 1),
     attribute(kClusterElectrical, 0x0508, uint16, REPORT, 260), // mA
     attribute(kClusterElectrical, 0x050B, int16, REPORT, 60),   // W
+    attribute(kClusterElectrical, 0x0600, uint16, READ, 1),     // multipliers and divisors of these three
+    attribute(kClusterElectrical, 0x0601, uint16, READ, 1),
+    attribute(kClusterElectrical, 0x0602, uint16, READ, 1),
+    attribute(kClusterElectrical, 0x0603, uint16, READ, 1000),
+    attribute(kClusterElectrical, 0x0604, uint16, READ, 1),
+    attribute(kClusterElectrical, 0x0605, uint16, READ, 1),
 });
 
 constexpr AttributeInfo kClusterRevision = attribute(0xFFFF, kAttributeClusterRevision, uint16, READ, 1);
