@@ -4,6 +4,7 @@
 #include "corvanectl_names.h"
 #include "corvanectl_parse.h"
 #include "corvanectl_zcl.h"
+#include "drawing.h"
 #include <array>
 #include <functional>
 #include <gtest/gtest.h>
@@ -12,6 +13,8 @@
 
 namespace corvane::ctl {
 namespace {
+
+using namespace map;
 
 TEST(CtlParse, AcceptsWhatPeopleWrite) {
     EXPECT_EQ(tryNumber(protectNegativeNumber("-15")), -15);
@@ -129,16 +132,11 @@ TEST(CtlZcl, DecodesFramesAndSurvivesEveryTruncation) {
 }
 
 struct Network {
-    MapInput input{"channel 15", "02:00:c0:ff:fe:00:00:01", {}, {}, {}, {}};
+    MapInput input{"channel 15", {0x02, 0x00, 0xC0, 0xFF, 0xFE, 0x00, 0x00, 0x01}, {}, {}, {}, {}};
 
     void device(uint16_t id, bool router) {
-        auto &node = input.devices.emplace_back();
-        node.id = id;
-        node.device_info.capabilities = router ? 0x8E : 0x80;
-        node.device_info.eui64[7] = static_cast<uint8_t>(id);
-        node.device_info.endpoint_count = 1;
-        node.device_info.endpoints[0].profile_id = 0x0104;
-        node.device_info.endpoints[0].device_id = router ? 0x010C : 0x0302;
+        const Eui64 eui64{0, 0, 0, 0, 0, 0, 0, static_cast<uint8_t>(id)};
+        input.devices.push_back({id, eui64, router, router ? "color temperature light" : "temperature sensor"});
     }
     void child(uint16_t id) { input.children.emplace_back().id = id; }
     void neighbor(uint16_t id, uint8_t lqi, uint8_t out_cost = 1) {

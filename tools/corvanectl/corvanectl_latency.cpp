@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Round trips of read-attribute commands, as a histogram.
-#include "corvanectl_map.h"
 #include "corvanectl_names.h"
 #include "corvanectl_send.h"
 #include "corvanectl_svgfile.h"
 #include "corvanectl_zcl.h"
+#include "drawing.h"
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <fmt/format.h>
@@ -134,13 +134,13 @@ void latency(Session &session, const LatencyOptions &options) {
         }
     }
     Json rows = Json::array();
-    std::vector<LatencySeries> series;
+    std::vector<map::LatencySeries> series;
     for (const Measurement &measurement : measurements) {
         rows.push_back(statistics(measurement));
         series.push_back({deviceTitle(measurement.device), measurement.round_trips_ms});
     }
     if (!options.svg.empty()) {
-        writeSvgFile(options.svg, latencySvg(series));
+        writeSvgFile(options.svg, map::latencySvg(series));
     }
     session.answer({{"devices", rows}}, report(measurements));
     if (std::ranges::all_of(measurements, [](const Measurement &m) { return m.round_trips_ms.empty(); })) {

@@ -4,7 +4,10 @@
 #include "corvanectl_map.h"
 #include "corvanectl_session.h"
 #include "corvanectl_svgfile.h"
+#include "drawing.h"
+#include "zigbee/mac_capabilities.h"
 #include <CLI/CLI.hpp>
+#include <array>
 #include <cerrno>
 #include <cstring>
 #include <fmt/format.h>
@@ -102,17 +105,19 @@ void neighbors(Session &session) {
     session.answer({{"neighbors", rows}}, rows.empty() ? "no router is a neighbour of the coordinator" : table.text());
 }
 
-MapInput readTables(Session &session) {
+map::MapInput readTables(Session &session) {
     Client &client = session.client();
-    MapInput input;
+    map::MapInput input;
     const auto network = session.value(client.networkInfo(), "network information");
     if (network.channel == 0xFF) {
         throw Failure(Exit::Refused, "there is no network to draw; \"corvanectl form\" forms one");
     }
     input.title = fmt::format("channel {}, PAN id {}", network.channel, hexUpper(network.panid));
-    input.coordinator_eui64 = formatEui64(session.value(client.localNode(), "local node").device_info.eui64);
+    input.coordinator_eui64 = std::to_array(session.value(client.localNode(), "local node").device_info.eui64);
     for (const auto &device : session.allDevices()) {
-        input.devices.push_back({device.node_id, device.manufacturer_code, {}, device.device_info});
+        const oruZb_deviceInfo_t &info = device.device_info;
+        input.devices.push_back(
+            {device.node_id, std::to_array(info.eui64), zigbee::isRouter(info.capabilities), deviceTypeOf(info)});
     }
     input.children = session.value(client.children(), "children");
     input.routes = session.value(client.routes(), "routes");
@@ -120,12 +125,12 @@ MapInput readTables(Session &session) {
     return input;
 }
 
-void map(Session &session, const std::string &svg_path) {
-    const NetworkMap drawn = buildMap(readTables(session));
+void showMap(Session &session, const std::string &svg_path) {
+    const map::NetworkMap drawn = map::buildMap(readTables(session));
     Json json = mapJson(drawn);
     std::string text = mapText(drawn);
     if (!svg_path.empty()) {
-        writeSvgFile(svg_path, mapSvg(drawn));
+        writeSvgFile(svg_path, map::mapSvg(drawn));
         json["svg"] = svg_path;
         text += fmt::format("drawn into {}\n", svg_path);
     }
@@ -156,7 +161,7 @@ void addTableCommands(CLI::App &app, Session &session) {
     auto svg = std::make_shared<std::string>();
     auto *command = app.add_subcommand("map", "The network as a tree, with link quality");
     command->add_option("--svg", *svg, "Also draw it into this file")->type_name("FILE");
-    command->callback([&session, svg] { session.run = [&session, svg] { map(session, *svg); }; });
+    command->callback([&session, svg] { session.run = [&session, svg] { showMap(session, *svg); }; });
 }
 
 } // namespace corvane::ctl

@@ -3,7 +3,8 @@
 // Drawings. The map is a radial tree: the coordinator in the middle, its routers on a ring, everything else outside its
 // parent. Every leaf owns an angle, so edges do not cross. Labels try the places around their node; when one finds none
 // that is free, the whole drawing is stretched and laid out again.
-#include "corvanectl_map.h"
+#include "drawing.h"
+#include "base/printable.h"
 #include <algorithm>
 #include <array>
 #include <cmath>
@@ -11,7 +12,7 @@
 #include <numbers>
 #include <numeric>
 
-namespace corvane::ctl {
+namespace corvane::map {
 
 namespace {
 
@@ -55,7 +56,7 @@ std::string nameOf(const MapNode &node) {
 
 std::string addressOf(const MapNode &node) {
     const std::string tail = node.eui64.size() == 23 ? " ..." + node.eui64.substr(15) : "";
-    return hexUpper(node.node_id) + tail;
+    return fmt::format("0x{:04X}{}", node.node_id, tail);
 }
 
 Box boxAround(Point middle, double half_width, double half_height) {
@@ -340,7 +341,7 @@ void drawLinkLabel(std::string &svg, const MapNode &node, const PlacedNode &plac
 
 void drawNode(std::string &svg, const MapNode &node, const PlacedNode &placed) {
     svg += fmt::format("<g><title>{}</title>",
-                       escapeXml(fmt::format("{} {} {}", node.name, hexUpper(node.node_id), node.eui64)));
+                       escapeXml(fmt::format("{} 0x{:04X} {}", node.name, node.node_id, node.eui64)));
     drawShape(svg, node.kind, {placed.x, placed.y}, radiusOf(node));
     const double middle = (placed.label.left + placed.label.right) / 2;
     svg += fmt::format(
@@ -399,7 +400,7 @@ std::string openSvg(double width, double height, std::string_view title, std::st
 
 std::string escapeXml(std::string_view text) {
     std::string escaped;
-    for (const char c : printable(text)) {
+    for (const char c : base::printable(text)) {
         switch (c) {
         case '&':
             escaped += "&amp;";
@@ -508,4 +509,4 @@ std::string latencySvg(const std::vector<LatencySeries> &series) {
     return svg + "</svg>\n";
 }
 
-} // namespace corvane::ctl
+} // namespace corvane::map
