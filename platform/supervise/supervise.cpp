@@ -50,7 +50,7 @@ private:
         uint64_t us = 0;
     };
 
-    void watch();
+    void watch(int64_t looked_us);
     void look(int64_t now_us);
     Silence longest(int64_t now_us) const;
     void startOver(int64_t now_us);
@@ -76,7 +76,8 @@ bool Watcher::start(uint32_t limit_seconds) {
         return true;
     }
     stopping_ = false;
-    if (!base::startThread(thread_, "supervise", [this] { watch(); })) {
+    // The time is taken here: the process may be stopped before the thread has run at all.
+    if (!base::startThread(thread_, "supervise", [this, now_us = realNowUs()] { watch(now_us); })) {
         oruLog_log(ORU_LOG_ID_MAIN, ORU_LOG_ERROR, TAG, "cannot start the thread supervise: %s", std::strerror(errno));
         return false;
     }
@@ -127,11 +128,10 @@ Watcher::Silence Watcher::longest(int64_t now_us) const {
     return longest;
 }
 
-void Watcher::watch() {
+void Watcher::watch(int64_t looked_us) {
     const uint64_t none = UINT64_MAX;
     const uint64_t shortest = std::min(limit_us_ != 0 ? limit_us_ : none, notify_us_ != 0 ? notify_us_ : none);
     const auto step_us = std::clamp<int64_t>(static_cast<int64_t>(shortest / 4), 50000, 5000000);
-    int64_t looked_us = realNowUs();
     std::unique_lock lock(mutex_);
     while (!changed_.wait_for(lock, std::chrono::microseconds(step_us), [this] { return stopping_; })) {
         const int64_t now_us = realNowUs();
