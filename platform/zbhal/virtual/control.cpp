@@ -92,8 +92,8 @@ bool peerAllowed(int fd) {
 
 class ControlServer {
 public:
-    ControlServer(std::string path, Descriptor listener, Descriptor wake, SimTarget &target)
-        : path_(std::move(path)), listener_(std::move(listener)), wake_(std::move(wake)), target_(target) {
+    ControlServer(std::string path, Descriptor listener, Descriptor wake, LineHandler handler)
+        : path_(std::move(path)), listener_(std::move(listener)), wake_(std::move(wake)), handler_(std::move(handler)) {
         struct stat info {};
         if (lstat(path_.c_str(), &info) == 0) {
             device_ = info.st_dev;
@@ -186,7 +186,7 @@ private:
     bool answerLines(int client, std::string &input) {
         size_t end = 0;
         while ((end = input.find('\n')) != std::string::npos && end <= kMaxLine) {
-            const std::string answer = handleControlLine(input.substr(0, end), target_) + "\n";
+            const std::string answer = handler_(input.substr(0, end)) + "\n";
             input.erase(0, end + 1);
             if (!sendAll(client, answer)) {
                 return false;
@@ -215,7 +215,7 @@ private:
     const std::string path_;
     const Descriptor listener_;
     const Descriptor wake_;
-    SimTarget &target_;
+    const LineHandler handler_;
     dev_t device_ = 0;
     ino_t inode_ = 0;
     bool stopping_ = false; // touched by the thread only
@@ -224,12 +224,19 @@ private:
 
 std::unique_ptr<ControlServer, void (*)(ControlServer *)> startControlServer(const std::string &socket_path,
                                                                              SimTarget &target) {
+    return startControlServer(socket_path,
+                              [&target](const std::string &line) { return handleControlLine(line, target); });
+}
+
+std::unique_ptr<ControlServer, void (*)(ControlServer *)> startControlServer(const std::string &socket_path,
+                                                                             LineHandler handler) {
     const auto destroy = [](ControlServer *server) { delete server; };
     try {
         Descriptor listener = listenAt(socket_path);
         Descriptor wake(listener ? eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK) : -1);
         if (wake) {
-            auto *const server = new ControlServer(socket_path, std::move(listener), std::move(wake), target);
+            auto *const server =
+                new ControlServer(socket_path, std::move(listener), std::move(wake), std::move(handler));
             if (server->start()) {
                 return {server, destroy};
             }

@@ -5,6 +5,7 @@
 #pragma once
 #include "scenario.h"
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -54,6 +55,10 @@ class ControlServer; // owns the socket and its thread
 // Starts the control server; null when the socket cannot be created (logged). The target outlives the server.
 std::unique_ptr<ControlServer, void (*)(ControlServer *)> startControlServer(const std::string &socket_path,
                                                                              SimTarget &target);
+// The same with another answer to a request line, given on the server's thread.
+using LineHandler = std::function<std::string(const std::string &line)>;
+std::unique_ptr<ControlServer, void (*)(ControlServer *)> startControlServer(const std::string &socket_path,
+                                                                             LineHandler handler);
 
 // Handles one request line and returns the answer line without line feed. Any input is legal. Used by the server and
 // by tests.

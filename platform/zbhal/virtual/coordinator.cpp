@@ -31,6 +31,7 @@ CoordinatorRadio::CoordinatorRadio(const Scenario &scenario, const VirtualSettin
     std::reverse_copy(scenario_.coordinator.eui64.begin(), scenario_.coordinator.eui64.end(), info_.eui64);
     info_.capabilities = zigbee::MAC_COORDINATOR;
     oruSecret_keepOutOfDumps(&network_, sizeof network_);
+    oruSecret_keepOutOfDumps(&planned_, sizeof planned_);
     CoordinatorRadio::addEndpoint(zbhal::DEFAULT_ENDPOINT);
 }
 
@@ -214,6 +215,12 @@ Network CoordinatorRadio::makeNetwork(uint32_t primary_mask, uint32_t secondary_
     network.pan_id = static_cast<uint16_t>(1 + random_.below(0xFFFD)); // 0xFFFF means all, 0xFFFE none
     std::generate(network.extended_pan_id.begin(), network.extended_pan_id.end(), [this] { return random_.byte(); });
     std::generate(network.key.begin(), network.key.end(), [this] { return random_.byte(); });
+    if (planned_) {
+        network.pan_id = planned_->pan_id;
+        network.extended_pan_id = planned_->extended_pan_id;
+        network.key = planned_->key;
+        planned_.reset();
+    }
     return network;
 }
 

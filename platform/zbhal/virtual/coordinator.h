@@ -91,6 +91,8 @@ public:
     // -------- simulation
     void holdConfirmations(bool hold);
     bool fatalError(); // false: disabled
+    // The next network that is formed takes its PAN id, extended PAN id and key from here instead of from chance.
+    void planNetwork(const Network &network) { planned_ = network; }
     void setAir(const AirSpec &air) { air_.setSpec(air); }
     const AirSpec &air() const { return air_.spec(); }
     Mesh &mesh() { return mesh_; }
@@ -181,7 +183,8 @@ private:
     bool remember_due_ = false;
     std::string memory_path_; // empty: nothing is remembered
     std::optional<Network> network_;
-    Network forming_;        // while it is being formed
+    Network forming_; // while it is being formed
+    std::optional<Network> planned_;
     uint64_t shortages_ = 0; // of memory, that have been logged
     oruZbHal_region_t region_ = ORU_ZB_HAL_REGION_WORLD_WIDE;
     int8_t power_dbm_;

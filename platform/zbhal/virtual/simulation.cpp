@@ -11,14 +11,14 @@ namespace {
 
 using zbhal::AdapterFaults;
 using zbhal::FaultyAdapter;
+using zbhal::SimulationOwner;
 using zbhal::SteppedAdapter;
 using zbhal::VirtualSettings;
 
-// The simulation behind the control socket, in step with the layer's operations.
+// The simulation behind the control socket, in step with whoever else uses the coordinator.
 class Simulation final : public SimTarget {
 public:
-    Simulation(CoordinatorRadio &radio, SteppedAdapter &stepped, AdapterFaults &faults)
-        : radio_(radio), stepped_(stepped), faults_(faults) {}
+    Simulation(CoordinatorRadio &radio, SimulationOwner &owner) : radio_(radio), owner_(owner) {}
 
     std::vector<SimDevice> list() override;
     std::string join(const std::string &name) override {
@@ -59,12 +59,12 @@ public:
     std::string setAir(const AirSpec &air) override;
     AirSpec getAir() override;
     std::string refuseNext(const std::string &operation, uint32_t count, int32_t status) override {
-        return faults_.refuseNext(operation, count, status);
+        return owner_.refuseNext(operation, count, status);
     }
     std::string adapterReset() override;
     std::string adapterFatalError() override;
     std::string adapterHang(uint32_t milliseconds) override {
-        faults_.hang(milliseconds);
+        owner_.hang(milliseconds);
         return {};
     }
 
@@ -74,7 +74,7 @@ private:
     template <typename Work>
     std::string with(const std::string &name, Work work) {
         std::string result;
-        stepped_.locked([&] {
+        owner_.locked([&] {
             const int index = mesh().indexOf(name);
             result = index < 0 ? "no device is named \"" + name + "\"" : work(static_cast<size_t>(index));
         });
@@ -82,13 +82,12 @@ private:
     }
 
     CoordinatorRadio &radio_;
-    SteppedAdapter &stepped_;
-    AdapterFaults &faults_;
+    SimulationOwner &owner_;
 };
 
 std::vector<SimDevice> Simulation::list() {
     std::vector<SimDevice> rows;
-    stepped_.locked([&] {
+    owner_.locked([&] {
         for (const MeshNode &node : mesh().nodes()) {
             SimDevice row;
             row.name = node.device.spec().name;
@@ -122,25 +121,25 @@ std::string Simulation::setAir(const AirSpec &air) {
             return "a probability lies between 0.0 and 1.0";
         }
     }
-    stepped_.locked([&] { radio_.setAir(air); });
+    owner_.locked([&] { radio_.setAir(air); });
     return {};
 }
 
 AirSpec Simulation::getAir() {
     AirSpec air;
-    stepped_.locked([&] { air = radio_.air(); });
+    owner_.locked([&] { air = radio_.air(); });
     return air;
 }
 
 std::string Simulation::adapterReset() {
     oru_status_t status = ORU_STATUS_OK;
-    stepped_.locked([&] { status = radio_.reset(); });
+    owner_.locked([&] { status = radio_.reset(); });
     return status == ORU_STATUS_OK ? "" : "the adapter is disabled";
 }
 
 std::string Simulation::adapterFatalError() {
     bool running = false;
-    stepped_.locked([&] { running = radio_.fatalError(); });
+    owner_.locked([&] { running = radio_.fatalError(); });
     return running ? "" : "the adapter is disabled";
 }
 
@@ -156,11 +155,13 @@ struct VirtualParts {
 };
 
 // The coordinator kept in step, with ordered faults, its simulation and, from the first enable on, the control server.
-class VirtualAdapter final : private VirtualParts, public FaultyAdapter, public zbhal::Simulator {
+class VirtualAdapter final : private VirtualParts,
+                             private SimulationOwner,
+                             public FaultyAdapter,
+                             public zbhal::Simulator {
 public:
     VirtualAdapter(const Scenario &scenario, const VirtualSettings &settings, AdapterHost &host)
-        : VirtualParts(scenario, settings, host), FaultyAdapter(stepped, *faults),
-          simulation_(radio, stepped, *faults) {
+        : VirtualParts(scenario, settings, host), FaultyAdapter(stepped, *faults), simulation_(radio, *this) {
         if (!settings.control_directory.empty()) {
             control_path_ = settings.control_directory + "/corvane-sim.sock";
         }
@@ -185,6 +186,12 @@ public:
     }
 
 private:
+    void locked(const std::function<void()> &work) override { stepped.locked(work); }
+    std::string refuseNext(const std::string &operation, uint32_t count, int32_t status) override {
+        return faults->refuseNext(operation, count, status);
+    }
+    void hang(uint32_t milliseconds) override { faults->hang(milliseconds); }
+
     Simulation simulation_;
     std::string control_path_;
     std::mutex server_mutex_; // guards server_, whose thread takes other locks only
@@ -214,6 +221,10 @@ Made makeVirtualAdapter(const std::string &scenario_path, const VirtualSettings 
     } catch (const std::bad_alloc &) {
         return {nullptr, ORU_STATUS_BAD_PARAM, failed + "out of memory"};
     }
+}
+
+std::unique_ptr<mesh::SimTarget> makeSimulation(mesh::CoordinatorRadio &radio, SimulationOwner &owner) {
+    return std::make_unique<mesh::Simulation>(radio, owner);
 }
 
 Simulator *simulatorOf(Adapter *adapter) {

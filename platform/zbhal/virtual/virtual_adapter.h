@@ -5,6 +5,11 @@
 #include "../zbhal_backends.h"
 #include "adapter_faults.h"
 #include "control.h"
+#include <functional>
+
+namespace corvane::mesh {
+class CoordinatorRadio;
+}
 
 namespace corvane::zbhal {
 
@@ -31,5 +36,18 @@ Made makeVirtualAdapter(const std::string &scenario_path, const VirtualSettings 
 
 // The simulator behind an adapter; null when the adapter is another kind.
 Simulator *simulatorOf(Adapter *adapter);
+
+// What a simulation needs of the one who owns its coordinator. Any thread.
+class SimulationOwner {
+public:
+    virtual ~SimulationOwner() = default;
+    // Runs work while nobody else uses the coordinator, with mesh time up to date.
+    virtual void locked(const std::function<void()> &work) = 0;
+    virtual std::string refuseNext(const std::string &operation, uint32_t count, int32_t status) = 0; // as SimTarget
+    virtual void hang(uint32_t milliseconds) = 0;
+};
+
+// What the control socket drives. Both outlive it.
+std::unique_ptr<mesh::SimTarget> makeSimulation(mesh::CoordinatorRadio &radio, SimulationOwner &owner);
 
 } // namespace corvane::zbhal
