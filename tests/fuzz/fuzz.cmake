@@ -20,6 +20,7 @@ corvane_fuzzer(config LIBS oru_config oru_log INPUTS ${CMAKE_SOURCE_DIR}/packagi
 corvane_fuzzer(store LIBS corvane_test_kvs oru_kvs oru_config oru_log)
 corvane_fuzzer(scenario LIBS oru_zbhal oru_config oru_log INPUTS ${CMAKE_SOURCE_DIR}/scenarios/home.toml)
 corvane_fuzzer(device LIBS oru_zbhal oru_config oru_log)
+corvane_fuzzer(ncp LIBS corvane_coprocessor oru_zbhal oru_config oru_log)
 corvane_fuzzer(zcl LIBS corvane_zigbee)
 corvane_fuzzer(record LIBS corvane_test_radio corvane_test_platform GTest::gtest)
 corvane_fuzzer(air LIBS corvane_test_radio corvane_test_platform GTest::gtest)
