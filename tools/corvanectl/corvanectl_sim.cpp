@@ -147,8 +147,11 @@ void perform(const Session &session, const Json &request) {
     std::string text = "done";
     if (answer.contains("devices")) {
         text = deviceTable(answer);
-    } else if (answer.contains("faults") || answer.contains("air")) {
-        text = settingTable(answer.contains("faults") ? answer["faults"] : answer["air"]);
+    }
+    for (const char *settings : {"faults", "air", "wire"}) {
+        if (answer.contains(settings)) {
+            text = settingTable(answer[settings]);
+        }
     }
     session.answer(answer, text);
 }
@@ -216,6 +219,16 @@ Json faultsRequest(const SimOptions &options) {
 Json airRequest(const SimOptions &options) {
     return options.words.empty() ? Json::object() : Json{{"air", settings(options.words)}};
 }
+Json wireRequest(const SimOptions &options) {
+    return options.words.empty() ? Json::object() : Json{{"wire", settings(options.words)}};
+}
+Json lineRequest(const SimOptions &options) {
+    Json request{{"event", options.words[0]}};
+    if (options.words.size() > 1) {
+        request["value"] = parseNumber(options.words[1], "the value", 0, 600000);
+    }
+    return request;
+}
 Json hangRequest(const SimOptions &options) {
     return {{"milliseconds", parseNumber(options.words[0], "the time", 0, 600000)}};
 }
@@ -236,6 +249,9 @@ constexpr SimCommand COMMANDS[] = {
     {"reset", "Let the adapter reset", false, "", 0, 0, nullptr},
     {"fatal", "Let the adapter fail for good", false, "", 0, 0, nullptr},
     {"hang", "Let the adapter block", false, "MILLISECONDS", 1, 1, hangRequest},
+    {"wire", "Show or change the faults of corvane-radio's line", false, "[KEY=VALUE ...]", 0, 100, wireRequest},
+    {"line", "Let corvane-radio reset, fail, fall silent, or be unplugged", false,
+     "reset|error|silence|unplug|replug [VALUE]", 1, 2, lineRequest},
 };
 
 void addCommand(CLI::App &sim, Session &session, const SimCommand &description) {
