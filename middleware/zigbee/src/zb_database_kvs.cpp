@@ -61,7 +61,13 @@ oru_status_t oruZb_kvsConvertEUI64ToKey(char *kvs_key, size_t kvs_key_size, cons
     if (!isKeySize(kvs_key_size)) {
         return ORU_STATUS_BAD_PARAM;
     }
-    return oruZb_kvsConvertNameToKey(kvs_key, kvs_key_size, KVS_GROUP, eui64Text(eui64).c_str());
+    const auto text = eui64Text(eui64);
+    if (text.view().size() + 1 != EUI64_TEXT_SIZE) {
+        ZB_LOG_ERROR("%s: %s: Failed to convert EUI64 to string format, status:%d", ZB_DATABASE, __func__,
+                     static_cast<int>(text.view().size()));
+        return ORU_STATUS_GENERAL_ERROR;
+    }
+    return oruZb_kvsConvertNameToKey(kvs_key, kvs_key_size, KVS_GROUP, text.c_str());
 }
 
 oru_status_t oruZb_kvsAddOrUpdateDeviceInfo(oruZb_device_t *device) {

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Message queue, transaction list, memory pools and small helpers.
+// zb_util: message queue, transaction list, memory pools and small helpers, one header each.
 #pragma once
 #include "zb_format.h"
 #include "zb_queue.h"
