@@ -119,7 +119,7 @@ void Ledger::concludeAll(int32_t send_status, oru_status_t interpan_status) {
 uint64_t Ledger::expire(uint64_t now_us, uint64_t limit_us) {
     const std::lock_guard lock(mutex_);
     Entry *entry = limit_us == kNever ? nullptr : oldest();
-    for (; entry != nullptr && now_us - entry->accepted_us >= limit_us; entry = oldest()) {
+    for (; entry != nullptr && now_us >= entry->accepted_us + limit_us; entry = oldest()) { // now may be the older time
         confirm(close(*entry), entry->interpan ? int32_t{ORU_STATUS_CANCELED} : int32_t{ORU_ZB_HAL_APS_NO_ACK});
     }
     return entry == nullptr ? kNever : entry->accepted_us + limit_us;
