@@ -51,7 +51,7 @@ struct AshCounters {
     uint32_t naks_received = 0;
 };
 
-class AshLink {
+class AshLink { // NOLINT(clang-analyzer-optin.performance.Padding): members stand by what they belong to
 public:
     enum class Role : uint8_t { host, coprocessor };
     enum class State : uint8_t { down, resetting, up, failed };

@@ -24,7 +24,8 @@ public:
     template <typename Callable>
     requires(!std::same_as<Callable, Action>) Action(Callable callable)
         : kind_(&kKind<Callable>) { // NOLINT(google-explicit-constructor)
-        static_assert(sizeof(Callable) <= kRoom && alignof(Callable) <= alignof(std::max_align_t));
+        static_assert(sizeof(Callable) <= kRoom);
+        static_assert(alignof(Callable) <= alignof(std::max_align_t));
         static_assert(std::is_nothrow_move_constructible_v<Callable>);
         new (room_) Callable(std::move(callable));
     }
