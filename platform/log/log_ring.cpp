@@ -21,6 +21,9 @@ void Line_ring::pop(Log_line &line) {
 }
 
 void Line_ring::put(const void *from, size_t size) {
+    if (size == 0) {
+        return; // from may be null, which even a copy of nothing does not allow
+    }
     const size_t start = (first_ + used_) % capacity;
     const size_t whole = std::min(size, capacity - start);
     std::memcpy(bytes_.data() + start, from, whole);
