@@ -222,12 +222,10 @@ TEST_F(ClientTest, StoppedReadersCostTheOthersNothing) {
     node.id = lamp;
     node.device_info = listener.client.deviceByNodeId(lamp).value.device_info;
     EXPECT_TRUE(listener.client.nodeLeave(node, nullptr).ok());
-    // On a machine too busy for 500 reports per second the radio's own queue overflows, which is said.
-    const bool all_received = timesSaid(daemon, "reports of the radio lost") == 0;
     for (auto &reader : readers) {
         ASSERT_TRUE(eventually([&] { return reader->complete.load(); }));
         EXPECT_EQ(reader->client.droppedEvents(), 0U);
-        EXPECT_TRUE(reader->gaps == 0 || !all_received) << reader->gaps;
+        EXPECT_EQ(reader->gaps, 0U);
         EXPECT_TRUE(reader->events == readers[0]->events);
     }
     EXPECT_GT(heard, 400);
